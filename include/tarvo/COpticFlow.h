@@ -1,0 +1,69 @@
+#pragma once
+
+#include <tarvo/CTensor.h>
+#include <tarvo/export.h>
+
+/// Flow fields on the host: files, colours, errors.
+///
+/// A flow field is a tensor of width x height x 2: plane 0 holds the displacement to the right, plane 1 the
+/// displacement downwards, in pixels. Problems are reported on standard output (NFlowFile offers the same
+/// files with exceptions); nothing here throws, std::bad_alloc for a result that finds no memory apart.
+struct TARVO_API COpticFlow {
+  /// Writes planes 0 and 1 of a flow field as a flow file: the bytes "PIEH", width and height as 32-bit
+  /// integers, then u and v of every pixel as floats, row after row, all little-endian.
+  ///
+  /// The data go to a temporary file in the same folder that is renamed when it is complete: on any failure a
+  /// file that was there before is still there, unchanged. Devices and pipes are written directly. A folder
+  /// that takes no new file cannot be written to, not even over an old one.
+  /// @param flow      at least two planes
+  /// @param filename  should end in ".flo"; another name is warned about and used all the same
+  /// Messages: "NAME should have extension '.flo'", "Could not open NAME", "Problem writing header",
+  /// "Problem writing data to NAME: REASON".
+  static void writeMiddlebury(CTensor<float>& flow, const char* filename);
+
+  /// Reads a flow file; `flow` becomes width x height x 2.
+  ///
+  /// The values are passed on as they are: a component of magnitude 1e9 or more marks a pixel whose motion is
+  /// unknown. A file that cannot be opened ("Could not open NAME") or is damaged ("Problem reading NAME:
+  /// REASON" for a wrong tag, a negative or impossible size, missing data) leaves `flow` unchanged. Bytes
+  /// after the data are ignored with a message. Memory is taken only for data that the file can hold.
+  static void readMiddlebury(const char* filename, CTensor<float>& flow);
+
+  /// Colours a flow field: `image` becomes width x height x 3 (red, green, blue; integers 0 ... 255).
+  /// @param flow   at least two planes, otherwise a message is printed and `image` stays as it is
+  /// @param image  out; may be the same object as `flow`
+  /// @param scale  vectors of length sqrt(8) * scale and more are drawn at full brightness [pixels]
+  static void flowToImage(CTensor<float>& flow, CTensor<float>& image, float scale);
+
+  /// Colour of one vector: the hue tells the direction (x to the right: red, y downwards: violet blue, to the
+  /// left: green, upwards: yellow), the brightness the length, full from length 1 on. Zero is black.
+  /// A vector without a direction (a component is not a number, or both are infinite) is grey (128, 128,
+  /// 128), which no motion has: the colours of motions are saturated.
+  /// @param red, green, blue  out: integers 0 ... 255
+  static void cartesianToRGB(float x, float y, float& red, float& green, float& blue);
+
+  /// Mean angle in degrees between the space-time directions (u, v, 1) of two flow fields, over the pixels of
+  /// `flow` whose reference is known: both components of magnitude at most 1e9. Pixels that the reference
+  /// does not cover count as unknown. Not-a-number if no pixel is known, or if a value is not a number.
+  static float angularError(CTensor<float>& flow, CTensor<float>& reference);
+};
+
+/// Mean absolute angle in degrees between the directions (u, v) of two flow fields of the same size.
+/// Pixels whose reference has a component of +1e9 or more (or that the reference does not cover) add nothing
+/// to the sum; it is divided by the number of all pixels of `flow`. Not-a-number for a flow without pixels or
+/// with fewer than two planes.
+TARVO_API float aae(CTensor<float> flow, CTensor<float> reference);
+
+/// Writes a plane as a binary portable grey map, its smallest value as 0 and its largest as 255 (a constant
+/// plane and values that are not a number: 0), and prints "NAME, range = RANGE".
+/// @param data           height rows of width floats
+/// @param filename       an existing file is replaced when the new one is complete; a file that cannot be
+/// opened
+///                       is passed over silently
+/// @param height, width  below 1: the range is printed as -2000000000, and the file has no pixels
+TARVO_API void print_image_cpu(float* data, const char* filename, int height, int width);
+
+/// Prints columns x0 ... x1 - 1 of rows y0 ... y1 - 1 of a plane, "%f " per value, a line per row.
+/// @param data   plane whose rows are `pitch` floats apart
+/// The unnamed argument is not used.
+TARVO_API void slice_image(float* data, int, int pitch, int x0, int y0, int x1, int y1);

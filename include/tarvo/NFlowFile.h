@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+#include <tarvo/CTensor.h>
+#include <tarvo/export.h>
+
+/// Flow files with exceptions instead of messages; format and care as in COpticFlow::readMiddlebury and
+/// COpticFlow::writeMiddlebury. Optional: the library itself does not need it.
+namespace NFlowFile {
+
+/// Reads a flow file into a tensor of width x height x 2 (u, v in pixels; a component of magnitude 1e9 or
+/// more marks unknown motion). Bytes after the data are ignored with a message in the library's report.
+/// Throws std::runtime_error naming the file and the reason if it cannot be opened or is damaged.
+TARVO_API CTensor<float> read(const std::string& path);
+
+/// Writes planes 0 and 1 of `flow`; any file name is accepted. The file appears under its name when it is
+/// complete; on failure a file that was there before stays.
+/// Throws std::runtime_error naming the file and the reason.
+TARVO_API void write(const std::string& path, const CTensor<float>& flow);
+
+}  // namespace NFlowFile

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <tarvo/CTensor.h>
+#include <tarvo/export.h>
+
+// Entry points: dense optical flow between two colour images.
+//
+// Images are width x height x 3 tensors with values in 0 ... 255 (thresholds inside are absolute: scale
+// pictures in 0 ... 1 first). A flow is a width x height x 2 tensor in pixels: plane 0 is u, positive to the
+// right, plane 1 is v, positive downwards; pixel (x, y) of the first image corresponds to (x + u, y + v) in
+// the second.
+//
+// Parameters:
+//   sigma                 standard deviation of the smoothing of both images beforehand [pixels]; none unless
+//   > 0 alpha                 weight of the smoothness of the flow beta                  weight of descriptor
+//   matches gamma                 weight of gradient constancy, against brightness constancy eta size ratio
+//   of consecutive pyramid levels, between 0 and 1; closer to 1 is finer and slower fixedPointIterations
+//   outer iterations per level solverIterations      iterations of the linear solver per outer iteration;
+//   doubled for the last five passes
+//
+// Every function throws std::invalid_argument, naming the argument and its values, before anything is
+// changed: for images of other than three channels, of no pixels, of different or too large sizes, weights
+// that are negative or not finite, eta outside (0, 1), and negative iteration counts. Pictures too small for
+// the pyramid give zero flow. A device error prints its message and ends the process with status 1 (see
+// NDevice::onError). The functions may be called from several threads, which then take turns.
+
+/// Forward flow (image 1 to image 2) and backward flow (image 2 to image 1), two separate computations with
+/// the parameters 0, 30, 300, 5, 0.95, 5, 10. The outputs' earlier sizes and contents are discarded.
+TARVO_API void tarvo(CTensor<float> image1, CTensor<float> image2, CTensor<float>& forward,
+                     CTensor<float>& backward);
+
+/// The same with the caller's parameters. With sigma > 0 the backward computation smooths the already
+/// smoothed images once more.
+TARVO_API void tarvo(CTensor<float> image1, CTensor<float> image2, CTensor<float>& forward,
+                     CTensor<float>& backward, float sigma, float alpha, float beta, float gamma, float eta,
+                     int fixedPointIterations, int solverIterations);
+
+/// One computation, from image 1 to image 2. With sigma > 0 both images are smoothed in place. Prints a
+/// timing report.
+TARVO_API void runFlowGPU(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow, float sigma,
+                          float alpha, float beta, float gamma, float eta, int fixedPointIterations,
+                          int solverIterations);

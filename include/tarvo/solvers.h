@@ -1,0 +1,75 @@
+#pragma once
+
+#include <tarvo/export.h>
+
+// Preconditioned conjugate gradients for the linear system of a fixed-point step.
+//
+// System at every pixel: a_uu du + a_uv dv + sum c_n du_n = b_u and a_uv du + a_vv dv + sum c_n dv_n = b_v,
+// with one coupling c_n to each of the four neighbours n. `matrix` is a stack of twelve h x w planes of pitch
+// p (see MatrixPlane), `rhs` a stack of two (b_u, b_v), h * p floats apart. The matrix is symmetric and
+// positive definite. Any device error prints its message (unit "solvers") and ends the process.
+
+/// Planes of the system matrix. The planes behind the first three couplings and plane 11 are never touched.
+enum MatrixPlane {
+  kMatrixUU = 0,
+  kMatrixVU = 1,  ///< equal to kMatrixUV
+  kMatrixUV = 2,
+  kMatrixVV = 3,
+  kMatrixNorth = 4,  ///< coupling to (x, y - 1)
+  kMatrixWest = 6,   ///< coupling to (x - 1, y)
+  kMatrixEast = 8,   ///< coupling to (x + 1, y)
+  kMatrixSouth = 10  ///< coupling to (x, y + 1)
+};
+
+/// Work vectors of the solver, two planes each: 2 * h * p floats or more. A view; the caller owns the
+/// buffers.
+struct CGtmp {
+  float* r;       ///< residual
+  float* z;       ///< preconditioned residual
+  float* spare;   ///< not touched
+  float* search;  ///< search direction
+  float* q;       ///< matrix times search direction
+};
+
+/// Improves (du, dv) towards matrix * (du, dv) = rhs by preconditioned conjugate gradients with the inverse 2
+/// x 2 blocks as preconditioner. All scalars stay on the device; dot products are in single precision, of one
+/// fixed order that depends on h and w alone.
+/// @param matrix      in: twelve-plane stack
+/// @param rhs         in: two-plane stack
+/// @param du, dv      in: start, out: improved solution [pixels]; dv == du + h * p
+/// @param iterations  upper bound; stops early once |r * z| < 0.00001
+/// @param cg          scratch; where iterations <= 0 its r, z, search and q are left holding the residual,
+/// its
+///                    preconditioned form, a copy of that and 0, else their contents are lost
+/// Padding columns of du and dv stay untouched.
+TARVO_API void gPCG(const float* matrix, const float* rhs, float* du, float* dv, int h, int w, int p,
+                    int iterations, CGtmp cg);
+
+/// r = rhs - matrix * (du, dv); r is a two-plane stack. The two differ in their device form alone. No check.
+TARVO_API void computeResidual_opt_kernel(const float* matrix, const float* rhs, const float* du,
+                                          const float* dv, int h, int w, int p, float* r);
+TARVO_API void computeResidual_kernel(const float* matrix, const float* rhs, const float* du, const float* dv,
+                                      int h, int w, int p, float* r);
+/// out = matrix * (d1, d2); out is a two-plane stack. mvm_kernel reads plane 1 in the second equation. No
+/// check.
+TARVO_API void mvm_opt_kernel(const float* matrix, const float* d1, const float* d2, int h, int w, int p,
+                              float* out);
+TARVO_API void mvm_kernel(const float* matrix, const float* d1, const float* d2, int h, int w, int p,
+                          float* out);
+/// z = inverse of each pixel's 2 x 2 block times r; r itself where the block's determinant is 0.0001 or less.
+/// No check.
+TARVO_API void applyBlockJacobiPreconditioner_kernel(const float* matrix, const float* r, float* z, int h,
+                                                     int w, int p);
+/// z = r divided by the diagonal, entries below 0.000001 counted as 1. No check.
+TARVO_API void applyJacobiPreconditioner_kernel(const float* matrix, const float* r, float* z, int h, int w,
+                                                int p);
+
+/// Sum of the squared entries of the residual, which is left in `r` (two planes); single precision, row by
+/// row.
+TARVO_API float gComputeResidual(const float* matrix, const float* rhs, const float* du, const float* dv,
+                                 float* r, int h, int w, int p);
+/// The same for dense host arrays (rows of w floats; 12 h rows, 2 h rows, h rows, h rows).
+TARVO_API float computeResidual(const float* matrix, const float* rhs, const float* du, const float* dv,
+                                int h, int w);
+/// gPCG for dense host arrays; prints "Time= %f ms\n".
+TARVO_API void PCG(const float* matrix, const float* rhs, float* du, float* dv, int h, int w, int iterations);

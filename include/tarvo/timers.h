@@ -1,0 +1,31 @@
+#pragma once
+
+#include <tarvo/export.h>
+
+#include <sys/time.h>
+
+// Wall-clock accumulators in milliseconds, one per phase, with the pair of clock readings each was last fed
+// from. They only grow: every value is a total since the library was loaded. Read them between calls, not
+// during one.
+
+extern TARVO_API double timer_filter;       ///< host pre-smoothing of the images
+extern TARVO_API double timer_memcpy1;      ///< upload and download of one flow computation
+extern TARVO_API double timer_HOG;          ///< the matching step
+extern TARVO_API double timer_var;          ///< the variational step
+extern TARVO_API double timer_total;        ///< a whole flow computation, without device initialisation
+extern TARVO_API double timer_memcpy;       ///< level match planes; transfers of the host-array functions
+extern TARVO_API double timer_down;         ///< building each level's images and match planes
+extern TARVO_API double timer_interp_warp;  ///< flow prolongation, validity plane and warping
+extern TARVO_API double timer_makematrix;   ///< each fixed-point step, solver included
+extern TARVO_API double timer_solver;       ///< each linear solve
+
+extern TARVO_API timeval start_filter, finish_filter;
+extern TARVO_API timeval start_memcpy1, finish_memcpy1;
+extern TARVO_API timeval start_HOG, finish_HOG;
+extern TARVO_API timeval start_var, finish_var;
+extern TARVO_API timeval start_total, finish_total;
+extern TARVO_API timeval start_memcpy, finish_memcpy;
+extern TARVO_API timeval start_down, finish_down;
+extern TARVO_API timeval start_interp_warp, finish_interp_warp;
+extern TARVO_API timeval start_makematrix, finish_makematrix;
+extern TARVO_API timeval start_solver, finish_solver;

@@ -1,0 +1,151 @@
+#include "api/flow_job.h"
+
+#include <tarvo/NFilter.h>
+#include <tarvo/variational.h>
+
+#include <cmath>
+#include <sstream>
+#include <stdexcept>
+
+#include "device/device.h"
+#include "device/memory.h"
+#include "device/report.h"
+#include "device/stopwatch.h"
+#include "gpu/arguments.h"
+
+namespace api {
+namespace {
+
+constexpr const char* kUnit = "tarvo";
+
+/// Device buffers of one computation.
+struct DeviceFlow {
+  device::Buffer image1, image2, matchU, matchV, matchWeight;
+  float *u = nullptr, *v = nullptr;  // handed out by the variational stage
+  int h, w, p = 0, channels;
+
+  explicit DeviceFlow(const CTensor<float>& image)
+      : h(image.sizeY()), w(image.sizeX()), channels(image.sizeZ()) {}
+  DeviceFlow(const DeviceFlow&) = delete;
+  DeviceFlow& operator=(const DeviceFlow&) = delete;
+  ~DeviceFlow() {
+    device::release(u);
+    device::release(v);
+  }
+};
+
+void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma) {
+  auto filter = TARVO_STOPWATCH(filter);
+  if (sigma > 0.0f) {
+    for (CTensor<float>* image : {&image1, &image2}) {
+      NFilter::recursiveSmoothX(*image, sigma);
+      NFilter::recursiveSmoothY(*image, sigma);
+    }
+  }
+  filter.stop();
+}
+
+void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>& image2) {
+  auto memcpy1 = TARVO_STOPWATCH(memcpy1);
+  const int rows = job.channels * job.h;
+  TARVO_CALL(job.image1.allocatePitched(&job.p, job.w, rows));
+  TARVO_CALL(job.image2.allocatePitched(&job.p, job.w, rows));
+  for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
+    TARVO_CALL(plane->allocate(device::planeFloats(job.h, job.p)));
+  }
+  const auto copy = [&](const device::Buffer& to, const CTensor<float>& from) {
+    TARVO_CALL(device::copyPlanes(to.get(), job.p, from.data(), job.w, job.h, job.w, job.channels,
+                                  device::Direction::ToDevice));
+  };
+  copy(job.image1, image1);
+  copy(job.image2, image2);
+  memcpy1.stop();
+}
+
+/// The matching stage: leaves the match field without any match.
+void match(DeviceFlow& job) {
+  auto HOG = TARVO_STOPWATCH(HOG);
+  for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
+    TARVO_CALL(device::clear(plane->get(), device::planeFloats(job.h, job.p) * sizeof(float)));
+  }
+  HOG.stop();
+}
+
+void solve(DeviceFlow& job, const gpu::FlowWeights& weights) {
+  auto var = TARVO_STOPWATCH(var);
+  gVariationalFlowTarvo(job.image1.get(), job.image2.get(), &job.u, &job.v, job.matchU.get(),
+                        job.matchV.get(), job.matchWeight.get(), 1, job.h, job.w, job.p, job.channels, 0.0f,
+                        weights.alpha, weights.beta, weights.gamma, weights.eta, weights.fixedPointIterations,
+                        weights.solverIterations, 1);
+  var.stop();
+}
+
+void download(const DeviceFlow& job, CTensor<float>& flow) {
+  auto memcpy1 = TARVO_STOPWATCH(memcpy1);
+  CTensor<float> result(job.w, job.h, 2, 0.0f);
+  const std::size_t pixels = static_cast<std::size_t>(job.w) * static_cast<std::size_t>(job.h);
+  const float* const planes[2] = {job.u, job.v};
+  for (std::size_t k = 0; k < 2; ++k) {
+    TARVO_CALL(device::copyPlanes(result.data() + k * pixels, job.w, planes[k], job.p, job.h, job.w, 1,
+                                  device::Direction::ToHost));
+  }
+  flow = std::move(result);
+  memcpy1.stop();
+}
+
+void release(DeviceFlow& job) {
+  TARVO_CALL(job.image1.release());
+  TARVO_CALL(job.image2.release());
+  TARVO_CALL(device::release(std::exchange(job.u, nullptr)));
+  TARVO_CALL(device::release(std::exchange(job.v, nullptr)));
+  TARVO_CALL(job.matchU.release());
+  TARVO_CALL(job.matchV.release());
+  TARVO_CALL(job.matchWeight.release());
+}
+
+void printTimes() {
+  report::print("Memcpy time = %f \n", timer_memcpy1);
+  report::print("Filter time = %f \n", timer_filter);
+  report::print("HOG time = %f \n", timer_HOG);
+  report::print("Var time = %f \n", timer_var);
+  report::print("Total time = %f \n", timer_total);
+}
+
+std::string sizeOf(const CTensor<float>& image) {
+  std::ostringstream text;
+  text << image.sizeX() << " x " << image.sizeY() << " x " << image.sizeZ();
+  return text.str();
+}
+
+}  // namespace
+
+void checkArguments(const char* function, const CTensor<float>& image1, const CTensor<float>& image2,
+                    const FlowParameters& parameters) {
+  if (image1.sizeX() != image2.sizeX() || image1.sizeY() != image2.sizeY() ||
+      image1.sizeZ() != image2.sizeZ()) {
+    throw std::invalid_argument(std::string(function) + ": image1 and image2 must have the same size, got " +
+                                sizeOf(image1) + " and " + sizeOf(image2));
+  }
+  gpu::checkSize(function, image1.sizeY(), image1.sizeX(), image1.sizeZ());
+  if (std::isinf(parameters.sigma) && parameters.sigma > 0.0f) {
+    throw std::invalid_argument(std::string(function) + ": sigma must be finite, got inf");
+  }
+  gpu::checkWeights(function, parameters.weights);
+}
+
+void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
+             const FlowParameters& parameters) {
+  device::chosenPitch(image1.sizeX());  // chooses and starts the device before any clock
+  auto total = TARVO_STOPWATCH(total);
+  smooth(image1, image2, parameters.sigma);
+  DeviceFlow job(image1);
+  upload(job, image1, image2);
+  match(job);
+  solve(job, parameters.weights);
+  download(job, flow);
+  release(job);
+  total.stop();
+  printTimes();
+}
+
+}  // namespace api

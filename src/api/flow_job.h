@@ -1,0 +1,23 @@
+#pragma once
+
+#include <tarvo/CTensor.h>
+
+#include "gpu/coarse_to_fine.h"
+
+namespace api {
+
+/// The seven parameters of a flow computation.
+struct FlowParameters {
+  float sigma;
+  gpu::FlowWeights weights;
+};
+
+/// Throws std::invalid_argument, in the name of `function`, unless a flow can be computed from these.
+void checkArguments(const char* function, const CTensor<float>& image1, const CTensor<float>& image2,
+                    const FlowParameters& parameters);
+
+/// One flow computation on checked arguments, inside a device::Entry.
+void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
+             const FlowParameters& parameters);
+
+}  // namespace api

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+/// What the device layer asks of a device. Calls return a code, 0 for success; codes have the CUDA runtime's
+/// values on both devices. Nothing outside src/device uses this.
+namespace device {
+
+using Code = int;
+constexpr Code kSuccess = 0;
+constexpr Code kInvalidValue = 1;
+constexpr Code kOutOfMemory = 2;
+constexpr Code kLaunchFailure = 719;
+
+enum class Direction { ToDevice, ToHost, OnDevice };
+
+struct Backend {
+  const char* kind;
+  Code (*allocate)(void** memory, std::size_t bytes);
+  Code (*release)(void* memory);
+  Code (*clear)(void* memory, std::size_t bytes);
+  /// Copies `rows` rows of `width` bytes; pitches in bytes.
+  Code (*copyRows)(void* to, std::size_t toPitch, const void* from, std::size_t fromPitch, std::size_t width,
+                   std::size_t rows, Direction direction);
+  Code (*synchronize)();
+  /// The last error of a launch or an asynchronous step, which is thereby forgotten.
+  Code (*takeLastError)();
+  /// Makes `code` the last error.
+  void (*setLastError)(Code code);
+  const char* (*text)(Code code);
+  /// Pitch in floats of a plane of width w.
+  int (*pitch)(int w);
+  std::string (*describe)();
+};
+
+const Backend& cpuBackend();
+
+#if TARVO_WITH_CUDA
+/// The backend, its devices and its start: all ask the CUDA runtime, so nothing of it runs on the CPU path.
+const Backend& cudaBackend();
+/// Makes device `index` (-1: the current one) the one to use, after a trial kernel has run there. On failure
+/// false, with the reason in `why`.
+bool startCuda(int index, std::string& why);
+/// One line for each CUDA device.
+std::string describeCudaDevice(int index);
+int countCudaDevices();
+/// Makes the chosen device current, and the caller's again.
+int enterCuda();
+void leaveCuda(int callersDevice);
+#endif
+
+}  // namespace device

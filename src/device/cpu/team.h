@@ -1,0 +1,44 @@
+#pragma once
+
+#include <algorithm>
+
+namespace device::cpu {
+
+/// Threads of the CPU device, the caller's included. Default: the processors this process may use.
+int teamSize();
+void setTeamSize(int threads);
+
+/// Runs body(context, chunk) for every chunk in [0, chunks), each once, on the team, and returns when all are
+/// done. The caller claims chunks like the workers and never waits for a worker that has not claimed one.
+/// `body` must not throw.
+void runChunks(int chunks, void (*body)(const void* context, int chunk), const void* context);
+
+/// Below this many pixels work runs on the caller's thread: handing it out would cost more than it saves.
+constexpr int kPixelsForTeam = 12000;
+
+/// Rows per chunk when h rows of w pixels are shared out: a few chunks for each thread, none tiny. One chunk
+/// of all rows where the work stays on the caller's thread. Results never depend on it.
+int rowsPerChunk(int h, int w);
+
+/// Runs function(y0, y1) over bands of rows that cover [0, h).
+template <class Function>
+void forBands(int h, int w, const Function& function) {
+  const int rows = rowsPerChunk(h, w);
+  if (rows >= h) {
+    function(0, h);
+    return;
+  }
+  struct Context {
+    const Function& function;
+    int h, rows;
+  };
+  const Context context{function, h, rows};
+  runChunks((h + rows - 1) / rows,
+            [](const void* opaque, int chunk) {
+              const auto& c = *static_cast<const Context*>(opaque);
+              c.function(chunk * c.rows, std::min(c.h, (chunk + 1) * c.rows));
+            },
+            &context);
+}
+
+}  // namespace device::cpu

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "device/backend.h"
+
+#include <atomic>
+#include <cstddef>
+
+/// Where device work runs, its calls, and how their errors end the process. The rooms above use this,
+/// memory.h and launch.h.
+namespace device {
+
+/// True where work runs on a CUDA device; chooses the device at the first use.
+bool onCuda();
+
+/// Set-up of one exported function on host data: one caller at a time, plain floating-point mode (round to
+/// nearest, no flushing of denormals), the chosen CUDA device current; all restored on return. Throws
+/// std::logic_error when entered from a callback of the library, and std::runtime_error on a CUDA device
+/// after a fork.
+class Entry {
+ public:
+  Entry();
+  ~Entry();
+  Entry(const Entry&) = delete;
+  Entry& operator=(const Entry&) = delete;
+
+ private:
+  unsigned floatMode_;
+  int callersDevice_ = -1;
+};
+
+/// Plain floating-point mode for the calling thread; returns the mode before, for restoreFloatMode.
+unsigned plainFloatMode();
+void restoreFloatMode(unsigned mode);
+
+// Device calls. Each counts for NDevice::failCall and returns its code.
+Code clear(void* memory, std::size_t bytes);
+Code copyRows(void* to, std::size_t toPitch, const void* from, std::size_t fromPitch, std::size_t width,
+              std::size_t rows, Direction direction);
+Code copyFloats(float* to, const float* from, std::size_t floats, Direction direction);
+/// Copies `planes` stacked planes of h x w between pitches in floats.
+Code copyPlanes(float* to, int toPitch, const float* from, int fromPitch, int h, int w, int planes,
+                Direction direction);
+Code synchronize();
+Code takeLastError();
+const char* text(Code code);
+
+/// Every launch passes here first: false where it must not run because a failure is injected.
+bool beginLaunch();
+/// Counts one device call; the code with which it must fail, or kSuccess.
+Code countCall(Code failure);
+
+/// Call check: ends the process with the fixed message unless `code` is success.
+void checkCall(Code code, const char* unit, int line);
+/// Launch check: the same for the last error, under the label of the step.
+void checkLaunch(const char* label, const char* unit, int line);
+
+}  // namespace device
+
+/// Checks of a unit's device calls and launches; kUnit is the unit's name, a constant of every unit.
+#define TARVO_CALL(call) device::checkCall((call), kUnit, __LINE__)
+#define TARVO_LAUNCHED(label) device::checkLaunch((label), kUnit, __LINE__)

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+
+#include "device/kernel.h"
+
+/// The fixed shape of the solver's dot products, the same on every device.
+///
+/// The vectors are stacks of two h x w planes. Every row is cut into segments of kSegment columns, every
+/// segment is summed by kLanes lanes: lane j takes columns j, j + kLanes, ... of its segment in order, at
+/// each column first the product in plane one, then the one in plane two, every step one fused multiply-add
+/// starting from 0. The lanes of a segment are added by halving (j + 16 to j, j + 8 to j, ... j + 1 to j).
+/// The h * segments sums, row by row, are then added by kFinalLanes lanes, lane j taking sums j, j +
+/// kFinalLanes, ... in order, and these by halving. The result depends on h, w and the values alone: not on
+/// the pitch, threads, blocks or vector width.
+namespace device {
+
+constexpr int kSegment = 256;
+constexpr int kLanes = 32;
+constexpr int kFinalLanes = 1024;
+
+TARVO_HOST_DEVICE int segmentsPerRow(int w) {
+  return (w + kSegment - 1) / kSegment;
+}
+
+/// Floats of scratch for the segment sums of an h x w plane.
+inline std::size_t dotScratch(int h, int w) {
+  return static_cast<std::size_t>(h) * static_cast<std::size_t>(segmentsPerRow(w));
+}
+
+namespace cpu {
+
+/// Segment sums of one row: a1 * b1 + a2 * b2 over w columns into sums[0 ... segments - 1].
+TARVO_HOST_DEVICE void dotRow(const float* a1, const float* b1, const float* a2, const float* b2, int w,
+                              float* sums) {
+  for (int start = 0; start < w; start += kSegment) {
+    const int end = start + kSegment < w ? start + kSegment : w;
+    float lanes[kLanes] = {};
+    int x = start;
+    for (; x + kLanes <= end; x += kLanes) {
+#pragma omp simd
+      for (int j = 0; j < kLanes; ++j) {
+        lanes[j] = fmaf(a2[x + j], b2[x + j], fmaf(a1[x + j], b1[x + j], lanes[j]));
+      }
+    }
+    for (int j = 0; x + j < end; ++j) {
+      lanes[j] = fmaf(a2[x + j], b2[x + j], fmaf(a1[x + j], b1[x + j], lanes[j]));
+    }
+    for (int half = kLanes / 2; half > 0; half /= 2) {
+      for (int j = 0; j < half; ++j) lanes[j] += lanes[j + half];
+    }
+    *sums++ = lanes[0];
+  }
+}
+
+/// The final sum of n segment sums.
+inline float sumSegments(const float* sums, int n) {
+  float lanes[kFinalLanes] = {};
+  for (int start = 0; start < n; start += kFinalLanes) {
+    const int count = n - start < kFinalLanes ? n - start : kFinalLanes;
+    for (int j = 0; j < count; ++j) lanes[j] += sums[start + j];
+  }
+  for (int half = kFinalLanes / 2; half > 0; half /= 2) {
+    for (int j = 0; j < half; ++j) lanes[j] += lanes[j + half];
+  }
+  return lanes[0];
+}
+
+}  // namespace cpu
+}  // namespace device

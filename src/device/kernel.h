@@ -1,0 +1,36 @@
+#pragma once
+
+/// How kernels are written: a struct named as the kernel, whose fields are its arguments and whose call
+/// operator does pixel (x, y). A kernel that reads neighbours may have in addition
+///   static constexpr int kReach: how many columns to either side it reads, and
+///   inside(x, y): the same as the call operator, for pixels at least kReach columns away from both side
+///   borders,
+/// so that the CPU's inner loop carries no border tests.
+
+#ifdef __CUDACC__
+#define TARVO_HOST_DEVICE __host__ __device__ __forceinline__
+#else
+#define TARVO_HOST_DEVICE inline __attribute__((always_inline))
+#endif
+
+namespace device {
+
+/// Size of the plane that a kernel writes: outH x outW where it has those fields, else h x w.
+template <class Kernel>
+TARVO_HOST_DEVICE auto rowsOf(const Kernel& k, int) -> decltype(k.outH) {
+  return k.outH;
+}
+template <class Kernel>
+TARVO_HOST_DEVICE int rowsOf(const Kernel& k, long) {
+  return k.h;
+}
+template <class Kernel>
+TARVO_HOST_DEVICE auto columnsOf(const Kernel& k, int) -> decltype(k.outW) {
+  return k.outW;
+}
+template <class Kernel>
+TARVO_HOST_DEVICE int columnsOf(const Kernel& k, long) {
+  return k.w;
+}
+
+}  // namespace device

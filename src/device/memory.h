@@ -1,0 +1,51 @@
+#pragma once
+
+#include <utility>
+
+#include "device/device.h"
+
+namespace device {
+
+/// Device memory from the pool, which keeps released buffers for the next request of their size or smaller,
+/// so that repeated work allocates nothing. Contents are undefined.
+Code allocate(float** memory, std::size_t floats);
+/// Memory of `rows` rows of w floats at a pitch of its own, which is stored in `pitch` (floats).
+Code allocatePitched(float** memory, int* pitch, int w, int rows);
+/// The chosen device's own pitch for planes of width w, in floats.
+int chosenPitch(int w);
+Code release(float* memory);
+/// Takes memory out of the pool's care: it is the caller's, who gives it back with NDevice::release.
+float* detach(float* memory);
+
+/// Owner of device memory. The normal way releases it explicitly, TARVO_CALL(buffer.release()), so that a
+/// failure is seen; the destructor acts only when an exception passes, and ignores failures.
+class Buffer {
+ public:
+  Buffer() = default;
+  Buffer(Buffer&& other) noexcept : memory_(std::exchange(other.memory_, nullptr)) {}
+  Buffer& operator=(Buffer&& other) noexcept {
+    std::swap(memory_, other.memory_);
+    return *this;
+  }
+  ~Buffer() {
+    if (memory_ != nullptr) device::release(memory_);
+  }
+
+  Code allocate(std::size_t floats) { return device::allocate(&memory_, floats); }
+  Code allocatePitched(int* pitch, int w, int rows) {
+    return device::allocatePitched(&memory_, pitch, w, rows);
+  }
+  Code release() { return device::release(std::exchange(memory_, nullptr)); }
+  float* get() const { return memory_; }
+  float* detach() { return device::detach(std::exchange(memory_, nullptr)); }
+
+ private:
+  float* memory_ = nullptr;
+};
+
+/// Floats of `planes` stacked planes of height h and pitch p.
+inline std::size_t planeFloats(int h, int p, int planes = 1) {
+  return static_cast<std::size_t>(h) * static_cast<std::size_t>(p) * static_cast<std::size_t>(planes);
+}
+
+}  // namespace device

@@ -1,0 +1,84 @@
+#include "device/report.h"
+
+#include <tarvo/NReport.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <mutex>
+#include <utility>
+
+namespace {
+
+std::atomic<std::FILE*> reportStream{nullptr};
+std::atomic<bool> silent{false};
+
+// Never destroyed: a process may end from inside a computation.
+std::mutex& callbackMutex() {
+  static auto* mutex = new std::mutex;
+  return *mutex;
+}
+std::function<void(int, int)>& callback() {
+  static auto* function = new std::function<void(int, int)>;
+  return *function;
+}
+
+// The computing functions run one at a time, so plain variables do.
+int currentRun = 0;
+int runCount = 1;
+
+}  // namespace
+
+namespace report {
+
+void print(const char* format, ...) {
+  if (silent.load(std::memory_order_relaxed)) return;
+  std::FILE* stream = reportStream.load(std::memory_order_relaxed);
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vfprintf(stream != nullptr ? stream : stdout, format, arguments);
+  va_end(arguments);
+}
+
+void progress(int done, int total) {
+  std::function<void(int, int)> function;
+  {
+    const std::lock_guard<std::mutex> lock(callbackMutex());
+    function = callback();
+  }
+  if (function) function(currentRun * total + done, runCount * total);
+}
+
+Runs::Runs(int runs) {
+  currentRun = 0;
+  runCount = runs;
+}
+
+Runs::~Runs() {
+  currentRun = 0;
+  runCount = 1;
+}
+
+// A member so that only a live sequence can advance.
+void Runs::nextRun() {
+  ++currentRun;
+}
+
+}  // namespace report
+
+namespace NReport {
+
+void to(std::FILE* stream) {
+  reportStream = stream;
+  silent = false;
+}
+
+void silence() {
+  silent = true;
+}
+
+void progress(std::function<void(int, int)> function) {
+  const std::lock_guard<std::mutex> lock(callbackMutex());
+  callback() = std::move(function);
+}
+
+}  // namespace NReport

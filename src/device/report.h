@@ -1,0 +1,24 @@
+#pragma once
+
+/// The library's own printing. Everything meant for standard output goes through here, so that a client can
+/// redirect or silence it (NReport); messages of exceptions and device errors stay on standard error.
+namespace report {
+
+/// Prints like printf to the report's stream.
+void print(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Tells the client's progress callback that `done` of `total` passes of the current run are done.
+void progress(int done, int total);
+
+/// While alive, progress counts the passes of `runs` equal runs as one sequence; nextRun() goes on to the
+/// next.
+class Runs {
+ public:
+  explicit Runs(int runs);
+  ~Runs();
+  Runs(const Runs&) = delete;
+  Runs& operator=(const Runs&) = delete;
+  void nextRun();
+};
+
+}  // namespace report

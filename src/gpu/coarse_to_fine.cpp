@@ -1,0 +1,214 @@
+#include "gpu/coarse_to_fine.h"
+
+#include <tarvo/elementwise.h>
+#include <tarvo/pyramid.h>
+#include <tarvo/variational.h>
+
+#include <algorithm>
+
+#include "device/report.h"
+#include "device/stopwatch.h"
+#include "gpu/units.h"
+
+namespace gpu {
+namespace {
+
+constexpr const char* kUnit = units::kOpticalFlowGPU;
+constexpr int kChannels = 3;
+
+/// Pitch of a pass: the input's at full resolution, else the device's own for the level's width.
+int pitchOf(const Level& level, const FlowInput& input) {
+  return level.clamped == 0 ? input.pitch : device::chosenPitch(level.w);
+}
+
+/// Floats of the largest plane of all passes.
+std::size_t largestPlane(const FlowInput& input, float eta, int levels) {
+  std::size_t largest = device::planeFloats(input.height, input.pitch);
+  for (int index = 1; index <= levels; ++index) {
+    const Level level = levelOf(index, input.height, input.width, eta);
+    largest = std::max(largest, device::planeFloats(level.h, pitchOf(level, input)));
+  }
+  return largest;
+}
+
+/// The fixed-point step takes its read-only planes as plain pointers.
+float* readOnly(const float* plane) {
+  return const_cast<float*>(plane);
+}
+
+}  // namespace
+
+CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
+    : input_(input),
+      weights_(weights),
+      levels_(levelsAbove(input.height, input.width, weights.eta)),
+      largest_(largestPlane(input, weights.eta, levels_)),
+      scratch_((allocateMatchPlanes(), largest_)) {}
+
+void CoarseToFine::allocateMatchPlanes() {
+  auto memcpy = TARVO_STOPWATCH(memcpy);
+  for (device::Buffer* plane : {&matchU_, &matchV_, &matchWeight_}) TARVO_CALL(plane->allocate(largest_));
+  TARVO_CALL(device::synchronize());
+  memcpy.stop();
+  report::print("# scales = %d \n", levels_);
+}
+
+void CoarseToFine::run() {
+  const int passes = levels_ + 1 + kFinalPasses;
+  for (int index = levels_; index >= -kFinalPasses; --index) {
+    const Level level = levelOf(index, input_.height, input_.width, weights_.eta);
+    if (level.skipped) {
+      report::print("Increase eta or increase minimum dimension\n");
+    } else {
+      runPass(level);
+    }
+    report::progress(levels_ - index + 1, passes);
+  }
+}
+
+void CoarseToFine::runPass(const Level& level) {
+  const bool first = level.clamped == levels_ || u_.get() == nullptr;
+  p_ = pitchOf(level, input_);
+  buildLevel(level);
+
+  auto interp_warp = TARVO_STOPWATCH(interp_warp);
+  carryFlow(level, first);
+  TARVO_LAUNCHED("u,v safe");
+  warp(level, first);
+  TARVO_CALL(device::synchronize());
+  interp_warp.stop();
+
+  const int solverIterations = weights_.solverIterations * (level.index < 0 ? 2 : 1);
+  gNonLinearIteration(readOnly(image1_), readOnly(second_), gconf_.get(), readOnly(levelU_),
+                      readOnly(levelV_), readOnly(levelWeight_), 1, u_.get(), v_.get(), level.h, level.w, p_,
+                      input_.channels, weights_.alpha, weights_.beta, weights_.gamma * level.scale,
+                      weights_.fixedPointIterations, solverIterations, 1.0f, scratch_.cg(), scratch_.fp());
+  releasePass();
+}
+
+void CoarseToFine::buildLevel(const Level& level) {
+  auto down = TARVO_STOPWATCH(down);
+  if (level.index > 0) {
+    TARVO_CALL(allocatePlanes(level1_, level, kChannels));
+    TARVO_CALL(allocatePlanes(level2_, level, kChannels));
+    downsampleImage(level, input_.image1, level1_.get());
+    downsampleImage(level, input_.image2, level2_.get());
+    image1_ = level1_.get();
+    image2_ = level2_.get();
+  } else {
+    image1_ = input_.image1;
+    image2_ = input_.image2;
+  }
+  buildMatches(level);
+  TARVO_CALL(device::synchronize());
+  down.stop();
+  TARVO_LAUNCHED("Input safe");
+}
+
+void CoarseToFine::downsampleImage(const Level& level, const float* image, float* out) {
+  for (int c = 0; c < input_.channels; ++c) {
+    downsample(image, input_.height, input_.width, input_.pitch, out, level.h, level.w, p_, nullptr);
+    image += device::planeFloats(input_.height, input_.pitch);
+    out += device::planeFloats(level.h, p_);
+  }
+}
+
+void CoarseToFine::buildMatches(const Level& level) {
+  levelU_ = matchU_.get();
+  levelV_ = matchV_.get();
+  levelWeight_ = matchWeight_.get();
+  if (input_.matchWeight == nullptr || level.index < 0) {
+    setValue_kernel(matchWeight_.get(), level.h, level.w, p_, 0.0f);  // no match counts
+    return;
+  }
+  if (level.index == 0) {
+    levelU_ = input_.matchU;
+    levelV_ = input_.matchV;
+    levelWeight_ = input_.matchWeight;
+    return;
+  }
+  const auto shrink = [&](const float* plane, float* out) {
+    downsample(plane, input_.height, input_.width, input_.pitch, out, level.h, level.w, p_,
+               input_.matchWeight);
+  };
+  shrink(input_.matchU, matchU_.get());
+  Scale_kernel(matchU_.get(), level.h, level.w, p_, level.scale);
+  shrink(input_.matchV, matchV_.get());
+  Scale_kernel(matchV_.get(), level.h, level.w, p_, level.scale);
+  shrink(input_.matchWeight, matchWeight_.get());
+}
+
+void CoarseToFine::carryFlow(const Level& level, bool first) {
+  if (first) {
+    for (device::Buffer* plane : {&u_, &v_}) {
+      TARVO_CALL(plane->release());
+      TARVO_CALL(allocatePlanes(*plane, level, 1));
+      setValue_kernel(plane->get(), level.h, level.w, p_, 0.0f);
+    }
+  } else if (level.index >= 0) {
+    prolongate(level, u_);
+    prolongate(level, v_);
+  }
+  flowPitch_ = p_;
+}
+
+void CoarseToFine::prolongate(const Level& level, device::Buffer& plane) {
+  const float factor = 1.0f / weights_.eta;
+  device::Buffer finer;
+  TARVO_CALL(allocatePlanes(finer, level, 1));
+  gInterpolate(finer.get(), level.h, level.w, p_, plane.get(), level.hPrev, level.wPrev, flowPitch_, factor);
+  Scale_kernel(finer.get(), level.h, level.w, p_, factor);
+  TARVO_CALL(plane.release());
+  plane = std::move(finer);
+}
+
+void CoarseToFine::warp(const Level& level, bool first) {
+  TARVO_CALL(allocatePlanes(gconf_, level, 1));
+  TARVO_LAUNCHED("gconf safe");
+  if (first) {
+    setValue_kernel(gconf_.get(), level.h, level.w, p_, 1.0f);
+    second_ = image2_;
+  } else {
+    TARVO_CALL(allocatePlanes(warped_, level, input_.channels));
+    gWarpMotion(warped_.get(), u_.get(), v_.get(), image2_, image1_, input_.channels, gconf_.get(), level.h,
+                level.w, p_);
+    second_ = warped_.get();
+  }
+  TARVO_LAUNCHED("Warping safe");
+}
+
+void CoarseToFine::releasePass() {
+  for (device::Buffer* buffer : {&level1_, &level2_, &gconf_, &warped_}) TARVO_CALL(buffer->release());
+}
+
+void CoarseToFine::finish(float** u, float** v) {
+  handOut(u_, u);
+  handOut(v_, v);
+  TARVO_LAUNCHED("ER");
+  for (device::Buffer* plane : {&matchU_, &matchV_, &matchWeight_}) TARVO_CALL(plane->release());
+  scratch_.release();
+}
+
+void CoarseToFine::handOut(device::Buffer& plane, float** out) {
+  const int h = input_.height;
+  const int w = input_.width;
+  if (flowPitch_ != input_.pitch) {  // no pass ran at full resolution, or none at all
+    device::Buffer full;
+    TARVO_CALL(full.allocate(device::planeFloats(h, input_.pitch)));
+    if (plane.get() != nullptr) {
+      TARVO_CALL(device::copyPlanes(full.get(), input_.pitch, plane.get(), flowPitch_, h, w, 1,
+                                    device::Direction::OnDevice));
+    } else {
+      setValue_kernel(full.get(), h, w, input_.pitch, 0.0f);
+    }
+    TARVO_CALL(plane.release());
+    plane = std::move(full);
+  }
+  *out = plane.detach();
+}
+
+device::Code CoarseToFine::allocatePlanes(device::Buffer& buffer, const Level& level, int planes) {
+  return buffer.allocate(device::planeFloats(level.h, p_, planes));
+}
+
+}  // namespace gpu

@@ -1,0 +1,197 @@
+#include <tarvo/elementwise.h>
+#include <tarvo/solvers.h>
+
+#include <vector>
+
+#include "device/dot.h"
+#include "device/launch.h"
+#include "device/memory.h"
+#include "device/report.h"
+#include "device/stopwatch.h"
+#ifdef __CUDACC__
+#include "device/cuda/dot.cuh"
+#endif
+#include "gpu/pcg_cpu.h"
+#include "gpu/solver_kernels.h"
+#include "gpu/solvers_plain.h"
+#include "gpu/units.h"
+
+namespace {
+
+constexpr const char* kUnit = units::kSolvers;
+
+/// *result = a * b over two-plane stacks, in the fixed order; result and sums are device memory.
+void dot(const float* a, const float* b, int h, int w, int p, float* sums, float* result) {
+  if (!device::beginLaunch()) return;
+#ifdef __CUDACC__
+  if (device::onCuda()) {
+    device::cuda::dot(a, b, h, w, p, sums, result);
+    return;
+  }
+#endif
+  const long n = static_cast<long>(h) * p;
+  for (int y = 0; y < h; ++y) {
+    const long row = static_cast<long>(y) * p;
+    device::cpu::dotRow(a + row, b + row, a + row + n, b + row + n, w,
+                        sums + static_cast<long>(y) * device::segmentsPerRow(w));
+  }
+  *result = device::cpu::sumSegments(sums, h * device::segmentsPerRow(w));
+}
+
+/// The CPU device's solve, in place of the kernels' launches.
+void solveOnCpu(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations,
+                CGtmp cg) {
+  const int rows = gpu::cpuSolveRows(h, w);
+  device::Buffer sums, halo;
+  TARVO_CALL(sums.allocate(device::dotScratch(h, w)));
+  TARVO_CALL(halo.allocate(static_cast<std::size_t>(gpu::cpuHaloFloats(h, w, rows))));
+  launchCpuForm([&] {
+    gpu::cpuSolve({matrix, rhs, x, cg.r, cg.search, cg.q, sums.get(), halo.get(), h, w, p, rows}, iterations);
+  });
+  TARVO_CALL(sums.release());
+  TARVO_CALL(halo.release());
+}
+
+}  // namespace
+
+void gpu::plainPCG(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations,
+                   CGtmp cg) {
+  const std::size_t n = device::planeFloats(h, p, 2);
+  const int plane = h * p;
+  for (float* vector : {cg.r, cg.z, cg.search, cg.q}) TARVO_CALL(device::clear(vector, n * sizeof(float)));
+  computeResidual_opt_kernel(matrix, rhs, x, x + plane, h, w, p, cg.r);
+  applyBlockJacobiPreconditioner_kernel(matrix, cg.r, cg.z, h, w, p);
+  TARVO_CALL(device::copyFloats(cg.search, cg.z, n, device::Direction::OnDevice));
+  if (iterations <= 0) return;
+
+  device::Buffer sums, scalars;
+  TARVO_CALL(sums.allocate(device::dotScratch(h, w)));
+  TARVO_CALL(scalars.allocate(1 + (sizeof(kernels::SolverState) + sizeof(float) - 1) / sizeof(float)));
+  float* product = scalars.get();
+  auto* state = reinterpret_cast<kernels::SolverState*>(scalars.get() + 1);
+
+  dot(cg.r, cg.z, h, w, p, sums.get(), product);
+  launch(kernels::BeginSolve{state, product});
+  for (int k = 0; k < iterations; ++k) {
+    mvm_opt_kernel(matrix, cg.search, cg.search + plane, h, w, p, cg.q);
+    dot(cg.search, cg.q, h, w, p, sums.get(), product);
+    launch(kernels::SetAlpha{state, product});
+    launch(kernels::StepAndPrecondition{matrix, state, x, cg.search, cg.r, cg.q, cg.z, h, w, p});
+    dot(cg.r, cg.z, h, w, p, sums.get(), product);
+    launch(kernels::SetBeta{state, product});
+    launch(kernels::NextSearch{state, cg.search, cg.z, h, w, p});
+  }
+  TARVO_CALL(sums.release());
+  TARVO_CALL(scalars.release());
+}
+
+void gPCG(const float* matrix, const float* rhs, float* du, float* /*dv*/, int h, int w, int p,
+          int iterations, CGtmp cg) {
+  if (iterations <= 0 || device::onCuda()) {
+    gpu::plainPCG(matrix, rhs, du, h, w, p, iterations, cg);
+  } else {
+    solveOnCpu(matrix, rhs, du, h, w, p, iterations, cg);
+  }
+  TARVO_LAUNCHED("CG");
+}
+
+void computeResidual_opt_kernel(const float* matrix, const float* rhs, const float* du, const float* dv,
+                                int h, int w, int p, float* r) {
+  launch(kernels::computeResidual_kernel{matrix, rhs, du, dv, h, w, p, r});
+}
+
+void computeResidual_kernel(const float* matrix, const float* rhs, const float* du, const float* dv, int h,
+                            int w, int p, float* r) {
+  launch(kernels::computeResidual_kernel{matrix, rhs, du, dv, h, w, p, r});
+}
+
+void mvm_opt_kernel(const float* matrix, const float* d1, const float* d2, int h, int w, int p, float* out) {
+  launch(kernels::mvm_opt_kernel{matrix, d1, d2, h, w, p, out});
+}
+
+void mvm_kernel(const float* matrix, const float* d1, const float* d2, int h, int w, int p, float* out) {
+  launch(kernels::mvm_kernel{matrix, d1, d2, h, w, p, out});
+}
+
+void applyBlockJacobiPreconditioner_kernel(const float* matrix, const float* r, float* z, int h, int w,
+                                           int p) {
+  launch(kernels::applyBlockJacobiPreconditioner_kernel{matrix, r, z, h, w, p});
+}
+
+void applyJacobiPreconditioner_kernel(const float* matrix, const float* r, float* z, int h, int w, int p) {
+  launch(kernels::applyJacobiPreconditioner_kernel{matrix, r, z, h, w, p});
+}
+
+float gComputeResidual(const float* matrix, const float* rhs, const float* du, const float* dv, float* r,
+                       int h, int w, int p) {
+  computeResidual_kernel(matrix, rhs, du, dv, h, w, p, r);
+  TARVO_LAUNCHED("Residual");
+  std::vector<float> residual(2 * static_cast<std::size_t>(h) * static_cast<std::size_t>(w));
+  TARVO_CALL(device::copyPlanes(residual.data(), w, r, p, h, w, 2, device::Direction::ToHost));
+  float sum = 0.0f;
+  for (const float value : residual) sum += value * value;
+  return sum;
+}
+
+namespace {
+
+/// A system of dense host arrays on the device; du and dv as one stack.
+struct UploadedSystem {
+  device::Buffer x, rhs, matrix;
+  int p = 0;
+
+  UploadedSystem(const float* hostMatrix, const float* hostRhs, const float* du, const float* dv, int h,
+                 int w) {
+    constexpr int kMatrixPlanes = 12;
+    TARVO_CALL(x.allocatePitched(&p, w, 2 * h));
+    TARVO_CALL(rhs.allocate(device::planeFloats(h, p, 2)));
+    TARVO_CALL(matrix.allocate(device::planeFloats(h, p, kMatrixPlanes)));
+    TARVO_CALL(device::copyPlanes(x.get(), p, du, w, h, w, 1, device::Direction::ToDevice));
+    TARVO_CALL(device::copyPlanes(dvPlane(h), p, dv, w, h, w, 1, device::Direction::ToDevice));
+    TARVO_CALL(device::copyPlanes(rhs.get(), p, hostRhs, w, h, w, 2, device::Direction::ToDevice));
+    TARVO_CALL(
+        device::copyPlanes(matrix.get(), p, hostMatrix, w, h, w, kMatrixPlanes, device::Direction::ToDevice));
+  }
+  float* dvPlane(int h) const { return x.get() + device::planeFloats(h, p); }
+  void release() {
+    TARVO_CALL(x.release());
+    TARVO_CALL(rhs.release());
+    TARVO_CALL(matrix.release());
+  }
+};
+
+}  // namespace
+
+float computeResidual(const float* matrix, const float* rhs, const float* du, const float* dv, int h, int w) {
+  const device::Entry entry;
+  UploadedSystem system(matrix, rhs, du, dv, h, w);
+  device::Buffer r;
+  TARVO_CALL(r.allocate(device::planeFloats(h, system.p, 2)));
+  const float sum = gComputeResidual(system.matrix.get(), system.rhs.get(), system.x.get(), system.dvPlane(h),
+                                     r.get(), h, w, system.p);
+  TARVO_CALL(r.release());
+  system.release();
+  return sum;
+}
+
+void PCG(const float* matrix, const float* rhs, float* du, float* dv, int h, int w, int iterations) {
+  const device::Entry entry;
+  UploadedSystem system(matrix, rhs, du, dv, h, w);
+  device::Buffer vectors[5];
+  for (device::Buffer& vector : vectors) TARVO_CALL(vector.allocate(device::planeFloats(h, system.p, 2)));
+  const CGtmp cg{vectors[0].get(), vectors[1].get(), vectors[2].get(), vectors[3].get(), vectors[4].get()};
+
+  timeval start, finish;
+  gettimeofday(&start, nullptr);
+  gPCG(system.matrix.get(), system.rhs.get(), system.x.get(), system.dvPlane(h), h, w, system.p, iterations,
+       cg);
+  TARVO_CALL(device::synchronize());
+  gettimeofday(&finish, nullptr);
+  report::print("Time= %f ms\n",
+                static_cast<double>(static_cast<float>(device::milliseconds(start, finish))));
+
+  TARVO_CALL(device::copyPlanes(du, w, system.x.get(), system.p, h, w, 1, device::Direction::ToHost));
+  TARVO_CALL(device::copyPlanes(dv, w, system.dvPlane(h), system.p, h, w, 1, device::Direction::ToHost));
+  for (device::Buffer& vector : vectors) TARVO_CALL(vector.release());
+  system.release();
+}

@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+#include <tarvo/CFilter.h>
+#include <tarvo/CMatrix.h>
+#include <tarvo/CTensor.h>
+#include <tarvo/CVector.h>
+#include <tarvo/exceptions.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "core/pattern.h"
+
+namespace {
+
+void expectSizes(const CTensor<float>& tensor, int x, int y, int z) {
+  EXPECT_EQ(tensor.sizeX(), x);
+  EXPECT_EQ(tensor.sizeY(), y);
+  EXPECT_EQ(tensor.sizeZ(), z);
+}
+
+/// What constructing an exception with these arguments writes to standard error.
+template <typename Exception, typename... Arguments>
+std::string messageOf(Arguments... arguments) {
+  testing::internal::CaptureStderr();
+  const Exception exception(arguments...);
+  return testing::internal::GetCapturedStderr();
+}
+
+}  // namespace
+
+TEST(Containers, StartEmptyOrFilled) {
+  expectSizes(CTensor<float>(), 0, 0, 0);
+  EXPECT_EQ(CTensor<float>().data(), nullptr);
+  EXPECT_EQ(CVector<double>(3, 0.5)(2), 0.5);
+  const CMatrix<bool> flags(7, 3, true);
+  static_assert(sizeof(flags(0, 0)) == 1, "one byte per element");
+  EXPECT_EQ(std::count(flags.data(), flags.data() + 21, true), 21);
+}
+
+TEST(Containers, StoreXFastestThenYThenZ) {
+  CTensor<float> tensor(4, 5, 2, 0);
+  tensor(2, 4, 1) = 2;
+  EXPECT_EQ(tensor.data()[38], 2);
+  CMatrix<float> matrix(4, 5, 0);
+  matrix(3, 1) = 1;
+  EXPECT_EQ(matrix.data()[7], 1);
+}
+
+TEST(Containers, CopiesDoNotShareStorage) {
+  CTensor<float> tensor = patternTensor(17, 29, 2);
+  const CTensor<float> copy(tensor);
+  expectSizes(copy, 17, 29, 2);
+  EXPECT_TRUE(sameElements(copy, tensor));
+  tensor(16, 28, 1) += 1;
+  EXPECT_FALSE(sameElements(copy, tensor));
+  expectSizes(CTensor<float>(CTensor<float>()), 0, 0, 0);
+}
+
+TEST(Containers, AssignmentOfEqualCountKeepsArrayAndTakesShape) {
+  CTensor<float> target(4, 5, 2, 0);
+  const float* array = target.data();
+  const CTensor<float> source = patternTensor(10, 4, 1);
+  target = source;
+  EXPECT_EQ(target.data(), array);
+  expectSizes(target, 10, 4, 1);
+  EXPECT_TRUE(sameElements(target, source));
+  const CTensor<float>& itself = target;
+  target = itself;
+  EXPECT_EQ(target.data(), array);
+  EXPECT_TRUE(sameElements(target, source));
+
+  CMatrix<double> matrix(6, 2, 0);
+  const double* elements = matrix.data();
+  const CMatrix<double> twos(3, 4, 2);
+  matrix = twos;
+  EXPECT_EQ(matrix.data(), elements);
+  EXPECT_EQ(matrix.sizeY(), 4);
+  EXPECT_EQ(matrix(2, 3), 2);
+}
+
+TEST(Containers, AssignmentOfOtherCountsReallocatesAndOfNothingEmpties) {
+  CTensor<float> target(2, 2, 1, 7);
+  const CTensor<float> source = patternTensor(3, 2, 2);
+  const CTensor<float> empty;
+  for (int round = 0; round < 2; round++) {
+    target = source;
+    expectSizes(target, 3, 2, 2);
+    EXPECT_TRUE(sameElements(target, source));
+    target = empty;
+    expectSizes(target, 0, 0, 0);
+    EXPECT_EQ(target.data(), nullptr);
+  }
+}
+
+TEST(Containers, MovingHandsTheArrayOverAndLeavesEmpty) {
+  CTensor<float> source(3, 2, 1, 4);
+  const float* array = source.data();
+  CTensor<float> target(std::move(source));
+  EXPECT_EQ(target.data(), array);
+  expectSizes(source, 0, 0, 0);
+  EXPECT_EQ(source.data(), nullptr);
+
+  CSmooth<float> mask(1, 3);
+  CFilter<float> taken(2, 1);
+  taken = std::move(mask);
+  EXPECT_EQ(taken.size(), 7);
+  EXPECT_EQ(taken.centre(), 3);
+  EXPECT_EQ(mask.size(), 0);
+  EXPECT_EQ(mask.centre(), 0);
+}
+
+TEST(Containers, RefuseSizesThatDoNotFit) {
+  EXPECT_THROW(CTensor<float>(640, -1, 3), std::length_error);
+  EXPECT_THROW(CMatrix<double>(-2, -3, 0.0), std::length_error);
+  EXPECT_THROW(CVector<float>(-1), std::length_error);
+  EXPECT_THROW(CMatrix<bool>(65536, 32768), std::length_error);
+  try {
+    CTensor<float>(1 << 30, 1 << 30, 16);  // 2^64 elements: 0 if counted in 64 bits
+    FAIL() << "not refused";
+  } catch (const std::length_error& error) {
+    EXPECT_STREQ(error.what(), "CTensor: too many elements in 1073741824 x 1073741824 x 16");
+  }
+  expectSizes(CTensor<float>(0, 5, 2), 0, 5, 2);
+}
+
+TEST(Exceptions, WriteTheirMessageWhenConstructed) {
+  EXPECT_EQ(messageOf<ETensorIncompatibleSize>(3, 4, 5, 6),
+            "Exception ETensorIncompatibleSize: x = 3:5, y = 4:6\n");
+  EXPECT_EQ(messageOf<EIncompatibleMatrices>(3, 2, 2, 3),
+            "Exception EIncompatibleMatrices: M1 = 3x2  M2 = 2x3\n");
+  EXPECT_EQ(messageOf<ENonquadraticMatrix>(4, 1500), "Exception ENonquadarticMatrix: M = 4x1500\n");
+  EXPECT_EQ(messageOf<EFilterIncompatibleSize>(12, 6),
+            "Exception EFilterIncompatibleSize: Initial container size: 12  Resulting container size: 6\n");
+  EXPECT_EQ(messageOf<EFilterNotAvailable>(), "");
+}
