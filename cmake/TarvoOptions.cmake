@@ -30,7 +30,7 @@ endif()
 if(TARVO_WITH_CUDA)
   target_compile_options(tarvo_options INTERFACE
     "$<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=${_tarvo_host_list}>"
-    "$<$<COMPILE_LANGUAGE:CUDA>:--fmad=false;-lineinfo;--threads=2>")
+    "$<$<COMPILE_LANGUAGE:CUDA>:--fmad=false;--expt-relaxed-constexpr;-lineinfo;--threads=2>")
   if(TARVO_WERROR)
     target_compile_options(tarvo_options INTERFACE "$<$<COMPILE_LANGUAGE:CUDA>:-Werror=all-warnings>")
   endif()

@@ -20,18 +20,8 @@ constexpr const char* kUnit = "tarvo";
 
 /// Device buffers of one computation.
 struct DeviceFlow {
-  device::Buffer image1, image2, matchU, matchV, matchWeight;
-  float *u = nullptr, *v = nullptr;  // handed out by the variational stage
-  int h, w, p = 0, channels;
-
-  explicit DeviceFlow(const CTensor<float>& image)
-      : h(image.sizeY()), w(image.sizeX()), channels(image.sizeZ()) {}
-  DeviceFlow(const DeviceFlow&) = delete;
-  DeviceFlow& operator=(const DeviceFlow&) = delete;
-  ~DeviceFlow() {
-    device::release(u);
-    device::release(v);
-  }
+  device::Buffer image1, image2, matchU, matchV, matchWeight, u, v;
+  int h = 0, w = 0, p = 0, channels = 0;
 };
 
 void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma) {
@@ -73,10 +63,13 @@ void match(DeviceFlow& job) {
 
 void solve(DeviceFlow& job, const gpu::FlowWeights& weights) {
   auto var = TARVO_STOPWATCH(var);
-  gVariationalFlowTarvo(job.image1.get(), job.image2.get(), &job.u, &job.v, job.matchU.get(),
-                        job.matchV.get(), job.matchWeight.get(), 1, job.h, job.w, job.p, job.channels, 0.0f,
-                        weights.alpha, weights.beta, weights.gamma, weights.eta, weights.fixedPointIterations,
+  float *u = nullptr, *v = nullptr;
+  gVariationalFlowTarvo(job.image1.get(), job.image2.get(), &u, &v, job.matchU.get(), job.matchV.get(),
+                        job.matchWeight.get(), 1, job.h, job.w, job.p, job.channels, 0.0f, weights.alpha,
+                        weights.beta, weights.gamma, weights.eta, weights.fixedPointIterations,
                         weights.solverIterations, 1);
+  job.u = device::Buffer::adopt(u);
+  job.v = device::Buffer::adopt(v);
   var.stop();
 }
 
@@ -84,7 +77,7 @@ void download(const DeviceFlow& job, CTensor<float>& flow) {
   auto memcpy1 = TARVO_STOPWATCH(memcpy1);
   CTensor<float> result(job.w, job.h, 2, 0.0f);
   const std::size_t pixels = static_cast<std::size_t>(job.w) * static_cast<std::size_t>(job.h);
-  const float* const planes[2] = {job.u, job.v};
+  const float* const planes[2] = {job.u.get(), job.v.get()};
   for (std::size_t k = 0; k < 2; ++k) {
     TARVO_CALL(device::copyPlanes(result.data() + k * pixels, job.w, planes[k], job.p, job.h, job.w, 1,
                                   device::Direction::ToHost));
@@ -94,13 +87,10 @@ void download(const DeviceFlow& job, CTensor<float>& flow) {
 }
 
 void release(DeviceFlow& job) {
-  TARVO_CALL(job.image1.release());
-  TARVO_CALL(job.image2.release());
-  TARVO_CALL(device::release(std::exchange(job.u, nullptr)));
-  TARVO_CALL(device::release(std::exchange(job.v, nullptr)));
-  TARVO_CALL(job.matchU.release());
-  TARVO_CALL(job.matchV.release());
-  TARVO_CALL(job.matchWeight.release());
+  for (device::Buffer* buffer :
+       {&job.image1, &job.image2, &job.u, &job.v, &job.matchU, &job.matchV, &job.matchWeight}) {
+    TARVO_CALL(buffer->release());
+  }
 }
 
 void printTimes() {
@@ -138,7 +128,10 @@ void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flo
   device::chosenPitch(image1.sizeX());  // chooses and starts the device before any clock
   auto total = TARVO_STOPWATCH(total);
   smooth(image1, image2, parameters.sigma);
-  DeviceFlow job(image1);
+  DeviceFlow job;
+  job.h = image1.sizeY();
+  job.w = image1.sizeX();
+  job.channels = image1.sizeZ();
   upload(job, image1, image2);
   match(job);
   solve(job, parameters.weights);

@@ -4,6 +4,7 @@
 #include <tarvo/NDevice.h>
 
 #include <atomic>
+#include <exception>
 #include <mutex>
 #include <stdexcept>
 
@@ -115,7 +116,7 @@ void restoreFloatMode(unsigned mode) {
 #endif
 }
 
-Entry::Entry() {
+Entry::Entry() : exceptions_(std::uncaught_exceptions()) {
   if (insideEntry)
     throw std::logic_error("tarvo: a computing function was called from a callback of the library");
   sharedPointer()->entry.lock();
@@ -136,6 +137,7 @@ Entry::Entry() {
 }
 
 Entry::~Entry() {
+  if (std::uncaught_exceptions() > exceptions_) takeLastError();
 #if TARVO_WITH_CUDA
   if (callersDevice_ >= 0) leaveCuda(callersDevice_);
 #endif
@@ -169,13 +171,10 @@ Code copyPlanes(float* to, int toPitch, const float* from, int fromPitch, int h,
                   static_cast<std::size_t>(h) * static_cast<std::size_t>(planes), direction);
 }
 
-Code synchronize() {
+void synchronize() {
   const Code injected = countCall(kLaunchFailure);
-  if (injected != kSuccess) {
-    chosenBackend().setLastError(injected);
-    return injected;
-  }
-  return chosenBackend().synchronize();
+  const Code code = injected != kSuccess ? injected : chosenBackend().synchronize();
+  if (code != kSuccess) chosenBackend().setLastError(code);
 }
 
 Code takeLastError() {
@@ -236,7 +235,7 @@ std::vector<std::string> devices() {
 }
 
 std::string instructionSet() {
-#if defined(TARVO_ISA_DISPATCH) && defined(__x86_64__)
+#if defined(TARVO_ISA_DISPATCH) && defined(__x86_64__) && !defined(__clang__)
   __builtin_cpu_init();
   if (__builtin_cpu_supports("x86-64-v4")) return "x86-64-v4";
   if (__builtin_cpu_supports("x86-64-v3")) return "x86-64-v3";

@@ -13,7 +13,8 @@ namespace device {
 bool onCuda();
 
 /// Set-up of one exported function on host data: one caller at a time, plain floating-point mode (round to
-/// nearest, no flushing of denormals), the chosen CUDA device current; all restored on return. Throws
+/// nearest, no flushing of denormals), the chosen CUDA device current; all restored on return; left
+/// by an exception, it forgets the last error, so that the next call starts clean. Throws
 /// std::logic_error when entered from a callback of the library, and std::runtime_error on a CUDA device
 /// after a fork.
 class Entry {
@@ -24,8 +25,11 @@ class Entry {
   Entry& operator=(const Entry&) = delete;
 
  private:
+  int exceptions_;
   unsigned floatMode_;
+#if TARVO_WITH_CUDA
   int callersDevice_ = -1;
+#endif
 };
 
 /// Plain floating-point mode for the calling thread; returns the mode before, for restoreFloatMode.
@@ -40,7 +44,8 @@ Code copyFloats(float* to, const float* from, std::size_t floats, Direction dire
 /// Copies `planes` stacked planes of h x w between pitches in floats.
 Code copyPlanes(float* to, int toPitch, const float* from, int fromPitch, int h, int w, int planes,
                 Direction direction);
-Code synchronize();
+/// Waits for the device. An error shows at the next launch check.
+void synchronize();
 Code takeLastError();
 const char* text(Code code);
 

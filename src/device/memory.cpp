@@ -1,5 +1,6 @@
 #include "device/memory.h"
 
+#include <pthread.h>
 #include <tarvo/NDevice.h>
 
 #include <climits>
@@ -64,11 +65,13 @@ class Pool {
     return record.backend->release(memory);
   }
 
-  void detach(float* memory) {
+  void setPooled(float* memory, bool pooled) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = inUse_.find(memory);
-    if (found != inUse_.end()) found->second.pooled = false;
+    if (found != inUse_.end()) found->second.pooled = pooled;
   }
+
+  std::mutex& mutex() { return mutex_; }
 
   void trim() {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -111,8 +114,13 @@ class Pool {
 };
 
 // Never destroyed: a process may end from inside a computation.
+// A fork waits until no other thread is inside, so that the child finds it whole.
 Pool& pool() {
-  static auto* instance = new Pool;
+  static Pool* instance = [] {
+    pthread_atfork([] { pool().mutex().lock(); }, [] { pool().mutex().unlock(); },
+                   [] { pool().mutex().unlock(); });
+    return new Pool;
+  }();
   return *instance;
 }
 
@@ -142,7 +150,12 @@ Code release(float* memory) {
 }
 
 float* detach(float* memory) {
-  pool().detach(memory);
+  pool().setPooled(memory, false);
+  return memory;
+}
+
+float* attach(float* memory) {
+  pool().setPooled(memory, true);
   return memory;
 }
 

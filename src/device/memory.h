@@ -16,6 +16,8 @@ int chosenPitch(int w);
 Code release(float* memory);
 /// Takes memory out of the pool's care: it is the caller's, who gives it back with NDevice::release.
 float* detach(float* memory);
+/// Takes detached memory back into the pool's care.
+float* attach(float* memory);
 
 /// Owner of device memory. The normal way releases it explicitly, TARVO_CALL(buffer.release()), so that a
 /// failure is seen; the destructor acts only when an exception passes, and ignores failures.
@@ -29,6 +31,13 @@ class Buffer {
   }
   ~Buffer() {
     if (memory_ != nullptr) device::release(memory_);
+  }
+
+  /// The owner of memory that a routine has handed out.
+  static Buffer adopt(float* memory) {
+    Buffer buffer;
+    buffer.memory_ = attach(memory);
+    return buffer;
   }
 
   Code allocate(std::size_t floats) { return device::allocate(&memory_, floats); }

@@ -48,7 +48,7 @@ CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
 void CoarseToFine::allocateMatchPlanes() {
   auto memcpy = TARVO_STOPWATCH(memcpy);
   for (device::Buffer* plane : {&matchU_, &matchV_, &matchWeight_}) TARVO_CALL(plane->allocate(largest_));
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   memcpy.stop();
   report::print("# scales = %d \n", levels_);
 }
@@ -75,7 +75,7 @@ void CoarseToFine::runPass(const Level& level) {
   carryFlow(level, first);
   TARVO_LAUNCHED("u,v safe");
   warp(level, first);
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   interp_warp.stop();
 
   const int solverIterations = weights_.solverIterations * (level.index < 0 ? 2 : 1);
@@ -100,7 +100,7 @@ void CoarseToFine::buildLevel(const Level& level) {
     image2_ = input_.image2;
   }
   buildMatches(level);
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   down.stop();
   TARVO_LAUNCHED("Input safe");
 }
@@ -182,29 +182,30 @@ void CoarseToFine::releasePass() {
 }
 
 void CoarseToFine::finish(float** u, float** v) {
-  handOut(u_, u);
-  handOut(v_, v);
+  if (flowPitch_ != input_.pitch) {  // no pass ran at full resolution, or none at all
+    toInputPitch(u_);
+    toInputPitch(v_);
+  }
   TARVO_LAUNCHED("ER");
   for (device::Buffer* plane : {&matchU_, &matchV_, &matchWeight_}) TARVO_CALL(plane->release());
   scratch_.release();
+  *u = u_.detach();
+  *v = v_.detach();
 }
 
-void CoarseToFine::handOut(device::Buffer& plane, float** out) {
+void CoarseToFine::toInputPitch(device::Buffer& plane) {
   const int h = input_.height;
   const int w = input_.width;
-  if (flowPitch_ != input_.pitch) {  // no pass ran at full resolution, or none at all
-    device::Buffer full;
-    TARVO_CALL(full.allocate(device::planeFloats(h, input_.pitch)));
-    if (plane.get() != nullptr) {
-      TARVO_CALL(device::copyPlanes(full.get(), input_.pitch, plane.get(), flowPitch_, h, w, 1,
-                                    device::Direction::OnDevice));
-    } else {
-      setValue_kernel(full.get(), h, w, input_.pitch, 0.0f);
-    }
-    TARVO_CALL(plane.release());
-    plane = std::move(full);
+  device::Buffer full;
+  TARVO_CALL(full.allocate(device::planeFloats(h, input_.pitch)));
+  if (plane.get() != nullptr) {
+    TARVO_CALL(device::copyPlanes(full.get(), input_.pitch, plane.get(), flowPitch_, h, w, 1,
+                                  device::Direction::OnDevice));
+  } else {
+    setValue_kernel(full.get(), h, w, input_.pitch, 0.0f);
   }
-  *out = plane.detach();
+  TARVO_CALL(plane.release());
+  plane = std::move(full);
 }
 
 device::Code CoarseToFine::allocatePlanes(device::Buffer& buffer, const Level& level, int planes) {

@@ -42,7 +42,7 @@ class CoarseToFine {
   void prolongate(const Level& level, device::Buffer& plane);
   void warp(const Level& level, bool first);
   void releasePass();
-  void handOut(device::Buffer& plane, float** out);
+  void toInputPitch(device::Buffer& plane);
   device::Code allocatePlanes(device::Buffer& buffer, const Level& level, int planes);
 
   FlowInput input_;

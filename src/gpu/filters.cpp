@@ -206,7 +206,7 @@ void gGaussianFilter(float* out, const float* in, int h, int w, int p, float sig
   convolveLong(out, source.view(), p, loaded.taps(), 'h');
   source.copy(out, h, w, p);
   convolveLong(out, source.view(), p, loaded.taps(), 'v');
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   TARVO_LAUNCHED("Gaussian convolution over");
   source.release();
   TARVO_CALL(loaded.release());

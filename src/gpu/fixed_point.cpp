@@ -2,6 +2,7 @@
 
 #include "device/launch.h"
 #include "gpu/fixed_point_kernels.h"
+#include "gpu/steps.h"
 
 void DataFactor_kernel(const float* stData, const float* du, const float* dv, float* dataFactor, int h, int w,
                        int p) {
@@ -25,8 +26,16 @@ void MakeMatrix_kernel(float* matrix, float* rhs, const float* dataFactor, const
                        const float* matchRhsU, const float* matchRhsV, const float* u, const float* v,
                        const float* diffX, const float* diffY, int h, int w, int p, float /*gamma*/,
                        float alpha) {
-  launch(kernels::MakeMatrix_kernel{matrix, rhs, dataFactor, gradFactor, matchWeight, stData, stGrad,
-                                    matchRhsU, matchRhsV, u, v, diffX, diffY, h, w, p, alpha});
+  launch(kernels::MakeMatrix_kernel{{matrix, rhs, stData, stGrad, u, v, diffX, diffY},
+                                    dataFactor,
+                                    gradFactor,
+                                    matchWeight,
+                                    matchRhsU,
+                                    matchRhsV,
+                                    h,
+                                    w,
+                                    p,
+                                    alpha});
 }
 
 void MakeMatrix_dummy_kernel(float* matrix, float* rhs, const float* dataFactor, const float* gradFactor,
@@ -34,6 +43,32 @@ void MakeMatrix_dummy_kernel(float* matrix, float* rhs, const float* dataFactor,
                              const float* matchRhsU, const float* matchRhsV, const float* u, const float* v,
                              const float* diffX, const float* diffY, int h, int w, int p, float /*gamma*/,
                              float alpha) {
-  launch(kernels::MakeMatrix_dummy_kernel{matrix, rhs, dataFactor, gradFactor, matchWeight, stData, stGrad,
-                                          matchRhsU, matchRhsV, u, v, diffX, diffY, h, w, p, alpha});
+  launch(kernels::MakeMatrix_dummy_kernel{{matrix, rhs, stData, stGrad, u, v, diffX, diffY},
+                                          dataFactor,
+                                          gradFactor,
+                                          matchWeight,
+                                          matchRhsU,
+                                          matchRhsV,
+                                          h,
+                                          w,
+                                          p,
+                                          alpha});
+}
+
+void gpu::assembleSystem(const Assembly& assembly, const FPtmp& fp, int h, int w, int p) {
+  const float* du = fp.increment;
+  const float* dv = fp.increment + static_cast<long>(h) * p;
+  launch(kernels::AssembleSystem{
+      {fp.matrix, fp.rhs, fp.stData, fp.stGrad, assembly.u, assembly.v, fp.diffX, fp.diffY},
+      du,
+      dv,
+      assembly.matchU,
+      assembly.matchV,
+      assembly.matchWeightIn,
+      h,
+      w,
+      p,
+      assembly.alpha,
+      assembly.beta,
+      assembly.gamma});
 }

@@ -15,6 +15,11 @@ TARVO_HOST_DEVICE double tensorEnergy(const float* tensor, int i, int n, float d
   return e < 0.0f ? kRootOffset : static_cast<double>(e) + kRootOffset;
 }
 
+/// weight / sqrt(E + 0.000001) of a tensor's energy.
+TARVO_HOST_DEVICE float tensorWeight(const float* tensor, int i, int n, float du, float dv, float weight) {
+  return static_cast<float>(static_cast<double>(weight) / std::sqrt(tensorEnergy(tensor, i, n, du, dv)));
+}
+
 struct DataFactor_kernel {
   const float *stData, *du, *dv;
   float* dataFactor;
@@ -22,7 +27,7 @@ struct DataFactor_kernel {
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
-    dataFactor[i] = static_cast<float>(1.0 / std::sqrt(tensorEnergy(stData, i, h * p, du[i], dv[i])));
+    dataFactor[i] = tensorWeight(stData, i, h * p, du[i], dv[i], 1.0f);
   }
 };
 
@@ -34,8 +39,25 @@ struct GradientFactor_kernel {
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
-    gradFactor[i] = static_cast<float>(static_cast<double>(gamma) /
-                                       std::sqrt(tensorEnergy(stGrad, i, h * p, du[i], dv[i])));
+    gradFactor[i] = tensorWeight(stGrad, i, h * p, du[i], dv[i], gamma);
+  }
+};
+
+/// Sums over the match candidates of a pixel.
+struct MatchSums {
+  float weight, rhsU, rhsV;
+
+  /// Adds candidate (mu, mv) of weight c for the flow (u, v) with increment (du, dv); nothing unless c > 0.
+  TARVO_HOST_DEVICE void add(float u, float v, float du, float dv, float mu, float mv, float c, float beta) {
+    const float apartU = u + du - mu;
+    const float apartV = v + dv - mv;
+    const float q = apartU * apartU + apartV * apartV;
+    const auto m =
+        static_cast<float>(static_cast<double>(c * beta) / std::sqrt(static_cast<double>(q) + kRootOffset));
+    const bool counts = c > 0.0f;  // false for not-a-number too
+    weight = counts ? weight + m : weight;
+    rhsU = counts ? rhsU + (u - mu) * m : rhsU;
+    rhsV = counts ? rhsV + (v - mv) * m : rhsV;
   }
 };
 
@@ -47,25 +69,14 @@ struct MatchFactor_kernel {
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
-    float weight = 0.0f;
-    float rhsU = 0.0f;
-    float rhsV = 0.0f;
+    MatchSums sums{0.0f, 0.0f, 0.0f};
     for (int k = 0; k < candidates; ++k) {
       const int j = k * h * p + i;
-      const float c = matchWeightIn[j];
-      const float apartU = u[i] + du[i] - matchU[j];
-      const float apartV = v[i] + dv[i] - matchV[j];
-      const float q = apartU * apartU + apartV * apartV;
-      const auto m =
-          static_cast<float>(static_cast<double>(c * beta) / std::sqrt(static_cast<double>(q) + kRootOffset));
-      const bool counts = c > 0.0f;  // false for not-a-number too
-      weight = counts ? weight + m : weight;
-      rhsU = counts ? rhsU + (u[i] - matchU[j]) * m : rhsU;
-      rhsV = counts ? rhsV + (v[i] - matchV[j]) * m : rhsV;
+      sums.add(u[i], v[i], du[i], dv[i], matchU[j], matchV[j], matchWeightIn[j], beta);
     }
-    matchWeight[i] = weight;
-    matchRhsU[i] = rhsU;
-    matchRhsV[i] = rhsV;
+    matchWeight[i] = sums.weight;
+    matchRhsU[i] = sums.rhsU;
+    matchRhsV[i] = sums.rhsV;
   }
 };
 
@@ -82,26 +93,22 @@ struct PixelEquations {
   }
 };
 
-/// Couplings carry the factor alpha where kScaled, else the bare diffusivity.
-template <bool kScaled>
-struct MakeMatrix_kernels {
+/// The planes that assembly reads and writes at every pixel and its neighbours.
+struct SystemPlanes {
   float *matrix, *rhs;
-  const float *dataFactor, *gradFactor, *matchWeight, *stData, *stGrad, *matchRhsU, *matchRhsV, *u, *v,
-      *diffX, *diffY;
-  int h, w, p;
-  float alpha;
+  const float *stData, *stGrad, *u, *v, *diffX, *diffY;
 
-  TARVO_HOST_DEVICE float strength(float diffusivity) const {
-    return kScaled ? diffusivity * alpha : diffusivity;
-  }
-
-  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+  /// Equations of pixel (x, y) for the weights fd, fg and the match sums; a coupling is
+  /// strength(diffusivity).
+  template <class Strength>
+  TARVO_HOST_DEVICE void assemble(int x, int y, int h, int w, int p, float fd, float fg,
+                                  const MatchSums& match, const Strength& strength) const {
     const int i = y * p + x;
     const int n = h * p;
-    const float fd = dataFactor[i], fg = gradFactor[i], m = matchWeight[i];
+    const float m = match.weight;
     PixelEquations pixel{m + (fd * stData[i] + fg * stGrad[i]), m + (fd * stData[i + n] + fg * stGrad[i + n]),
-                         (-fd * stData[i + 4 * n] - fg * stGrad[i + 4 * n]) - matchRhsU[i],
-                         (-fd * stData[i + 5 * n] - fg * stGrad[i + 5 * n]) - matchRhsV[i]};
+                         (-fd * stData[i + 4 * n] - fg * stGrad[i + 4 * n]) - match.rhsU,
+                         (-fd * stData[i + 5 * n] - fg * stGrad[i + 5 * n]) - match.rhsV};
     const float auv = fd * stData[i + 3 * n] + fg * stGrad[i + 3 * n];
     float north = 0.0f, west = 0.0f, east = 0.0f, south = 0.0f;
     if (y >= 1) north = pixel.couple(strength(diffY[i - p]), u[i - p] - u[i], v[i - p] - v[i]);
@@ -120,7 +127,43 @@ struct MakeMatrix_kernels {
     rhs[i + n] = pixel.bv;
   }
 };
+
+/// Couplings carry the factor alpha where kScaled, else the bare diffusivity.
+template <bool kScaled>
+struct MakeMatrix_kernels {
+  SystemPlanes planes;
+  const float *dataFactor, *gradFactor, *matchWeight, *matchRhsU, *matchRhsV;
+  int h, w, p;
+  float alpha;
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    const float factor = alpha;
+    planes.assemble(x, y, h, w, p, dataFactor[i], gradFactor[i], {matchWeight[i], matchRhsU[i], matchRhsV[i]},
+                    [factor](float diffusivity) { return kScaled ? diffusivity * factor : diffusivity; });
+  }
+};
 using MakeMatrix_kernel = MakeMatrix_kernels<true>;
 using MakeMatrix_dummy_kernel = MakeMatrix_kernels<false>;
+
+/// Factors and assembly in one visit, for one match candidate.
+struct AssembleSystem {
+  SystemPlanes planes;
+  const float *du, *dv, *matchU, *matchV, *matchWeightIn;
+  int h, w, p;
+  float alpha, beta, gamma;
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    const int n = h * p;
+    const float fd = tensorWeight(planes.stData, i, n, du[i], dv[i], 1.0f);
+    const float fg = tensorWeight(planes.stGrad, i, n, du[i], dv[i], gamma);
+    MatchSums match{0.0f, 0.0f, 0.0f};
+    match.add(planes.u[i], planes.v[i], du[i], dv[i], matchU[i], matchV[i], matchWeightIn[i], beta);
+    const float factor = alpha;
+    planes.assemble(x, y, h, w, p, fd, fg, match,
+                    [factor](float diffusivity) { return diffusivity * factor; });
+  }
+};
 
 }  // namespace kernels

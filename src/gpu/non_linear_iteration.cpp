@@ -6,6 +6,7 @@
 #include "device/memory.h"
 #include "device/stopwatch.h"
 #include "gpu/scratch.h"
+#include "gpu/steps.h"
 #include "gpu/units.h"
 
 namespace {
@@ -16,7 +17,7 @@ constexpr const char* kUnit = units::kOpticalFlowGPU;
 void solve(const FPtmp& fp, float* dv, int h, int w, int p, int iterations, const CGtmp& cg) {
   auto solver = TARVO_STOPWATCH(solver);
   gPCG(fp.matrix, fp.rhs, fp.increment, dv, h, w, p, iterations, cg);
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   solver.stop();
   TARVO_LAUNCHED("Solve");
 }
@@ -29,28 +30,20 @@ void gNonLinearIteration(float* image1, float* warped2, float* gconf, float* mat
                          int solverIterations, float /*reserved*/, CGtmp cg, FPtmp fp) {
   auto makematrix = TARVO_STOPWATCH(makematrix);
   const std::size_t n = device::planeFloats(h, p);
-  constexpr std::size_t kTensorPlanes = 6;
   TARVO_CALL(device::clear(fp.increment, 2 * n * sizeof(float)));
-  TARVO_CALL(device::clear(fp.stData, kTensorPlanes * n * sizeof(float)));
-  TARVO_CALL(device::clear(fp.stGrad, kTensorPlanes * n * sizeof(float)));
   float* du = fp.increment;
   float* dv = fp.increment + n;
 
-  MakeST(image1, warped2, fp.stData, fp.stGrad, gconf, h, w, p, channels);
+  gpu::structureTensors(image1, warped2, fp, gconf, h, w, p, channels);
   for (int k = 0; k < fixedPointIterations; ++k) {
     gDiffusivity(u, v, du, dv, fp.diffX, fp.diffY, h, w, p);
-    DataFactor_kernel(fp.stData, du, dv, fp.dataFactor, h, w, p);
-    GradientFactor_kernel(fp.stGrad, du, dv, fp.gradFactor, h, w, p, gamma);
-    MatchFactor_kernel(u, v, du, dv, matchU, matchV, matchWeightIn, fp.matchWeight, fp.matchRhsU,
-                       fp.matchRhsV, 1, h, w, p, beta);
-    MakeMatrix_kernel(fp.matrix, fp.rhs, fp.dataFactor, fp.gradFactor, fp.matchWeight, fp.stData, fp.stGrad,
-                      fp.matchRhsU, fp.matchRhsV, u, v, fp.diffX, fp.diffY, h, w, p, gamma, alpha);
+    gpu::assembleSystem({u, v, matchU, matchV, matchWeightIn, alpha, beta, gamma}, fp, h, w, p);
     solve(fp, dv, h, w, p, solverIterations, cg);
   }
   TARVO_LAUNCHED("Iterations");
   Add_kernel(u, du, h, w, p);
   Add_kernel(v, dv, h, w, p);
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   makematrix.stop();
 }
 

@@ -6,6 +6,7 @@
 
 #include "device/launch.h"
 #include "device/memory.h"
+#include "gpu/downsample_cpu.h"
 #include "gpu/pyramid_kernels.h"
 #include "gpu/units.h"
 
@@ -49,12 +50,20 @@ void shrinkLine(const float* in, int n, int stride, float* out, int outN, int ou
 
 void downsample_kernel(const float* in, int inH, int inW, int inP, float* out, int outH, int outW, int outP,
                        int) {
-  launch(kernels::downsample_kernel{in, inH, inW, inP, out, outH, outW, outP});
+  if (device::onCuda()) {
+    launch(kernels::downsample_kernel{in, inH, inW, inP, out, outH, outW, outP});
+  } else {
+    launchCpuForm([&] { gpu::downsampleOnCpu(in, inH, inW, inP, out, outH, outW, outP, nullptr); });
+  }
 }
 
 void downsample_kernel(const float* in, int inH, int inW, int inP, float* out, int outH, int outW, int outP,
                        const float* weight, int) {
-  launch(kernels::downsample_weighted_kernel{in, inH, inW, inP, out, outH, outW, outP, weight});
+  if (device::onCuda()) {
+    launch(kernels::downsample_weighted_kernel{in, inH, inW, inP, out, outH, outW, outP, weight});
+  } else {
+    launchCpuForm([&] { gpu::downsampleOnCpu(in, inH, inW, inP, out, outH, outW, outP, weight); });
+  }
 }
 
 void downsample(const float* in, int inH, int inW, int inP, float* out, int outH, int outW, int outP,
@@ -71,7 +80,7 @@ void gInterpolate(float* out, int h, int w, int p, const float* in, int inH, int
   const float* source =
       copiedIfOverlapping(copy, out, device::planeFloats(h, p), in, device::planeFloats(inH, inP));
   launch(kernels::interpolate_kernel{{source, inH, inW, inP}, out, h, w, p, factor});
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   TARVO_LAUNCHED("Inteprolation");
   TARVO_CALL(copy.release());
 }
@@ -87,7 +96,7 @@ void gWarpMotion(float* out, const float* u, const float* v, const float* src, c
   } else {
     launch(kernels::warp_motion_1chan_kernel{source, out, fallback, valid, h, w, p, u, v});
   }
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   TARVO_LAUNCHED("warp over");
   TARVO_CALL(copy.release());
 }

@@ -111,11 +111,16 @@ struct warp_motion_kernels {
     const bool outside =
         (px < 0.0f) | (px > static_cast<float>(w - 1)) | (py < 0.0f) | (py > static_cast<float>(h - 1));
     valid[i] = outside ? 0.0f : 1.0f;
-    for (int c = 0; c < Channels; ++c) {
-      const int plane = c * h * p;
-      const float sample = device::View{source + plane, h, w, p}.bilinear(px, py);
-      out[plane + i] = outside ? fallback[plane + i] : sample;
+    channel(0, i, px, py, outside);
+    if constexpr (Channels == 3) {  // written out: an inner loop would keep the outer one from vectorising
+      channel(1, i, px, py, outside);
+      channel(2, i, px, py, outside);
     }
+  }
+  TARVO_HOST_DEVICE void channel(int c, int i, float px, float py, bool outside) const {
+    const int plane = c * h * p;
+    const float sample = device::View{source + plane, h, w, p}.bilinear(px, py);
+    out[plane + i] = outside ? fallback[plane + i] : sample;
   }
 };
 using warp_motion_kernel = warp_motion_kernels<3>;

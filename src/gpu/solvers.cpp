@@ -3,14 +3,11 @@
 
 #include <vector>
 
-#include "device/dot.h"
 #include "device/launch.h"
+#include "device/launch_dot.h"
 #include "device/memory.h"
 #include "device/report.h"
 #include "device/stopwatch.h"
-#ifdef __CUDACC__
-#include "device/cuda/dot.cuh"
-#endif
 #include "gpu/pcg_cpu.h"
 #include "gpu/solver_kernels.h"
 #include "gpu/solvers_plain.h"
@@ -19,24 +16,6 @@
 namespace {
 
 constexpr const char* kUnit = units::kSolvers;
-
-/// *result = a * b over two-plane stacks, in the fixed order; result and sums are device memory.
-void dot(const float* a, const float* b, int h, int w, int p, float* sums, float* result) {
-  if (!device::beginLaunch()) return;
-#ifdef __CUDACC__
-  if (device::onCuda()) {
-    device::cuda::dot(a, b, h, w, p, sums, result);
-    return;
-  }
-#endif
-  const long n = static_cast<long>(h) * p;
-  for (int y = 0; y < h; ++y) {
-    const long row = static_cast<long>(y) * p;
-    device::cpu::dotRow(a + row, b + row, a + row + n, b + row + n, w,
-                        sums + static_cast<long>(y) * device::segmentsPerRow(w));
-  }
-  *result = device::cpu::sumSegments(sums, h * device::segmentsPerRow(w));
-}
 
 /// The CPU device's solve, in place of the kernels' launches.
 void solveOnCpu(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations,
@@ -70,14 +49,14 @@ void gpu::plainPCG(const float* matrix, const float* rhs, float* x, int h, int w
   float* product = scalars.get();
   auto* state = reinterpret_cast<kernels::SolverState*>(scalars.get() + 1);
 
-  dot(cg.r, cg.z, h, w, p, sums.get(), product);
+  launchDot(cg.r, cg.z, h, w, p, sums.get(), product);
   launch(kernels::BeginSolve{state, product});
   for (int k = 0; k < iterations; ++k) {
     mvm_opt_kernel(matrix, cg.search, cg.search + plane, h, w, p, cg.q);
-    dot(cg.search, cg.q, h, w, p, sums.get(), product);
+    launchDot(cg.search, cg.q, h, w, p, sums.get(), product);
     launch(kernels::SetAlpha{state, product});
     launch(kernels::StepAndPrecondition{matrix, state, x, cg.search, cg.r, cg.q, cg.z, h, w, p});
-    dot(cg.r, cg.z, h, w, p, sums.get(), product);
+    launchDot(cg.r, cg.z, h, w, p, sums.get(), product);
     launch(kernels::SetBeta{state, product});
     launch(kernels::NextSearch{state, cg.search, cg.z, h, w, p});
   }
@@ -185,7 +164,7 @@ void PCG(const float* matrix, const float* rhs, float* du, float* dv, int h, int
   gettimeofday(&start, nullptr);
   gPCG(system.matrix.get(), system.rhs.get(), system.x.get(), system.dvPlane(h), h, w, system.p, iterations,
        cg);
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   gettimeofday(&finish, nullptr);
   report::print("Time= %f ms\n",
                 static_cast<double>(static_cast<float>(device::milliseconds(start, finish))));

@@ -55,7 +55,7 @@ struct UploadedInput {
     if (hostMatches != nullptr) {
       for (int k = 0; k < 3; ++k) upload(matches[k], hostMatches[k], 1);
     }
-    TARVO_CALL(device::synchronize());
+    device::synchronize();
     input = {images[0].get(),
              images[1].get(),
              matches[0].get(),
@@ -82,16 +82,17 @@ void hostFlow(const float* image1, const float* image2, float* u, float* v, cons
 
   float* planes[2] = {nullptr, nullptr};
   coarseToFine(uploaded.input, weights, sigma, &planes[0], &planes[1]);
+  device::Buffer flow[2] = {device::Buffer::adopt(planes[0]), device::Buffer::adopt(planes[1])};
 
   auto downloading = TARVO_STOPWATCH(memcpy);
   float* const hosts[2] = {u, v};
   for (int k = 0; k < 2; ++k) {
-    TARVO_CALL(device::copyPlanes(hosts[k], width, planes[k], uploaded.input.pitch, height, width, 1,
+    TARVO_CALL(device::copyPlanes(hosts[k], width, flow[k].get(), uploaded.input.pitch, height, width, 1,
                                   device::Direction::ToHost));
   }
-  TARVO_CALL(device::synchronize());
+  device::synchronize();
   downloading.stop();
-  for (float* plane : planes) TARVO_CALL(device::release(plane));
+  for (device::Buffer& plane : flow) TARVO_CALL(plane.release());
   uploaded.release();
   report::print("memcpy time = %f ms\n", timer_memcpy);
 }

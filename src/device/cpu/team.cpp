@@ -20,9 +20,9 @@ int usableProcessors() {
   return std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
 }
 
-/// A job is posted by writing its fields and then the ticket (generation << 32 | next chunk). A thread claims
-/// a chunk by advancing the ticket from the value under which it read the fields: a success proves that the
-/// job is still the posted one and that its caller still waits, so the fields are valid.
+/// A job is posted by writing its fields and then the ticket (generation << 32 | chunks left). A thread
+/// claims a chunk by lowering the ticket from the value under which it read the fields: a success proves that
+/// a chunk of that job was left, so that its caller still waits and the fields are valid.
 class Team {
  public:
   explicit Team(int size) : size_(size) {}
@@ -33,14 +33,13 @@ class Team {
   void run(int chunks, void (*body)(const void*, int), const void* context) {
     const std::lock_guard<std::mutex> onlyJob(jobMutex_);
     startWorkers();
-    chunks_.store(chunks, std::memory_order_relaxed);
     body_.store(body, std::memory_order_relaxed);
     context_.store(context, std::memory_order_relaxed);
     done_.store(0, std::memory_order_relaxed);
     const std::uint64_t generation = (ticket_.load(std::memory_order_relaxed) >> 32) + 1;
     {
       const std::lock_guard<std::mutex> lock(sleepMutex_);
-      ticket_.store(generation << 32, std::memory_order_release);
+      ticket_.store(generation << 32 | static_cast<std::uint64_t>(chunks), std::memory_order_release);
     }
     if (sleepers_.load() > 0) wake_.notify_all();
     work(generation);
@@ -48,6 +47,7 @@ class Team {
   }
 
  private:
+  static constexpr std::uint64_t kLeft = 0xffffffffu;
   static constexpr int kSpins = 4000;  // about 20 microseconds
 
   static void pause(int spin) {
@@ -66,14 +66,11 @@ class Team {
   /// Claims and runs chunks of job `generation` until none is left.
   void work(std::uint64_t generation) {
     std::uint64_t ticket = ticket_.load(std::memory_order_acquire);
-    while (ticket >> 32 == generation) {
-      const int chunk = static_cast<int>(ticket & 0xffffffffu);
-      const int chunks = chunks_.load(std::memory_order_relaxed);
+    while (ticket >> 32 == generation && (ticket & kLeft) != 0) {
       const auto body = body_.load(std::memory_order_relaxed);
       const void* context = context_.load(std::memory_order_relaxed);
-      if (chunk >= chunks) return;
-      if (!ticket_.compare_exchange_weak(ticket, ticket + 1, std::memory_order_acq_rel)) continue;
-      body(context, chunk);
+      if (!ticket_.compare_exchange_weak(ticket, ticket - 1, std::memory_order_acq_rel)) continue;
+      body(context, static_cast<int>(ticket & kLeft) - 1);
       done_.fetch_add(1, std::memory_order_acq_rel);
       ticket = ticket_.load(std::memory_order_acquire);
     }
@@ -109,7 +106,6 @@ class Team {
   int started_ = 0;
 
   std::atomic<std::uint64_t> ticket_{0};
-  std::atomic<int> chunks_{0};
   std::atomic<void (*)(const void*, int)> body_{nullptr};
   std::atomic<const void*> context_{nullptr};
   std::atomic<int> done_{0};

@@ -6,7 +6,7 @@ namespace device::cuda {
 
 /// Segment sums of a dot product: one warp per segment, lane j as in the fixed shape; 8 warps per block.
 /// Shared memory: none. Result: lane 0 of each warp.
-__global__ inline void dotSegmentsKernel(const float* a, const float* b, int h, int w, int p, float* sums) {
+static __global__ void dotSegmentsKernel(const float* a, const float* b, int h, int w, int p, float* sums) {
   const int segments = segmentsPerRow(w);
   const int segment = static_cast<int>(blockIdx.x * (blockDim.x / kLanes) + threadIdx.x / kLanes);
   if (segment >= h * segments) return;  // whole warps leave
@@ -24,7 +24,7 @@ __global__ inline void dotSegmentsKernel(const float* a, const float* b, int h, 
 }
 
 /// The final sum: one block of kFinalLanes threads, kFinalLanes shared floats; thread 0 writes the result.
-__global__ inline void __launch_bounds__(kFinalLanes)
+static __global__ void __launch_bounds__(kFinalLanes)
     dotFinalKernel(const float* sums, int n, float* result) {
   __shared__ float lanes[kFinalLanes];
   const int lane = static_cast<int>(threadIdx.x);

@@ -1,0 +1,74 @@
+# A thin front for the build: every target is one or two commands that can be typed as well.
+#
+#   make demo            set-up, build, and the main job: the flow of a rendered scene
+#   make test            set-up, build, tests
+#
+# Variables: JOBS=n (tests run side by side), WERROR=ON (warnings are errors), CMAKE_ARGS=... (further settings,
+# which the build folder remembers), SETUP=true (skip the installation of packages).
+JOBS ?= 2
+WERROR ?= OFF
+CMAKE_ARGS ?=
+SETUP ?= scripts/setup.sh
+
+CONFIGURE = cmake -DTARVO_WERROR=$(WERROR) $(CMAKE_ARGS) --preset
+CTEST = ctest -j$(JOBS) --preset
+
+.PHONY: all help setup build demo test sanitize bench format check-format lint layers install-check gpu-check clean
+.NOTPARALLEL:
+
+all: build
+
+help:
+	@echo 'make demo           set-up, build, flow of a rendered scene and its error; results in build/demo'
+	@echo 'make test           set-up, build, tests'
+	@echo 'make bench          set-up, build, benchmarks; results in build/bench'
+	@echo 'make sanitize       set-up, tests with address and undefined-behaviour sanitizers'
+	@echo 'make format         format the sources      make check-format   say which are not'
+	@echo 'make lint           clang-tidy and the check that inner loops are vectorised'
+	@echo 'make layers         check which part of the sources includes which'
+	@echo 'make install-check  install into a temporary folder and build a program against it'
+	@echo 'make gpu-check      build, test and measure on a machine with CUDA'
+	@echo 'make clean          remove build/'
+
+setup:
+	@$(SETUP)
+
+build: setup
+	$(CONFIGURE) release
+	cmake --build --preset release
+
+demo: build
+	@scripts/demo.sh
+
+test: build
+	$(CTEST) release
+
+sanitize: setup
+	$(CONFIGURE) sanitize
+	cmake --build --preset sanitize
+	$(CTEST) sanitize
+
+bench: setup
+	@scripts/bench.sh $(CMAKE_ARGS)
+
+format:
+	@scripts/format.sh
+
+check-format:
+	@scripts/format.sh --check
+
+lint:
+	@scripts/lint.sh
+	@scripts/check_vectorised.sh
+
+layers:
+	@tests/layers/check_layers.sh .
+
+install-check: build
+	@tests/install/run.sh build
+
+gpu-check:
+	@scripts/gpu_check.sh
+
+clean:
+	rm -rf build
