@@ -3,21 +3,65 @@
 #
 #   scripts/bench.sh [CMAKE_ARGUMENT...]
 #
-# Results, as JSON: build/bench/kernels.json and build/bench/flow.json. TARVO_BENCH_ARGS holds further arguments
-# for the kernel benchmarks, e.g. --benchmark_filter=Convolve.
+# Results: build/bench/kernels.json and build/bench/flow.json with every measurement, and the tables in
+# docs/performance.md, between its markers. Further arguments:
+#   TARVO_BENCH_ARGS       for the kernels, e.g. --benchmark_filter=Convolve
+#   TARVO_BENCH_FLOW_ARGS  for the whole computation, e.g. --full
+# The document is left alone where either of them is set to more than --full, or a benchmark is missing.
 set -eu
 cd "$(dirname "$0")/.."
 
 cmake --preset release -DTARVO_BUILD_BENCH=ON "$@"
 cmake --build --preset release
-mkdir -p build/bench
+out=build/bench
+doc=docs/performance.md
+mkdir -p $out
+rm -f $out/kernels.md $out/flow.md
 
+# shellcheck disable=SC2086
+build/bin/tarvo_bench_flow --json $out/flow.json --markdown $out/flow.md ${TARVO_BENCH_FLOW_ARGS:-}
+echo
 if [ -x build/bin/tarvo_bench_kernels ]; then
   # shellcheck disable=SC2086
-  build/bin/tarvo_bench_kernels --benchmark_out=build/bench/kernels.json --benchmark_out_format=json \
-    ${TARVO_BENCH_ARGS:-}
+  build/bin/tarvo_bench_kernels --benchmark_repetitions=5 --benchmark_min_time=0.05 \
+    --benchmark_enable_random_interleaving=true --benchmark_out=$out/kernels.json --benchmark_out_format=json \
+    --markdown $out/kernels.md ${TARVO_BENCH_ARGS:-}
 else
   echo "bench: no kernel benchmarks, since Google Benchmark is not installed"
 fi
-build/bin/tarvo_bench_flow --json build/bench/flow.json
-echo "bench: results in build/bench"
+echo "bench: results in $out"
+
+case "${TARVO_BENCH_ARGS:-}/${TARVO_BENCH_FLOW_ARGS:-}" in
+  / | /--full) ;;
+  *)
+    echo "bench: $doc left alone, since this was no standard run"
+    exit 0
+    ;;
+esac
+if [ ! -f $out/kernels.md ]; then
+  echo "bench: $doc left alone, since the kernel benchmarks are missing"
+  exit 0
+fi
+{
+  printf '\n### Whole computations\n\n'
+  cat $out/flow.md
+  printf '\n### Kernels and routines\n\n'
+  cat $out/kernels.md
+  printf '\n'
+} >$out/tables.md
+awk -v tables=$out/tables.md '
+  /^<!-- bench:end -->$/ { inside = 0; ends++ }
+  !inside { print }
+  /^<!-- bench:begin -->$/ {
+    while ((getline line < tables) > 0) print line
+    inside = 1
+    begins++
+  }
+  END { exit !(begins == 1 && ends == 1) }
+' $doc >$doc.new || {
+  rm -f $doc.new
+  echo "bench: $doc lacks its two markers" >&2
+  exit 1
+}
+mv $doc.new $doc
+echo "bench: tables in $doc"

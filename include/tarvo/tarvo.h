@@ -16,6 +16,8 @@
 #include <tarvo/exceptions.h>
 #include <tarvo/filters.h>
 #include <tarvo/flow.h>
+#include <tarvo/hog.h>
+#include <tarvo/matching.h>
 #include <tarvo/pyramid.h>
 #include <tarvo/solvers.h>
 #include <tarvo/tensors.h>

@@ -13,6 +13,8 @@ extern TARVO_API double timer_memcpy1;      ///< upload and download of one flow
 extern TARVO_API double timer_HOG;          ///< the matching step
 extern TARVO_API double timer_var;          ///< the variational step
 extern TARVO_API double timer_total;        ///< a whole flow computation, without device initialisation
+extern TARVO_API double timer_hogc;         ///< creation of the histogram fields
+extern TARVO_API double timer_hogmatch;     ///< confidence, energies, matching and consistency check
 extern TARVO_API double timer_memcpy;       ///< level match planes; transfers of the host-array functions
 extern TARVO_API double timer_down;         ///< building each level's images and match planes
 extern TARVO_API double timer_interp_warp;  ///< flow prolongation, validity plane and warping
@@ -24,6 +26,8 @@ extern TARVO_API timeval start_memcpy1, finish_memcpy1;
 extern TARVO_API timeval start_HOG, finish_HOG;
 extern TARVO_API timeval start_var, finish_var;
 extern TARVO_API timeval start_total, finish_total;
+extern TARVO_API timeval start_hogc, finish_hogc;
+extern TARVO_API timeval start_hogmatch, finish_hogmatch;
 extern TARVO_API timeval start_memcpy, finish_memcpy;
 extern TARVO_API timeval start_down, finish_down;
 extern TARVO_API timeval start_interp_warp, finish_interp_warp;

@@ -1,6 +1,7 @@
 #include "api/flow_job.h"
 
 #include <tarvo/NFilter.h>
+#include <tarvo/matching.h>
 #include <tarvo/variational.h>
 
 #include <cmath>
@@ -52,12 +53,10 @@ void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>&
   memcpy1.stop();
 }
 
-/// The matching stage: leaves the match field without any match.
 void match(DeviceFlow& job) {
   auto HOG = TARVO_STOPWATCH(HOG);
-  for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
-    TARVO_CALL(device::clear(plane->get(), device::planeFloats(job.h, job.p) * sizeof(float)));
-  }
+  gCreateAndMatchHOG(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
+                     job.matchWeight.get(), job.h, job.w, job.p, job.channels);
   HOG.stop();
 }
 

@@ -149,6 +149,7 @@ void filterHostImage(float* out, int h, int w, const float* in, const Filter& fi
   TARVO_CALL(device::copyFloats(source.get(), in, floats, device::Direction::ToDevice));
   TARVO_CALL(result.allocate(floats));
   filter(result.get(), source.get());
+  TARVO_LAUNCHED("Convolution");
   TARVO_CALL(device::copyFloats(out, result.get(), floats, device::Direction::ToHost));
   TARVO_CALL(source.release());
   TARVO_CALL(result.release());

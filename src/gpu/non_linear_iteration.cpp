@@ -73,6 +73,7 @@ void NonLinearIteration(float* image1, float* warped2, float* gconf, float* matc
                       matches[2].get(), candidates, flow[0].get(), flow[1].get(), h, w, p, kChannels, alpha,
                       beta, gamma, fixedPointIterations, solverIterations, reserved, scratch.cg(),
                       scratch.fp());
+  TARVO_LAUNCHED("Iterations");  // the additions of the increment
 
   TARVO_CALL(device::copyPlanes(u, w, flow[0].get(), p, h, w, 1, device::Direction::ToHost));
   TARVO_CALL(device::copyPlanes(v, w, flow[1].get(), p, h, w, 1, device::Direction::ToHost));

@@ -1,0 +1,181 @@
+#include <tarvo/hog.h>
+#include <tarvo/matching.h>
+
+#include <mutex>
+
+#include "device/launch.h"
+#include "device/report.h"
+#include "device/stopwatch.h"
+#include "match/match_cpu.h"
+#include "match/match_steps.h"
+#ifdef __CUDACC__
+#include "match/match_cuda.cuh"
+#endif
+
+namespace {
+
+using match::kUnit;
+using match::Pair;
+using match::Records;
+
+constexpr int kMargin = 12;  // first grid coordinate
+
+std::mutex countsMutex;
+NMatching::Counts counts{};
+
+void searchOnCpu(const kernels::HOGMatch_kernel& search) {
+  device::Buffer scratch;
+  TARVO_CALL(scratch.allocate(match::cpuMatchScratch(search.h, search.w)));
+  launchCpuForm([&] { match::cpuMatch(search, scratch.get()); });
+  TARVO_CALL(scratch.release());
+}
+
+void printTimes() {
+  report::print("HOG creation = %f msec\n", timer_hogc);
+  report::print("HOG match = %f msec\n", timer_hogmatch);
+}
+
+/// Histograms, confidence and energies of two images.
+class Features {
+ public:
+  Features(const float* image1, const float* image2, int h, int w, int p, int channels)
+      : pair_{image1, image2, nullptr, nullptr, nullptr, nullptr, nullptr, 0.0f, h, w, p},
+        channels_(channels) {
+    TARVO_CALL(hog1_.allocate(device::planeFloats(h, p, kHogBins)));
+    TARVO_CALL(hog2_.allocate(device::planeFloats(h, p, kHogBins)));
+    for (device::Buffer* plane : {&confidence_, &energy1_, &energy2_}) {
+      TARVO_CALL(plane->allocate(device::planeFloats(h, p)));
+    }
+    pair_.hog1 = hog1_.get();
+    pair_.hog2 = hog2_.get();
+    pair_.confidence = confidence_.get();
+    pair_.energy1 = energy1_.get();
+    pair_.energy2 = energy2_.get();
+  }
+  void createHistograms() {
+    gComputeHOG(pair_.image1, hog1_.get(), channels_, kHogBins, pair_.h, pair_.w, pair_.p);
+    gComputeHOG(pair_.image2, hog2_.get(), channels_, kHogBins, pair_.h, pair_.w, pair_.p);
+  }
+  void createGates() {
+    const int h = pair_.h, w = pair_.w, p = pair_.p;
+    gComputeConfidence(pair_.image1, confidence_.get(), h, w, p, channels_);
+    computeEnergy_kernel(hog1_.get(), energy1_.get(), h, w, p, kHogBins);
+    computeEnergy_kernel(hog2_.get(), energy2_.get(), h, w, p, kHogBins);
+    pair_.meanConfidence = match::meanOf(gCompute2DSum(confidence_.get(), h, w, p), h, w);
+    TARVO_LAUNCHED("Energy over\n");
+  }
+  const Pair& pair() const { return pair_; }
+  void release() {
+    for (device::Buffer* buffer : {&hog1_, &hog2_, &confidence_, &energy1_, &energy2_}) {
+      TARVO_CALL(buffer->release());
+    }
+  }
+
+ private:
+  device::Buffer hog1_, hog2_, confidence_, energy1_, energy2_;
+  Pair pair_;
+  int channels_;
+};
+
+}  // namespace
+
+void HOGMatch_kernel(const float* imageA, const float* imageB, const float* hogA, const float* hogB,
+                     const float* confidence, int forwardPass, const float* energyA, const float* energyB,
+                     float meanConfidence, int* matchX, int* matchY, float* bestDistance,
+                     float* secondDistance, const int* pointX, const int* pointY, int height, int width,
+                     int pitch, int count) {
+  const kernels::HOGMatch_kernel search{imageA,      imageB,       hogA,           hogB,           confidence,
+                                        forwardPass, energyA,      energyB,        meanConfidence, matchX,
+                                        matchY,      bestDistance, secondDistance, pointX,         pointY,
+                                        height,      width,        pitch,          count};
+#ifdef __CUDACC__
+  if (device::onCuda()) {
+    if (device::beginLaunch()) match::cuda::launchMatch(search);
+    return;
+  }
+#endif
+  searchOnCpu(search);
+}
+
+void consistencyCheck_kernel(const int* pointX, const int* pointY, const int* forwardX, const int* forwardY,
+                             const int* backwardX, const int* backwardY, const float* bestDistance,
+                             const float* secondDistance, int count, float* weight, float* u, float* v,
+                             int height, int width, int pitch) {
+  launch(kernels::consistencyCheck_kernel{pointX, pointY, forwardX, forwardY, backwardX, backwardY,
+                                          bestDistance, secondDistance, count, weight, u, v, height, width,
+                                          pitch, count});
+}
+
+void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, float* v, float* weight,
+                        int height, int width, int pitch, int channels) {
+  const match::Grid grid(width, height, kMargin);
+  report::print("%d %d %d %d\n", grid.columns, grid.rows, width, height);
+  for (float* plane : {u, v, weight}) {
+    TARVO_CALL(device::clear(plane, device::planeFloats(height, pitch) * sizeof(float)));
+  }
+  if (grid.count() == 0) {
+    match::setCounts(grid, {});
+    printTimes();
+    return;
+  }
+  Features features(image1, image2, height, width, pitch, channels);
+  Records records(grid);
+
+  auto hogc = TARVO_STOPWATCH(hogc);
+  features.createHistograms();
+  device::synchronize();
+  hogc.stop();
+
+  auto hogmatch = TARVO_STOPWATCH(hogmatch);
+  features.createGates();
+  match::matchBothWays(features.pair(), records, weight, u, v);
+  device::synchronize();
+  hogmatch.stop();
+
+  match::setCounts(grid, match::HostRecords(records));
+  printTimes();
+  features.release();
+  records.release();
+}
+
+namespace match {
+
+void matchBothWays(const Pair& pair, const Records& r, float* weight, float* u, float* v) {
+  HOGMatch_kernel(pair.image1, pair.image2, pair.hog1, pair.hog2, pair.confidence, 1, pair.energy1,
+                  pair.energy2, pair.meanConfidence, r.ints(Records::ForwardX), r.ints(Records::ForwardY),
+                  r.floats(Records::Best), r.floats(Records::Second), r.ints(Records::PointX),
+                  r.ints(Records::PointY), pair.h, pair.w, pair.p, r.count());
+  TARVO_LAUNCHED("Forward HOG MATCH");
+  HOGMatch_kernel(pair.image2, pair.image1, pair.hog2, pair.hog1, pair.confidence, 0, pair.energy2,
+                  pair.energy1, pair.meanConfidence, r.ints(Records::BackwardX), r.ints(Records::BackwardY),
+                  r.floats(Records::BackBest), r.floats(Records::BackSecond), r.ints(Records::ForwardX),
+                  r.ints(Records::ForwardY), pair.h, pair.w, pair.p, r.count());
+  TARVO_LAUNCHED("Backward HOG MATCH");
+  consistencyCheck_kernel(r.ints(Records::PointX), r.ints(Records::PointY), r.ints(Records::ForwardX),
+                          r.ints(Records::ForwardY), r.ints(Records::BackwardX), r.ints(Records::BackwardY),
+                          r.floats(Records::Best), r.floats(Records::Second), r.count(), weight, u, v, pair.h,
+                          pair.w, pair.p);
+  TARVO_LAUNCHED("Consistency check");
+}
+
+void setCounts(const Grid& grid, const HostRecords& records) {
+  NMatching::Counts result{grid.count(), 0, 0, 0};
+  for (std::size_t k = 0; k < grid.x.size(); ++k) {
+    result.gatedPoints += records.best[k] != Records::kNotSearched ? 1 : 0;
+    result.forwardMatches += records.forwardX[k] != 0 ? 1 : 0;
+    result.keptMatches += records.consistent(grid, k) ? 1 : 0;
+  }
+  const std::lock_guard<std::mutex> lock(countsMutex);
+  counts = result;
+}
+
+}  // namespace match
+
+namespace NMatching {
+
+Counts lastCounts() {
+  const std::lock_guard<std::mutex> lock(countsMutex);
+  return counts;
+}
+
+}  // namespace NMatching

@@ -1,0 +1,198 @@
+#pragma once
+
+#include <tarvo/hog.h>
+
+#include <climits>
+
+#include "device/kernel.h"
+
+namespace match {
+
+constexpr int kSpacing = 4;        ///< pixels between grid points, and between descriptor cells
+constexpr int kRadius = 80;        ///< half-width of the search window [pixels]
+constexpr int kWindowMargin = 12;  ///< least distance of a candidate from the border [pixels]
+constexpr int kCells = 9;
+constexpr int kCentreCell = 4;
+constexpr int kDescriptorSize = kCells * kHogBins;
+constexpr int kMostColumns = 2 * kRadius + 1;
+constexpr int kColours = 3;
+constexpr float kRejected = 1e9f;           ///< distances from here on count as none
+constexpr float kColourThreshold = 300.0f;  ///< largest sum of squared colour differences
+constexpr double kGate = 0.125;             ///< fraction of the mean confidence that a point must reach
+constexpr float kAbsent = 1e8f;             ///< a distance above it is absent when the weight is formed
+constexpr double kWeightRegulariser = 0.000001;
+
+/// The candidates of a point: columns x0 ... x1 of rows y0 ... y1; empty where x1 < x0 or y1 < y0.
+struct Window {
+  int x0, x1, y0, y1;
+};
+
+TARVO_HOST_DEVICE int smaller(int a, int b) {
+  return a < b ? a : b;
+}
+TARVO_HOST_DEVICE int larger(int a, int b) {
+  return a > b ? a : b;
+}
+
+TARVO_HOST_DEVICE Window windowAround(int ax, int ay, int h, int w) {
+  return {larger(kWindowMargin, ax - kRadius), smaller(ax + kRadius, w - 1 - kWindowMargin),
+          larger(kWindowMargin, ay - kRadius), smaller(ay + kRadius, h - 1 - kWindowMargin)};
+}
+
+/// Column and row of cell k relative to the descriptor's point.
+TARVO_HOST_DEVICE int cellColumn(int k) {
+  return kSpacing * (k % 3 - 1);
+}
+TARVO_HOST_DEVICE int cellRow(int k) {
+  return kSpacing * (k / 3 - 1);
+}
+
+/// The integer part; beyond the integers their limits, and 0 for a not-a-number.
+TARVO_HOST_DEVICE int integerPart(float value) {
+  if (value >= 2147483648.0f) return INT_MAX;
+  if (value < -2147483648.0f) return INT_MIN;
+  return value == value ? static_cast<int>(value) : 0;
+}
+
+/// What one column of a search window offers.
+struct Column {
+  float best = kRejected;
+  float second = kRejected;
+  int x = 0;
+  int y = 0;
+};
+
+}  // namespace match
+
+namespace kernels {
+
+/// Searches point `k` of image A in image B; the call operator is the whole search of one point, column by
+/// column, the simplest form. The devices run faster ones with the same results, made of the same steps.
+struct HOGMatch_kernel {
+  const float *imageA, *imageB, *hogA, *hogB, *confidence;
+  int forwardPass;
+  const float *energyA, *energyB;
+  float meanConfidence;
+  int *matchX, *matchY;
+  float *bestDistance, *secondDistance;
+  const int *pointX, *pointY;
+  int h, w, p;
+  int outW;  // number of points
+  static constexpr int outH = 1;
+
+  TARVO_HOST_DEVICE long at(int x, int y) const { return static_cast<long>(y) * p + x; }
+  TARVO_HOST_DEVICE long plane(int k) const { return static_cast<long>(k) * h * p; }
+
+  TARVO_HOST_DEVICE bool searched(int ax, int ay) const {
+    if (ax == 0 || ay == 0) return false;
+    if (forwardPass == 0) return true;
+    const int corner = match::integerPart(confidence[at(ax, ay)]);
+    return !(static_cast<double>(corner) < static_cast<double>(meanConfidence) * match::kGate);
+  }
+
+  /// Element 15 k + b of the descriptor of (x, y): bin b at cell k.
+  TARVO_HOST_DEVICE float element(const float* hog, int x, int y, int k, int b) const {
+    return hog[plane(b) + at(x + match::cellColumn(k), y + match::cellRow(k))];
+  }
+
+  /// Energy and colour test; a comparison with a not-a-number rejects nothing.
+  TARVO_HOST_DEVICE bool acceptable(int ax, int ay, int x, int y) const {
+    const double eA = energyA[at(ax, ay)];
+    const double eB = energyB[at(x, y)];
+    if (eB > 2.0 * eA || eA > 2.0 * eB) return false;
+    float sum = 0.0f;
+    for (int c = 0; c < match::kColours; ++c) {
+      const float d = imageA[plane(c) + at(ax, ay)] - imageB[plane(c) + at(x, y)];
+      sum += d * d;
+    }
+    return !(sum > match::kColourThreshold);
+  }
+
+  /// Sum of squared differences to `descriptor`, bin by bin, within a bin cell by cell. Once a whole bin
+  /// leaves it at `limit` or above, which no later term undoes, the sum so far is returned.
+  TARVO_HOST_DEVICE float distance(const float* descriptor, int x, int y, float limit) const {
+    float sum = 0.0f;
+    for (int b = 0; b < kHogBins && !(sum >= limit); ++b) {
+      for (int k = 0; k < match::kCells; ++k) {
+        const float d = descriptor[kHogBins * k + b] - element(hogB, x, y, k, b);
+        sum += d * d;
+      }
+    }
+    return sum;
+  }
+
+  /// Column x of the window, from the top down. Distances are abandoned once they would change nothing.
+  template <bool kAbandon>
+  TARVO_HOST_DEVICE match::Column column(const float* descriptor, int ax, int ay, int x, int y0,
+                                         int y1) const {
+    match::Column own;
+    for (int y = y0; y <= y1; ++y) {
+      if (!acceptable(ax, ay, x, y)) continue;
+      const float limit = kAbandon ? own.second : match::kRejected;
+      const float d = distance(descriptor, x, y, limit);
+      if (own.best > d) {
+        own = {d, own.best, x, y};
+      } else if (own.second > d) {
+        own.second = d;
+      }
+    }
+    return own;
+  }
+
+  TARVO_HOST_DEVICE void operator()(int k, int /*row*/) const {
+    const int ax = pointX[k];
+    const int ay = pointY[k];
+    if (!searched(ax, ay)) return;
+    float descriptor[match::kDescriptorSize];
+    for (int i = 0; i < match::kDescriptorSize; ++i) {
+      descriptor[i] = element(hogA, ax, ay, i / kHogBins, i % kHogBins);
+    }
+    const match::Window window = match::windowAround(ax, ay, h, w);
+    match::Column columns[match::kMostColumns];
+    match::Column nearest;
+    for (int x = window.x0; x <= window.x1; ++x) {
+      match::Column& own = columns[x - window.x0];
+      own = column<false>(descriptor, ax, ay, x, window.y0, window.y1);
+      if (own.best < nearest.best) nearest = own;
+    }
+    float second = match::kRejected;
+    for (int x = window.x0; x <= window.x1; ++x) {
+      const match::Column& own = columns[x - window.x0];
+      const float offered = own.best == nearest.best ? own.second : own.best;
+      second = offered < second ? offered : second;
+    }
+    matchX[k] = nearest.x;
+    matchY[k] = nearest.y;
+    bestDistance[k] = nearest.best;
+    secondDistance[k] = second;
+  }
+};
+
+/// Keeps point k if its backward match lies within one pixel of it: see the exported function.
+struct consistencyCheck_kernel {
+  const int *pointX, *pointY, *forwardX, *forwardY, *backwardX, *backwardY;
+  const float *bestDistance, *secondDistance;
+  int count;
+  float *weight, *u, *v;
+  int h, w, p;
+  int outW;  // number of points
+  static constexpr int outH = 1;
+
+  TARVO_HOST_DEVICE static bool within(int a, int b) { return a - b <= 1 && b - a <= 1; }
+  TARVO_HOST_DEVICE static float weightOf(float d1, float d2) {
+    if (d2 > match::kAbsent) return d1 > match::kAbsent ? 0.0f : 1.0f;
+    return static_cast<float>(static_cast<double>(d2 - d1) /
+                              (static_cast<double>(d1) + match::kWeightRegulariser));
+  }
+  TARVO_HOST_DEVICE void operator()(int k, int /*row*/) const {
+    const int x = pointX[k];
+    const int y = pointY[k];
+    if (!within(x, backwardX[k]) || !within(y, backwardY[k])) return;
+    const long i = static_cast<long>(y) * p + x;
+    weight[i] = weightOf(bestDistance[k], secondDistance[k]);
+    u[i] = static_cast<float>(forwardX[k] - x);
+    v[i] = static_cast<float>(forwardY[k] - y);
+  }
+};
+
+}  // namespace kernels

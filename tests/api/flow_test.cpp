@@ -1,0 +1,362 @@
+#include <gtest/gtest.h>
+#include <tarvo/tarvo.h>
+
+#include <algorithm>
+#include <limits>
+#include <thread>
+
+#if defined(__x86_64__)
+#include <xmmintrin.h>
+#endif
+
+#include "api/allocation_count.h"
+#include "support/library_state.h"
+#include "support/scene.h"
+#include "support/tolerance.h"
+
+namespace {
+
+using tolerance::exact;
+
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
+
+struct Parameters {
+  float sigma = 0.0f, alpha = 30.0f, beta = 300.0f, gamma = 5.0f, eta = 0.95f;
+  int fixedPointIterations = 5, solverIterations = 10;
+};
+
+Parameters quick() {
+  Parameters p;
+  p.eta = 0.7f;
+  p.fixedPointIterations = 2;
+  p.solverIterations = 4;
+  return p;
+}
+
+void run(CTensor<float>& first, CTensor<float>& second, CTensor<float>& flow, const Parameters& p) {
+  runFlowGPU(first, second, flow, p.sigma, p.alpha, p.beta, p.gamma, p.eta, p.fixedPointIterations, p.solverIterations);
+}
+
+Planes flowOf(const Planes& first, const Planes& second, const Parameters& p = {}) {
+  const Silence silence;
+  CTensor<float> a = tensorOf(first), b = tensorOf(second), flow;
+  run(a, b, flow, p);
+  return planesOf(flow);
+}
+
+struct Both {
+  Planes forward, backward;
+};
+
+Both bothOf(const Planes& first, const Planes& second, const Parameters& p) {
+  const Silence silence;
+  CTensor<float> forward(3, 3, 1, 7.0f), backward;
+  tarvo(tensorOf(first), tensorOf(second), forward, backward, p.sigma, p.alpha, p.beta, p.gamma, p.eta,
+        p.fixedPointIterations, p.solverIterations);
+  return {planesOf(forward), planesOf(backward)};
+}
+
+/// Large enough to be shared out among threads.
+const Planes& picture1() {
+  static const Planes picture = render(113, 129, 0, 0);
+  return picture;
+}
+const Planes& picture2() {
+  static const Planes picture = render(113, 129, 1.5, -0.75);
+  return picture;
+}
+
+/// What the entry points say to these arguments, "accepted" if nothing; outputs must stay as they are.
+std::string refusal(const CTensor<float>& first, const CTensor<float>& second, const Parameters& p) {
+  const Silence silence;
+  std::string messages[2];
+  for (const bool both : {false, true}) {
+    CTensor<float> a = first, b = second, flow(2, 2, 1, 7.0f), backward(1, 2, 1, 8.0f);
+    std::string& message = messages[both ? 1 : 0];
+    message = "accepted";
+    try {
+      if (both) {
+        tarvo(a, b, flow, backward, p.sigma, p.alpha, p.beta, p.gamma, p.eta, p.fixedPointIterations,
+              p.solverIterations);
+      } else {
+        run(a, b, flow, p);
+      }
+    } catch (const std::invalid_argument& error) {
+      message = error.what();
+      const std::string function = both ? "tarvo: " : "runFlowGPU: ";
+      EXPECT_EQ(message.compare(0, function.size(), function), 0) << message;
+      message = message.substr(function.size());
+    }
+    if (message == "accepted") return message;
+    EXPECT_TRUE(exact(planesOf(flow), Planes(2, 2, 1, 7.0f)));
+    EXPECT_TRUE(exact(planesOf(backward), Planes(2, 1, 1, 8.0f)));
+    EXPECT_TRUE(a.size() == 0 || exact(planesOf(a), planesOf(first)));
+  }
+  EXPECT_EQ(messages[0], messages[1]);
+  return messages[0];
+}
+
+bool says(const std::string& message, const std::vector<std::string>& parts) {
+  return std::all_of(parts.begin(), parts.end(),
+                     [&](const std::string& part) { return message.find(part) != std::string::npos; });
+}
+
+}  // namespace
+
+TEST(Flow, RefusesWrongPicturesAndParametersAndNamesThem) {
+  const CTensor<float> good(6, 5, 3, 1.0f);
+  const auto pictures = [](const CTensor<float>& a, const CTensor<float>& b) { return refusal(a, b, {}); };
+  EXPECT_PRED2(says, pictures(good, CTensor<float>(5, 6, 3, 1.0f)),
+               (std::vector<std::string>{"image1", "image2", "6 x 5 x 3", "5 x 6 x 3"}));
+  EXPECT_PRED2(says, pictures(good, CTensor<float>(6, 5, 1, 1.0f)),
+               (std::vector<std::string>{"image1", "image2", "6 x 5 x 3", "6 x 5 x 1"}));
+  EXPECT_PRED2(says, pictures(CTensor<float>(), CTensor<float>()), (std::vector<std::string>{"size", "0 x 0"}));
+  EXPECT_PRED2(says, pictures(CTensor<float>(0, 5, 3), CTensor<float>(0, 5, 3)),
+               (std::vector<std::string>{"size", "0 x 5"}));
+  for (const int channels : {1, 2, 4}) {
+    const CTensor<float> other(6, 5, channels, 1.0f);
+    EXPECT_PRED2(says, pictures(other, other), (std::vector<std::string>{"channels", std::to_string(channels)}));
+  }
+
+  const auto parameter = [&](float Parameters::*member, float value) {
+    Parameters p = quick();
+    p.*member = value;
+    return refusal(good, good, p);
+  };
+  for (const auto& [name, member] : {std::pair{"alpha", &Parameters::alpha}, {"beta", &Parameters::beta},
+                                     {"gamma", &Parameters::gamma}}) {
+    for (const auto& [value, text] : {std::pair{kNan, "nan"}, {kInf, "inf"}, {-kInf, "-inf"}, {-0.5f, "-0.5"}}) {
+      EXPECT_PRED2(says, parameter(member, value), (std::vector<std::string>{name, text}));
+    }
+    EXPECT_EQ(parameter(member, 0.0f), "accepted");
+  }
+  for (const auto& [value, text] : {std::pair{0.0f, "0"}, {1.0f, "1"}, {-0.5f, "-0.5"}, {1.5f, "1.5"}, {kNan, "nan"}}) {
+    EXPECT_PRED2(says, parameter(&Parameters::eta, value), (std::vector<std::string>{"eta", text}));
+  }
+  const auto count = [&](int Parameters::*member, int value) {
+    Parameters p = quick();
+    p.*member = value;
+    return refusal(good, good, p);
+  };
+  EXPECT_PRED2(says, count(&Parameters::fixedPointIterations, -1),
+               (std::vector<std::string>{"fixedPointIterations", "-1"}));
+  EXPECT_PRED2(says, count(&Parameters::solverIterations, -1), (std::vector<std::string>{"solverIterations", "-1"}));
+  EXPECT_EQ(count(&Parameters::fixedPointIterations, 0), "accepted");
+  EXPECT_EQ(count(&Parameters::solverIterations, 0), "accepted");
+}
+
+TEST(Flow, OfEverySmallSizeReturns) {
+  for (const Size size : {Size{1, 1}, Size{1, 9}, Size{9, 1}, Size{2, 2}, Size{10, 10}, Size{15, 16}, Size{17, 29}, Size{5, 200}, Size{21, 37}}) {
+    const Planes flow = flowOf(randomPlanes(size.h, size.w, 3, 1), randomPlanes(size.h, size.w, 3, 2), quick());
+    ASSERT_TRUE(flow.h == size.h && flow.w == size.w && flow.count == 2) << size.w << " x " << size.h;
+    for (const float value : flow.values) ASSERT_TRUE(std::isfinite(value)) << size.w << " x " << size.h;
+  }
+}
+
+TEST(Flow, RecoversAShiftInBothDirections) {
+  for (const auto& [u, v] : {std::pair{1.0f, 0.5f}, {-2.25f, 1.5f}, {3.0f, -3.0f}}) {
+    const Both flow = bothOf(picture1(), render(113, 129, static_cast<double>(u), static_cast<double>(v)), {});
+    EXPECT_TRUE(tolerance::flow(flow.forward, uniformFlow(113, 129, u, v), 6, 0.05)) << u << ", " << v;
+    EXPECT_TRUE(tolerance::flow(flow.backward, uniformFlow(113, 129, -u, -v), 6, 0.05)) << u << ", " << v;
+  }
+}
+
+TEST(Flow, OfEqualPicturesIsZero) {
+  const Planes flow = flowOf(picture1(), picture1());
+  for (const float value : flow.values) ASSERT_EQ(value, 0.0f);
+}
+
+TEST(Flow, HasTheSameBitsOnEveryRunAndForAnyNumberOfThreads) {
+  const KeepThreads keep;
+  NDevice::threads(1);
+  const Planes expected = flowOf(picture1(), picture2());
+  for (const int threads : {1, 2, 3}) {
+    NDevice::threads(threads);
+    EXPECT_TRUE(exact(flowOf(picture1(), picture2()), expected)) << threads << " threads";
+  }
+}
+
+TEST(Flow, HasTheSameBitsWhateverTheCallersFloatingPointMode) {
+#if defined(__x86_64__)
+  const Planes expected = flowOf(picture1(), picture2(), quick());
+  const unsigned before = _mm_getcsr();
+  const unsigned odd = before | 0x8040u | 0x4000u;  // denormals flushed, rounding upwards
+  _mm_setcsr(odd);
+  const Planes result = flowOf(picture1(), picture2(), quick());
+  const unsigned after = _mm_getcsr();
+  _mm_setcsr(before);
+  EXPECT_EQ(after & 0xE040u, odd & 0xE040u);
+  EXPECT_TRUE(exact(result, expected));
+#else
+  GTEST_SKIP() << "the mode is set on x86-64 only";
+#endif
+}
+
+TEST(Flow, OfBothDirectionsIsTwoSeparateComputations) {
+  const Both flow = bothOf(picture1(), picture2(), quick());
+  EXPECT_TRUE(exact(flow.forward, flowOf(picture1(), picture2(), quick())));
+  EXPECT_TRUE(exact(flow.backward, flowOf(picture2(), picture1(), quick())));
+
+  const Silence silence;
+  const Planes first = render(40, 45, 0, 0), second = render(40, 45, 1, 0);
+  CTensor<float> forward, backward;
+  tarvo(tensorOf(first), tensorOf(second), forward, backward);
+  EXPECT_TRUE(exact(planesOf(forward), flowOf(first, second)));
+  EXPECT_TRUE(exact(planesOf(backward), flowOf(second, first)));
+}
+
+TEST(Flow, SmoothsTheBackwardDirectionTwice) {
+  const Silence silence;
+  Parameters p = quick();
+  p.sigma = 1.5f;
+  const Both flow = bothOf(picture1(), picture2(), p);
+  CTensor<float> first = tensorOf(picture1()), second = tensorOf(picture2()), result;
+  run(first, second, result, p);
+  EXPECT_TRUE(exact(planesOf(result), flow.forward));
+  CTensor<float> smooth = tensorOf(picture1());
+  NFilter::recursiveSmoothX(smooth, 1.5f);
+  NFilter::recursiveSmoothY(smooth, 1.5f);
+  EXPECT_TRUE(exact(planesOf(first), planesOf(smooth)));
+  run(second, first, result, p);
+  EXPECT_TRUE(exact(planesOf(result), flow.backward));
+}
+
+TEST(Flow, SmoothsNothingUnlessSigmaIsPositive) {
+  const Planes expected = flowOf(picture1(), picture2(), quick());
+  for (const float sigma : {0.0f, -2.0f, kNan}) {
+    const Silence silence;
+    Parameters p = quick();
+    p.sigma = sigma;
+    CTensor<float> first = tensorOf(picture1()), second = tensorOf(picture2()), flow;
+    run(first, second, flow, p);
+    EXPECT_TRUE(exact(planesOf(flow), expected));
+    EXPECT_TRUE(exact(planesOf(first), picture1()));
+    EXPECT_TRUE(exact(planesOf(second), picture2()));
+  }
+}
+
+TEST(Flow, ReportsItsPhasesInOrderWithTotalsThatGrow) {
+  const char* const kLines[] = {"# scales = ",         "Solver time = ", "MakeMatrix time = ", "Interp time = ",
+                                "downsampling time = ", "Memcpy time = ", "Filter time = ",     "HOG time = ",
+                                "Var time = ",          "Total time = "};
+  const double* const timers[] = {&timer_solver,  &timer_makematrix, &timer_interp_warp, &timer_down, &timer_memcpy1,
+                                  &timer_filter,  &timer_HOG,        &timer_var,         &timer_total};
+  std::vector<double> before;
+  for (const double* timer : timers) before.push_back(*timer);
+  const double memcpyBefore = timer_memcpy;
+  std::vector<std::string> lines;
+  {
+    const Report report;
+    CTensor<float> first = tensorOf(picture1()), second = tensorOf(picture2()), flow;
+    Parameters p = quick();
+    p.sigma = 1.0f;
+    run(first, second, flow, p);
+    lines = report.lines();
+  }
+  std::size_t at = 0;
+  for (const char* expected : kLines) {
+    while (at < lines.size() && lines[at].compare(0, std::string(expected).size(), expected) != 0) ++at;
+    ASSERT_LT(at, lines.size()) << "\"" << expected << "\" is missing or out of order";
+  }
+  EXPECT_EQ(at, lines.size() - 1);
+  for (std::size_t i = 0; i < before.size(); ++i) {
+    EXPECT_GT(*timers[i], before[i]) << kLines[i + 1];
+    // The value that was printed is the accumulator's.
+    double printed = -1.0;
+    for (const std::string& line : lines) {
+      if (line.compare(0, std::string(kLines[i + 1]).size(), kLines[i + 1]) == 0) {
+        printed = std::stod(line.substr(std::string(kLines[i + 1]).size()));
+      }
+    }
+    EXPECT_NEAR(printed, *timers[i], 1e-6);
+  }
+  EXPECT_GE(timer_memcpy, memcpyBefore);
+  EXPECT_GE(timer_total, timer_var);
+  EXPECT_TRUE(finish_total.tv_sec > start_total.tv_sec ||
+              (finish_total.tv_sec == start_total.tv_sec && finish_total.tv_usec >= start_total.tv_usec));
+}
+
+TEST(Flow, AllocatesNothingOnASecondRun) {
+  const Silence silence;
+  flowOf(picture1(), picture2());
+  const NDevice::MemoryUse first = NDevice::memoryUse();
+  const long before = allocationCount();
+  flowOf(picture1(), picture2());
+  const NDevice::MemoryUse second = NDevice::memoryUse();
+  EXPECT_EQ(first.inUse, second.inUse);
+  EXPECT_EQ(first.kept, second.kept);
+  EXPECT_EQ(allocationCount(), before);
+}
+
+TEST(Flow, TellsItsProgressAsOneSequenceForBothDirections) {
+  const Progress progress;
+  bothOf(picture1(), picture2(), quick());
+  const auto& calls = progress.calls();
+  ASSERT_FALSE(calls.empty());
+  EXPECT_EQ(calls.size(), static_cast<std::size_t>(calls[0].total));
+  EXPECT_EQ(calls.size() % 2, 0u);
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    EXPECT_EQ(calls[i].done, static_cast<int>(i) + 1);
+    EXPECT_EQ(calls[i].total, calls[0].total);
+  }
+  const std::size_t runs = calls.size();
+  flowOf(picture1(), picture2(), quick());
+  EXPECT_EQ(calls.size(), runs + runs / 2);
+  EXPECT_EQ(calls.back().done, calls.back().total);
+}
+
+TEST(Flow, RefusesCallsFromItsCallbacksAndWorksAfterwards) {
+  const Planes expected = flowOf(picture1(), picture2(), quick());
+  const std::size_t inUse = NDevice::memoryUse().inUse;
+  const std::function<void()> calls[] = {
+      [] { flowOf(picture1(), picture2(), quick()); },
+      [] { NDevice::select("cpu"); },
+      [] {
+        Planes out(3, 3);
+        GaussianFilter(out.data(), 3, 3, out.data(), 0, 0, 1.0f);
+      },
+  };
+  for (const auto& call : calls) {
+    NReport::progress([&call](int, int) { call(); });
+    EXPECT_THROW(flowOf(picture1(), picture2(), quick()), std::logic_error);
+    NReport::progress({});
+    EXPECT_EQ(NDevice::memoryUse().inUse, inUse);
+    EXPECT_TRUE(exact(flowOf(picture1(), picture2(), quick()), expected));
+  }
+}
+
+TEST(Flow, EndsWithWhatACallbackThrowsAndReleasesEverything) {
+  struct Stop {};
+  const Planes expected = flowOf(picture1(), picture2(), quick());
+  const std::size_t inUse = NDevice::memoryUse().inUse;
+  for (int at = 1; at <= 4; ++at) {
+    NReport::progress([at](int done, int) {
+      if (done == at) throw Stop{};
+    });
+    EXPECT_THROW(bothOf(picture1(), picture2(), quick()), Stop);
+    EXPECT_EQ(NDevice::memoryUse().inUse, inUse);
+  }
+  NReport::progress({});
+  EXPECT_TRUE(exact(flowOf(picture1(), picture2(), quick()), expected));
+}
+
+TEST(Flow, OfSeveralThreadsTakesTurns) {
+  const Silence silence;
+  const Planes expected[] = {flowOf(picture1(), picture2(), quick()), flowOf(picture2(), picture1(), quick())};
+  Planes results[2];
+  std::thread threads[2];
+  for (int k = 0; k < 2; ++k) {
+    threads[k] = std::thread([&results, k] {
+      for (int repeat = 0; repeat < 4; ++repeat) {
+        CTensor<float> a = tensorOf(k == 0 ? picture1() : picture2());
+        CTensor<float> b = tensorOf(k == 0 ? picture2() : picture1());
+        CTensor<float> flow;
+        run(a, b, flow, quick());
+        results[k] = planesOf(flow);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (int k = 0; k < 2; ++k) EXPECT_TRUE(exact(results[k], expected[k])) << k;
+}

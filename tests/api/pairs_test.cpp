@@ -1,0 +1,57 @@
+// Real and rendered picture pairs with known flow, where the folder TARVO_TEST_DATA holds them.
+#include <gtest/gtest.h>
+#include <tarvo/tarvo.h>
+
+#include <fstream>
+
+#include "pictures/picture.h"
+#include "support/library_state.h"
+#include "support/scene.h"
+
+namespace {
+
+/// A pair and the end-point error [pixels] that its flow must keep below: about a quarter above what was measured.
+struct Pair {
+  const char* name;
+  double bound;
+};
+
+class Pairs : public testing::TestWithParam<Pair> {};
+
+/// Mean end-point error where the truth is known.
+double meanError(const CTensor<float>& flow, const CTensor<float>& truth) {
+  constexpr float kUnknown = 1e9f;
+  double sum = 0.0;
+  long pixels = 0;
+  for (int y = 0; y < truth.sizeY(); ++y) {
+    for (int x = 0; x < truth.sizeX(); ++x) {
+      if (!(std::fabs(truth(x, y, 0)) < kUnknown && std::fabs(truth(x, y, 1)) < kUnknown)) continue;
+      sum += std::hypot(static_cast<double>(flow(x, y, 0) - truth(x, y, 0)),
+                        static_cast<double>(flow(x, y, 1) - truth(x, y, 1)));
+      ++pixels;
+    }
+  }
+  return sum / static_cast<double>(pixels);
+}
+
+}  // namespace
+
+TEST_P(Pairs, FlowIsNearTheTruth) {
+  const std::string folder = std::string(TARVO_TEST_DATA) + "/" + GetParam().name;
+  if (!std::ifstream(folder + "/flow.flo")) GTEST_SKIP() << "no pair in " << folder << " (set TARVO_TEST_DATA)";
+  const Silence silence;
+  CTensor<float> first = readPicture(folder + "/frame1.png", nullptr);
+  CTensor<float> second = readPicture(folder + "/frame2.png", nullptr);
+  const CTensor<float> truth = NFlowFile::read(folder + "/flow.flo");
+  CTensor<float> flow;
+  runFlowGPU(first, second, flow, 0.0f, 30.0f, 300.0f, 5.0f, 0.95f, 5, 10);
+  ASSERT_TRUE(flow.sizeX() == truth.sizeX() && flow.sizeY() == truth.sizeY());
+  const double error = meanError(flow, truth);
+  RecordProperty("end_point_error", std::to_string(error));
+  EXPECT_LT(error, GetParam().bound);
+}
+
+INSTANTIATE_TEST_SUITE_P(SmallMotion, Pairs,
+                         testing::Values(Pair{"RubberWhale", 0.2}, Pair{"affine_320", 0.5}, Pair{"rotzoom_320", 0.5},
+                                         Pair{"photometric_320", 0.5}),
+                         [](const auto& info) { return std::string(info.param.name); });

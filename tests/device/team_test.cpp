@@ -1,0 +1,117 @@
+// The CPU device's thread team, compiled into this program because the library does not export it.
+#include "device/cpu/team.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "device/device.h"
+
+unsigned device::plainFloatMode() {
+  return 0;
+}
+
+namespace {
+
+using device::cpu::runChunks;
+
+/// How often every chunk of a job ran.
+struct Job {
+  std::vector<std::atomic<int>> runs;
+  std::atomic<bool> over{false};
+  std::atomic<int> late{0};
+
+  explicit Job(int chunks) : runs(static_cast<std::size_t>(chunks)) {}
+  static void body(const void* opaque, int chunk) {
+    auto& job = *const_cast<Job*>(static_cast<const Job*>(opaque));
+    if (job.over) ++job.late;
+    ++job.runs.at(static_cast<std::size_t>(chunk));
+  }
+  void run() {
+    runChunks(static_cast<int>(runs.size()), &Job::body, this);
+    over = true;
+  }
+  bool eachOnce() const {
+    for (const auto& count : runs) {
+      if (count != 1) return false;
+    }
+    return late == 0;
+  }
+};
+
+}  // namespace
+
+TEST(Team, RunsEveryChunkOnceAndReturnsWhenAllAreDone) {
+  // More threads than processors, so that workers are held up anywhere, and very many jobs of changing sizes: a
+  // claim that is only almost safe fails about once in half a million.
+  for (const int threads : {2, 7}) {
+    device::cpu::setTeamSize(threads);
+    int wrong = 0;
+    for (int i = 0; i < 500000; ++i) {
+      Job job(1 + i * 7 % 29);
+      job.run();
+      wrong += job.eachOnce() ? 0 : 1;
+    }
+    EXPECT_EQ(wrong, 0) << threads << " threads";
+  }
+}
+
+TEST(Team, TakesJobsFromSeveralThreadsAndChangesItsSizeBetweenThem) {
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> callers;
+  for (int caller = 0; caller < 3; ++caller) {
+    callers.emplace_back([&wrong, caller] {
+      for (int i = 0; i < 3000; ++i) {
+        device::cpu::setTeamSize(1 + (i + caller) % 5);
+        Job job(1 + i % 13);
+        job.run();
+        if (!job.eachOnce()) ++wrong;
+      }
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(Team, OfAForkedChildWorks) {
+  device::cpu::setTeamSize(3);
+  Job before(20);
+  before.run();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    alarm(20);
+    bool right = true;
+    for (int i = 0; i < 100; ++i) {
+      Job job(20);
+      job.run();
+      right = right && job.eachOnce();
+    }
+    _exit(right ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+TEST(Team, SharesRowsOutInBandsThatCoverThePlane) {
+  device::cpu::setTeamSize(3);
+  for (const int h : {1, 2, 5, 479, 20000}) {
+    for (const int w : {1, 700, 20000}) {
+      std::vector<std::atomic<int>> rows(static_cast<std::size_t>(h));
+      std::atomic<int> bands{0};
+      device::cpu::forBands(h, w, [&](int y0, int y1) {
+        ++bands;
+        for (int y = y0; y < y1; ++y) ++rows[static_cast<std::size_t>(y)];
+      });
+      for (const auto& row : rows) ASSERT_EQ(row, 1) << h << " x " << w;
+      if (static_cast<long>(h) * w < device::cpu::kPixelsForTeam) {
+        EXPECT_EQ(bands, 1) << h << " x " << w;
+      }
+    }
+  }
+}

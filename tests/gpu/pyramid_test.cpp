@@ -1,0 +1,217 @@
+#include <gtest/gtest.h>
+#include <tarvo/pyramid.h>
+
+#include <limits>
+
+#include "gpu/pyramid_kernels.h"
+#include "reference/pyramid_reference.h"
+#include "support/device_planes.h"
+#include "support/tolerance.h"
+
+namespace {
+
+using tolerance::exact;
+using tolerance::rounding;
+
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+constexpr double kBilinearTerms = 8.0;  // products and sums of one bilinear sample
+
+/// One resampling: a source and a target size.
+struct Resampling {
+  Size from, to;
+};
+constexpr Resampling kShrinkings[] = {{{1, 1}, {1, 1}},      {{1, 7}, {1, 3}},       {{9, 1}, {4, 1}},
+                                      {{15, 17}, {15, 17}},  {{15, 17}, {7, 5}},     {{16, 16}, {8, 8}},
+                                      {{20, 33}, {19, 32}},  {{21, 37}, {1, 1}},     {{33, 20}, {10, 7}},
+                                      {{483, 637}, {459, 606}}, {{483, 637}, {16, 21}}};
+
+Planes shrunk(const Planes& in, Size to, const Planes* weight) {
+  const DevicePlanes source(in), target(to.h, to.w, 1, 2);
+  if (weight == nullptr) {
+    downsample(source.get(), in.h, in.w, source.p(), target.get(), to.h, to.w, target.p(), nullptr);
+  } else {
+    const DevicePlanes weights(*weight);
+    downsample(source.get(), in.h, in.w, source.p(), target.get(), to.h, to.w, target.p(), weights.get());
+  }
+  EXPECT_TRUE(target.intact());
+  return target.values();
+}
+
+Planes interpolated(const Planes& in, Size to, float factor) {
+  const DevicePlanes source(in), target(to.h, to.w, 1, 2);
+  gInterpolate(target.get(), to.h, to.w, target.p(), source.get(), in.h, in.w, source.p(), factor);
+  EXPECT_TRUE(target.intact() && source.intact());
+  return target.values();
+}
+
+reference::Warped warped(const Planes& source, const Planes& fallback, const Planes& u, const Planes& v) {
+  const int h = u.h, w = u.w;
+  const DevicePlanes from(source), other(fallback), flowU(u), flowV(v), out(h, w, source.count), valid(h, w);
+  gWarpMotion(out.get(), flowU.get(), flowV.get(), from.get(), other.get(), source.count, valid.get(), h, w, out.p());
+  EXPECT_TRUE(out.intact() && valid.intact());
+  return {out.values(), valid.values()};
+}
+
+}  // namespace
+
+TEST(Downsample, EqualsTheReferenceBitForBit) {
+  for (const Resampling& r : kShrinkings) {
+    SCOPED_TRACE(testing::Message() << r.from.w << " x " << r.from.h << " to " << r.to.w << " x " << r.to.h);
+    const Planes in = randomPlanes(r.from.h, r.from.w, 1, 1, -100.0f, 100.0f);
+    ASSERT_TRUE(exact(shrunk(in, r.to, nullptr), reference::downsample(in, r.to.h, r.to.w, nullptr)));
+    // Sparse weights with negative, zero and not-a-number ones among them.
+    Planes weight = randomPlanes(r.from.h, r.from.w, 1, 2, -2.0f, 1.0f);
+    for (std::size_t i = 0; i < weight.values.size(); i += 11) weight.values[i] = i % 2 == 0 ? kNan : 0.0f;
+    ASSERT_TRUE(exact(shrunk(in, r.to, &weight), reference::downsample(in, r.to.h, r.to.w, &weight)));
+    ASSERT_TRUE(exact(shrunk(weight, r.to, &weight), reference::downsample(weight, r.to.h, r.to.w, &weight)));
+  }
+}
+
+TEST(Downsample, KeepsConstantsAndHalvesToBlockMeans) {
+  for (const float value : shrunk(Planes(9, 10, 1, 7.0f), {4, 3}, nullptr).values) EXPECT_NEAR(value, 7.0f, 1e-5f);
+  Planes in(4, 4);
+  for (int i = 0; i < 16; ++i) in.values[static_cast<std::size_t>(i)] = static_cast<float>(i);
+  EXPECT_EQ(shrunk(in, {2, 2}, nullptr).values, (std::vector<float>{2.5f, 4.5f, 10.5f, 12.5f}));
+}
+
+TEST(Downsample, WeighsOnlyPositiveWeightsUnderAnArea) {
+  Planes in(2, 6), weight(2, 6);
+  in.values = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+  weight.at(1, 1) = 0.3f;          // alone in the first block
+  weight.at(2, 0) = 1.0f;          // with the next, in the second block
+  weight.at(3, 0) = 3.0f;
+  weight.at(5, 0) = kNan;          // nothing in the third
+  const Planes out = shrunk(in, {1, 3}, &weight);
+  EXPECT_NEAR(out.at(0, 0), 8.0f, 1e-6f);
+  EXPECT_NEAR(out.at(1, 0), 3.75f, 1e-6f);
+  EXPECT_TRUE(std::isnan(out.at(2, 0)));
+
+  // A footprint that ends exactly on a border does not touch the sample behind it, whatever that holds.
+  Planes line(1, 4), weights(1, 4, 1, 1.0f);
+  line.values = {2, 4, std::numeric_limits<float>::infinity(), 8};
+  weights.values = {0, 0, 1, 1};
+  EXPECT_TRUE(std::isnan(shrunk(line, {1, 2}, &weights).at(0, 0)));
+}
+
+TEST(DownsampleCpu, AgreesWithTheDeviceUpToRounding) {
+  for (const Resampling& r : kShrinkings) {
+    if (r.to.h >= r.from.h || r.to.w >= r.from.w) continue;
+    const Planes in = randomPlanes(r.from.h, r.from.w, 2, 3);
+    Planes out(r.to.h, r.to.w, 2, kNan);
+    downsampleCPU(in.data(), r.from.h, r.from.w, out.data(), r.to.h, r.to.w, 2);
+    for (int k = 0; k < 2; ++k) {
+      const double samples = static_cast<double>(r.from.w) / r.to.w * r.from.h / r.to.h;
+      // The running remainder gathers the ratio's rounding along a line: its borders drift by eps * length.
+      const double drift = (r.from.w + r.from.h) / 10.0;
+      EXPECT_TRUE(rounding(out.plane(k), shrunk(in.plane(k), r.to, nullptr), samples + drift * drift));
+    }
+  }
+}
+
+TEST(DownsampleCpu, RefusesTargetsThatAreNotSmaller) {
+  Planes in(4, 4), out(4, 4, 1, 5.0f);
+  for (const Size to : {Size{4, 3}, Size{3, 4}, Size{0, 3}, Size{3, 0}}) {
+    EXPECT_THROW(downsampleCPU(in.data(), 4, 4, out.data(), to.h, to.w, 1), std::invalid_argument);
+  }
+  EXPECT_EQ(out.values, std::vector<float>(16, 5.0f));
+}
+
+TEST(Interpolate, AgreesWithTheReference) {
+  for (const Resampling& r : kShrinkings) {  // the other way round
+    SCOPED_TRACE(testing::Message() << r.to.w << " x " << r.to.h << " to " << r.from.w << " x " << r.from.h);
+    const Planes in = randomPlanes(r.to.h, r.to.w, 1, 5, -50.0f, 50.0f);
+    for (const float factor : {1.0f, 1.0f / 0.95f, 2.0f, 3.7f}) {
+      ASSERT_TRUE(rounding(interpolated(in, r.from, factor), reference::interpolate(in, r.from.h, r.from.w, factor),
+                           kBilinearTerms));
+    }
+  }
+}
+
+TEST(Interpolate, MeetsTheSourceAtWholePositionsAndRepeatsItsBorders) {
+  const Planes in = randomPlanes(7, 9, 1, 6, -50.0f, 50.0f);
+  EXPECT_TRUE(exact(interpolated(in, {7, 9}, 1.0f), in));
+  const Planes doubled = interpolated(in, {20, 25}, 2.0f);
+  for (int y = 0; y < 20; y += 2) {
+    for (int x = 0; x < 25; x += 2) EXPECT_EQ(doubled.at(x, y), in.at(std::min(x / 2, 8), std::min(y / 2, 6)));
+  }
+  EXPECT_EQ(doubled.at(24, 19), in.at(8, 6));
+  EXPECT_EQ(doubled.at(1, 0), 0.5f * (in.at(1, 0) - in.at(0, 0)) + in.at(0, 0));
+}
+
+TEST(Interpolate, WorksOnOverlappingPlanes) {
+  const Planes in = randomPlanes(10, 12, 1, 7);
+  const DevicePlanes plane(in);
+  gInterpolate(plane.get(), 10, 12, plane.p(), plane.get(), 10, 12, plane.p(), 1.3f);
+  EXPECT_TRUE(exact(plane.values(), interpolated(in, {10, 12}, 1.3f)));
+}
+
+TEST(Interpolate, VariantThatNothingLaunchesGivesTheSame) {
+  const Planes in = randomPlanes(8, 9, 1, 8);
+  Planes out(11, 13);
+  const kernels::interpolateWithFilter_kernel kernel{{{in.data(), 8, 9, 9}, out.data(), 11, 13, 13, 1.25f}};
+  for (int y = 0; y < 11; ++y) {
+    for (int x = 0; x < 13; ++x) kernel(x, y);
+  }
+  EXPECT_TRUE(exact(out, interpolated(in, {11, 13}, 1.25f)));
+}
+
+TEST(Warp, AgreesWithTheReference) {
+  for (const Size size : kSizes) {
+    for (const int channels : {1, 3}) {
+      SCOPED_TRACE(testing::Message() << size.w << " x " << size.h << ", " << channels << " channels");
+      const Planes source = randomPlanes(size.h, size.w, channels, 9), other = randomPlanes(size.h, size.w, channels, 10);
+      const Planes u = randomPlanes(size.h, size.w, 1, 11, -6.0f, 6.0f), v = randomPlanes(size.h, size.w, 1, 12, -6.0f, 6.0f);
+      const reference::Warped result = warped(source, other, u, v), expected = reference::warp(source, other, u, v);
+      ASSERT_TRUE(exact(result.valid, expected.valid));
+      ASSERT_TRUE(rounding(result.out, expected.out, kBilinearTerms));
+    }
+  }
+}
+
+TEST(Warp, ByZeroFlowIsTheSource) {
+  const Planes source = randomPlanes(15, 17, 3, 13), other = randomPlanes(15, 17, 3, 14), zero(15, 17);
+  const reference::Warped result = warped(source, other, zero, zero);
+  EXPECT_TRUE(exact(result.out, source));
+  EXPECT_TRUE(exact(result.valid, Planes(15, 17, 1, 1.0f)));
+}
+
+TEST(Warp, TellsInsideFromOutsideAtTheLastPixel) {
+  Planes source(2, 4), other(2, 4, 1, -1.0f), u(2, 4), v(2, 4);
+  source.values = {0, 10, 20, 40, 1, 11, 21, 41};
+  u.values = {-0.5f, 0, 0.5f, 1, 0, kNan, 1, 0};
+  v.values = {0, 1, 0, 0, -1, 0, 0.5f, -1e30f};
+  const reference::Warped result = warped(source, other, u, v);
+  EXPECT_EQ(result.valid.values, (std::vector<float>{0, 1, 1, 0, 1, 1, 0, 0}));
+  EXPECT_EQ(result.out.at(0, 0), -1.0f);
+  EXPECT_EQ(result.out.at(1, 0), 11.0f);
+  EXPECT_EQ(result.out.at(2, 0), 30.0f);
+  EXPECT_EQ(result.out.at(3, 0), -1.0f);
+  EXPECT_EQ(result.out.at(0, 1), 0.0f);
+  EXPECT_EQ(result.out.at(2, 1), -1.0f);  // below the last row
+  EXPECT_EQ(result.out.at(3, 1), -1.0f);
+}
+
+TEST(Warp, NeverLeavesThePlaneWhateverTheFlowHolds) {
+  const Planes source = randomPlanes(5, 6, 3, 15), other(5, 6, 3, 3.0f);
+  constexpr float kInf = std::numeric_limits<float>::infinity();
+  for (const float wild : {kNan, kInf, -kInf, 3e38f, -3e38f, 1e10f}) {
+    const reference::Warped result = warped(source, other, Planes(5, 6, 1, wild), Planes(5, 6, 1, wild));
+    for (const float value : result.out.values) EXPECT_TRUE(value >= 0.0f && value <= 255.0f) << wild;
+  }
+}
+
+TEST(Warp, OfAnotherNumberOfChannelsDoesNothing) {
+  const DevicePlanes planes(randomPlanes(4, 5, 2, 16)), zero(Planes(4, 5)), out(4, 5, 2), valid(4, 5);
+  gWarpMotion(out.get(), zero.get(), zero.get(), planes.get(), planes.get(), 2, valid.get(), 4, 5, out.p());
+  for (const float value : out.values().values) EXPECT_TRUE(std::isnan(value));
+  for (const float value : valid.values().values) EXPECT_TRUE(std::isnan(value));
+}
+
+TEST(Warp, WorksInPlace) {
+  const Planes source = randomPlanes(15, 17, 3, 17), other = randomPlanes(15, 17, 3, 18);
+  const Planes u(15, 17, 1, 1.5f), v(15, 17, 1, -0.25f);
+  const DevicePlanes picture(source), fallback(other), flowU(u), flowV(v), valid(15, 17);
+  gWarpMotion(picture.get(), flowU.get(), flowV.get(), picture.get(), fallback.get(), 3, valid.get(), 15, 17,
+              picture.p());
+  EXPECT_TRUE(exact(picture.values(), warped(source, other, u, v).out));
+}

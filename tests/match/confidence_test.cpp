@@ -1,0 +1,251 @@
+#include <gtest/gtest.h>
+#include <tarvo/NFilter.h>
+#include <tarvo/hog.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "reference/hog_reference.h"
+#include "support/device_planes.h"
+#include "support/library_state.h"
+#include "support/scene.h"
+#include "support/tolerance.h"
+
+namespace {
+
+Planes confidenceOf(const Planes& image) {
+  const DevicePlanes in(image), out(image.h, image.w);
+  gComputeConfidence(in.get(), out.get(), image.h, image.w, in.p(), image.count);
+  EXPECT_TRUE(in.intact());
+  EXPECT_TRUE(out.intact());
+  return out.values();
+}
+
+Planes hostConfidenceOf(const Planes& image) {
+  CMatrix<float> confidence(2, 2);
+  computeConfidence(tensorOf(image), CTensor<float>(), confidence);
+  Planes result(confidence.sizeY(), confidence.sizeX());
+  std::copy(confidence.data(), confidence.data() + confidence.size(), result.values.begin());
+  return result;
+}
+
+/// 200 on [x0, x1) x [y0, y1), 50 elsewhere.
+Planes rectangle(int h, int w, int count, int x0, int x1, int y0, int y1) {
+  Planes image(h, w, count, 50.0f);
+  for (int k = 0; k < count; ++k) {
+    for (int y = y0; y < y1; ++y) {
+      for (int x = x0; x < x1; ++x) image.at(x, y, k) = 200.0f;
+    }
+  }
+  return image;
+}
+
+/// The host's confidence in plain steps, one pixel after the other.
+Planes hostReference(const Planes& image) {
+  const Planes gx = reference::correlate(image, {-0.5f, 0.0f, 0.5f}, 1, 0);
+  const Planes gy = reference::correlate(image, {-0.5f, 0.0f, 0.5f}, 0, 1);
+  CTensor<float> tensor(image.w, image.h, 3, 0.0f);
+  Planes out(image.h, image.w);
+  for (int y = 0; y < image.h; ++y) {
+    for (int x = 0; x < image.w; ++x) {
+      for (int k = 0; k < image.count; ++k) {
+        const float a = gx.at(x, y, k), b = gy.at(x, y, k);
+        tensor(x, y, 0) += a * a;
+        tensor(x, y, 1) += a * b;
+        tensor(x, y, 2) += b * b;
+      }
+      out.at(x, y) = std::sqrt(tensor(x, y, 0) + tensor(x, y, 2));
+    }
+  }
+  NFilter::recursiveSmoothX(tensor, 4.0f);
+  NFilter::recursiveSmoothY(tensor, 4.0f);
+  for (int y = 0; y < image.h; ++y) {
+    for (int x = 0; x < image.w; ++x) {
+      const float xx = tensor(x, y, 0), xy = tensor(x, y, 1), yy = tensor(x, y, 2);
+      const float t = (xx + yy) * 0.5f;
+      const float q = t * t + xy * xy - yy * xx;
+      const double root = std::sqrt(q < 0.0f ? 0.0 : static_cast<double>(q));
+      out.at(x, y) = static_cast<float>((static_cast<double>(t) - root) * static_cast<double>(out.at(x, y)));
+    }
+  }
+  return out;
+}
+
+float rowSum(const Planes& plane, int y) {
+  float lanes[256] = {};
+  for (int x = 0; x < plane.w; ++x) lanes[x % 256] += plane.at(x, y);
+  for (int half = 128; half > 0; half /= 2) {
+    for (int t = 0; t < half; ++t) lanes[t] += lanes[t + half];
+  }
+  return lanes[0];
+}
+
+}  // namespace
+
+TEST(Confidence, EqualsThePlainTwin) {
+  for (const Size& size : kSizes) {
+    for (const int channels : {1, 3}) {
+      const Planes image = randomPlanes(size.h, size.w, channels, 31);
+      EXPECT_TRUE(tolerance::exact(confidenceOf(image), reference::confidence(image)))
+          << size.h << " x " << size.w;
+    }
+  }
+  Planes spoilt = randomPlanes(40, 50, 3, 32);
+  spoilt.at(3, 4, 1) = std::numeric_limits<float>::quiet_NaN();
+  spoilt.at(45, 35, 0) = std::numeric_limits<float>::infinity();
+  const Planes result = confidenceOf(spoilt);
+  EXPECT_TRUE(tolerance::exact(result, reference::confidence(spoilt)));
+  EXPECT_TRUE(std::isnan(result.at(3, 4)));
+  EXPECT_TRUE(std::isfinite(result.at(25, 20)));
+}
+
+TEST(Confidence, HostFollowsItsRecipe) {
+  for (const Size& size : {Size{1, 1}, Size{9, 1}, Size{37, 21}, Size{60, 80}}) {
+    const Planes image = randomPlanes(size.h, size.w, 3, 33);
+    EXPECT_TRUE(tolerance::exact(hostConfidenceOf(image), hostReference(image))) << size.h << " x " << size.w;
+  }
+}
+
+TEST(Confidence, FindsCornersOnly) {
+  const Planes square = rectangle(60, 60, 3, 20, 40, 20, 40);
+  const Planes edge = rectangle(60, 60, 3, 30, 60, 0, 60);
+  for (const auto& of : {confidenceOf, hostConfidenceOf}) {
+    const Planes flat = of(Planes(20, 30, 3, 77.0f));
+    EXPECT_TRUE(tolerance::exact(flat, Planes(20, 30)));
+    const Planes corners = of(square);
+    EXPECT_EQ(corners.at(25, 25), 0.0f);  // no derivatives of its own
+    int bestX = 0, bestY = 0;
+    for (int y = 0; y < 60; ++y) {
+      for (int x = 0; x < 60; ++x) {
+        if (corners.at(x, y) > corners.at(bestX, bestY)) bestX = x, bestY = y;
+      }
+    }
+    const int fromX = std::min(std::abs(bestX - 20), std::abs(bestX - 39));
+    const int fromY = std::min(std::abs(bestY - 20), std::abs(bestY - 39));
+    EXPECT_LE(std::max(fromX, fromY), 2) << bestX << " " << bestY;
+    EXPECT_LT(std::fabs(of(edge).at(30, 30)), 1e-5f * corners.at(bestX, bestY));
+  }
+}
+
+TEST(Confidence, GrowsWithTheNumberOfEqualChannels) {
+  Planes one = randomPlanes(30, 40, 1, 34);
+  for (float& value : one.values) value = std::round(value);  // so that sums over the channels are exact
+  Planes four(30, 40, 4), expected = confidenceOf(one);
+  for (int k = 0; k < 4; ++k)
+    std::copy(one.values.begin(), one.values.end(), four.values.begin() + k * 30 * 40);
+  for (float& value : expected.values) value *= 4.0f * std::sqrt(4.0f);
+  EXPECT_TRUE(tolerance::exact(confidenceOf(four), expected));
+}
+
+TEST(Confidence, NegativeDiscriminantCountsAsZero) {
+  // Two nearly equal eigenvalues: t^2 - d is rounded below 0 at some of the pixels.
+  Random random(35);
+  const int n = 4096;
+  Planes xx(1, n), xy(1, n), yy(1, n), magnitude(1, n, 1, 1.0f);
+  for (int x = 0; x < n; ++x) {
+    xx.at(x, 0) = random.next(1, 2);
+    yy.at(x, 0) = std::nextafter(xx.at(x, 0), 0.0f);
+  }
+  const DevicePlanes a(xx), b(xy), c(yy), m(magnitude), out(1, n);
+  computeConfidence_kernel(a.get(), b.get(), c.get(), m.get(), out.get(), 1, n, a.p());
+  const Planes result = out.values();
+  int negative = 0;
+  for (int x = 0; x < n; ++x) {
+    const float t = (xx.at(x, 0) + yy.at(x, 0)) * 0.5f;
+    const float product = xx.at(x, 0) * yy.at(x, 0), square = t * t;
+    if (square >= product) continue;
+    ++negative;
+    EXPECT_EQ(result.at(x, 0), t);
+  }
+  EXPECT_GT(negative, 0);
+}
+
+TEST(Confidence, SameBitsForAnyNumberOfThreads) {
+  const KeepThreads keep;
+  const Planes image = randomPlanes(241, 320, 3, 36);
+  NDevice::threads(1);
+  const Planes one = confidenceOf(image);
+  for (const int threads : {2, 3}) {
+    NDevice::threads(threads);
+    EXPECT_TRUE(tolerance::exact(confidenceOf(image), one)) << threads;
+  }
+}
+
+TEST(Confidence, HostArraysGiveTheDeviceResults) {
+  const Planes image = randomPlanes(17, 29, 3, 37);
+  Planes confidence(17, 29);
+  computeConfidenceGPU(image.data(), nullptr, confidence.data(), 17, 29, 3);
+  EXPECT_TRUE(tolerance::exact(confidence, reference::confidence(image)));
+}
+
+TEST(Energy, AddsThePlanesInOrder) {
+  for (const int bins : {15, 4}) {
+    const Planes hog = randomPlanes(21, 37, bins, 38);
+    Planes expected(21, 37), result(21, 37);
+    for (int b = 0; b < bins; ++b) {
+      for (int y = 0; y < 21; ++y) {
+        for (int x = 0; x < 37; ++x) expected.at(x, y) += hog.at(x, y, b);
+      }
+    }
+    computeEnergy(hog.data(), result.data(), 21, 37, bins);
+    EXPECT_TRUE(tolerance::exact(result, expected));
+  }
+}
+
+TEST(PlaneSum, AddsByLanesAndRows) {
+  const KeepThreads keep;
+  for (const Size& size :
+       {Size{1, 1}, Size{3, 255}, Size{2, 256}, Size{5, 257}, Size{1, 513}, Size{483, 637}}) {
+    const Planes plane = randomPlanes(size.h, size.w, 1, 39, -1.0f, 1.0f);
+    float expected = 0.0f;
+    for (int y = 0; y < size.h; ++y) expected += rowSum(plane, y);
+    const DevicePlanes on(plane);
+    for (const int threads : {1, 3}) {
+      NDevice::threads(threads);
+      EXPECT_EQ(gCompute2DSum(on.get(), size.h, size.w, on.p()), expected) << size.h << " x " << size.w;
+    }
+    EXPECT_EQ(compute2DSum(plane.data(), size.h, size.w), expected);
+    EXPECT_EQ(compute2DSum(Planes(size.h, size.w, 1, 1.0f).data(), size.h, size.w),
+              static_cast<float>(size.h * size.w));
+  }
+}
+
+TEST(EdgeStrength, WeighsLargestAndMean) {
+  EXPECT_EQ(edgeStrength(CTensor<float>(4, 4, 3, 9.0f)), 0.0f);
+  CTensor<float> step(4, 1, 2, 0.0f);  // derivatives 0, 60, 60, 0 and 0, 80, 80, 0 along x
+  step(2, 0, 0) = step(3, 0, 0) = 120.0f;
+  step(2, 0, 1) = step(3, 0, 1) = 160.0f;
+  const float strength = (0.7f * 100 + 0.3f * 50) / 100;
+  EXPECT_FLOAT_EQ(edgeStrength(step), strength * strength);
+}
+
+TEST(Confidence, FailuresCarryTheLabelOfTheStep) {
+  const ThrowOnError errors;
+  const Planes image = randomPlanes(21, 37, 3, 40);
+  std::vector<float> out(21 * 37);
+  const auto labels = [](const auto& run) {
+    std::string all;
+    const std::size_t before = NDevice::memoryUse().inUse;
+    for (long n = 1;; ++n) {
+      NDevice::failCall(n);
+      try {
+        run();
+        return all;
+      } catch (const DeviceFailure& failure) {
+        all += failure.what();
+        EXPECT_EQ(NDevice::memoryUse().inUse, before) << failure.what();
+      }
+    }
+  };
+  const auto contains = [](const std::string& all, const char* label) {
+    return all.find(label) != std::string::npos;
+  };
+  EXPECT_TRUE(contains(labels([&] { computeConfidenceGPU(image.data(), nullptr, out.data(), 21, 37, 3); }),
+                       "compute conf over"));
+  EXPECT_TRUE(
+      contains(labels([&] { computeEnergy(image.data(), out.data(), 21, 37, 3); }), "Cuda error: energy"));
+  EXPECT_TRUE(contains(labels([&] { compute2DSum(image.data(), 21, 37); }), "Cuda error: 2dsum"));
+}

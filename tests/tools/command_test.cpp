@@ -1,0 +1,290 @@
+#include <gtest/gtest.h>
+#include <tarvo/tarvo.h>
+
+#include <algorithm>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "pictures/picture.h"
+#include "synth/scene.h"
+#include "tools/run_tool.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using Words = std::vector<std::string>;
+
+class Command : public testing::Test {
+ protected:
+  std::string path(const std::string& name) const { return folder.path(name); }
+
+  /// Renders two frames and their flow into the folder.
+  void makeFrames() {
+    ASSERT_EQ(runTool({"synth", "layers", "-o", path("."), "--size", "48x40"}).status, 0);
+    frames = {path("frame1.png"), path("frame2.png")};
+  }
+
+  Outcome flow(const Words& arguments) const {
+    Words words{"flow"};
+    words.insert(words.end(), frames.begin(), frames.end());
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return runTool(words);
+  }
+
+  static bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+  }
+
+  const TemporaryFolder folder;
+  Words frames;
+};
+
+}  // namespace
+
+TEST_F(Command, SynthWritesTheSceneThatTheRendererGives) {
+  const Outcome outcome = runTool({"synth", "demo", "-o", path("a/b"), "--size", "40x30", "--seed", "7"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_TRUE(contains(outcome.out, "frame1.png"));
+  const Rendering scene = render(makeScene("demo", 40, 30, 7));
+  const CTensor<float> flow = NFlowFile::read(path("a/b/flow.flo"));
+  ASSERT_EQ(flow.size(), scene.flow.size());
+  EXPECT_TRUE(std::equal(flow.data(), flow.data() + flow.size(), scene.flow.data()));
+  const CTensor<float> frame = readPicture(path("a/b/frame2.png"), nullptr);
+  ASSERT_EQ(frame.size(), scene.frame2.size());
+  for (int i = 0; i < frame.size(); ++i) {
+    ASSERT_NEAR(frame.data()[i], scene.frame2.data()[i], 0.5001);
+  }
+}
+
+TEST_F(Command, WrongUsageEndsWith2AndNamesTheOption) {
+  const struct {
+    Words words;
+    const char* told;
+  } cases[] = {
+      {{}, "command"},
+      {{"paint"}, "paint"},
+      {{"flow", "a.png"}, "FRAME2"},
+      {{"flow", "a.png", "b.png"}, "--output"},
+      {{"flow", "a.png", "b.png", "c.png", "-o", "x.flo"}, "c.png"},
+      {{"flow", "a.png", "b.png", "-o", "x.png"}, "x.png"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--backward", "./x.flo"}, "--backward"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--color", "b.png"}, "--color"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--eta", "1.5"}, "--eta: 1.5"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--eta", "0.999999999"}, "--eta"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--alpha", "nan"}, "--alpha: nan"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--gamma", "1e99"}, "--gamma: 1e99"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--beta", "3px"}, "--beta: 3px"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--solver-iterations", "-1"}, "--solver-iterations: -1"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--threads", "0"}, "--threads: 0"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--device", "gpu"}, "--device: gpu"},
+      {{"color", "x.flo", "-o", "x.jpg"}, "x.jpg"},
+      {{"color", "x.flo", "-o", "x.png", "--max-motion", "0"}, "--max-motion: 0"},
+      {{"synth", "sea", "-o", "d"}, "sea"},
+      {{"synth", "demo", "-o", "d", "--size", "12"}, "--size: 12"},
+      {{"synth", "demo", "-o", "d", "--size", "99999x9"}, "--size: 99999x9"},
+      {{"eval", "x.flo"}, "REFERENCE"}};
+  for (const auto& [words, told] : cases) {
+    const Outcome outcome = runTool(words);
+    EXPECT_EQ(outcome.status, 2) << told;
+    EXPECT_TRUE(contains(outcome.err, told)) << told << " is not in: " << outcome.err;
+    EXPECT_EQ(outcome.out, "");
+  }
+}
+
+TEST_F(Command, HelpAndVersionAreResults) {
+  for (const Words& words :
+       {Words{"--help"}, {"flow", "--help"}, {"eval", "-h"}, {"color", "-h"}, {"synth", "-h"}}) {
+    const Outcome outcome = runTool(words);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_TRUE(contains(outcome.out, "Usage")) << outcome.out;
+    EXPECT_EQ(outcome.err, "");
+  }
+  const std::string help = runTool({"flow", "--help"}).out;
+  for (const char* told :
+       {"--sigma NUMBER=0", "--alpha NUMBER=30", "--beta NUMBER=300", "--gamma NUMBER=5", "--eta NUMBER=0.95",
+        "--fixed-point-iterations COUNT=5", "--solver-iterations COUNT=10"}) {
+    EXPECT_TRUE(contains(help, told)) << told;
+  }
+  EXPECT_EQ(runTool({"--version"}).out, "tarvo " + NDevice::version() + "\n");
+}
+
+TEST_F(Command, FailuresEndWith1AndNameTheFile) {
+  makeFrames();
+  writeText(path("damaged.png"), readText(frames[0]).substr(0, 500));
+  writeText(path("damaged.flo"), "PIEH");
+  ASSERT_EQ(runTool({"synth", "shift", "-o", path("small"), "--size", "20x10"}).status, 0);
+  const std::string good = path("flow.flo"), out = path("x.flo");
+  const struct {
+    Words words;
+    std::string told;
+  } cases[] = {{{"flow", path("none.png"), frames[1], "-o", out}, "none.png"},
+               {{"flow", frames[0], path("damaged.png"), "-o", out}, "damaged.png"},
+               {{"flow", frames[0], path("small/frame1.png"), "-o", out}, "48 x 40"},
+               {{"flow", frames[0], path("small/frame1.png"), "-o", out}, "20 x 10"},
+               {{"flow", frames[0], frames[1], "-o", path("none/x.flo")}, "none/x.flo"},
+               {{"flow", frames[0], frames[1], "-o", out, "--device", "cuda:4711"}, "cuda"},
+               {{"eval", path("none.flo"), good}, "none.flo"},
+               {{"eval", good, path("damaged.flo")}, "damaged.flo"},
+               {{"eval", good, path("small/flow.flo")}, "20 x 10"},
+               {{"color", path("damaged.flo"), "-o", path("x.png")}, "damaged.flo"},
+               {{"color", good, "-o", path("none/x.png")}, "none/x.png"},
+               {{"synth", "demo", "-o", frames[0]}, "frame1.png"}};
+  for (const auto& [words, told] : cases) {
+    const Outcome outcome = runTool(words);
+    EXPECT_EQ(outcome.status, 1) << told << ": " << outcome.err;
+    EXPECT_TRUE(contains(outcome.err, told)) << told << " is not in: " << outcome.err;
+    EXPECT_EQ(outcome.out, "");
+  }
+  EXPECT_EQ(folder.names(),
+            (Words{"damaged.flo", "damaged.png", "flow.flo", "frame1.png", "frame2.png", "small"}));
+}
+
+TEST_F(Command, AFailedRunLeavesTheOldFilesAndNothingElse) {
+  makeFrames();
+  writeText(path("old.flo"), "old");
+  EXPECT_EQ(runTool({"flow", frames[0], path("none.png"), "-o", path("old.flo")}).status, 1);
+  EXPECT_EQ(readText(path("old.flo")), "old");
+  // The disk takes no more than 1 KiB: the picture can't be completed, so the flow that could be isn't put in
+  // place.
+  const Words before = folder.names();
+  const Outcome outcome = runProgram({"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 2; exec \"$@\"", "sh",
+                                      TARVO_TOOL, "synth", "demo", "-o", path("."), "--size", "8x2000"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(contains(outcome.err, "frame1.png")) << outcome.err;
+  EXPECT_FALSE(contains(outcome.err, ".tmp")) << outcome.err;
+  EXPECT_EQ(folder.names(), before);
+  EXPECT_EQ(readPicture(frames[0], nullptr).sizeX(), 48);
+}
+
+TEST_F(Command, FlowWritesItsFilesAndTellsOfThemInJson) {
+  makeFrames();
+  const Outcome outcome =
+      flow({"-o", path("f.flo"), "--backward", path("b.flo"), "--color", path("f.png"), "--eta", "0.5",
+            "--alpha", "12.5", "--device", "cpu", "--threads", "1", "--json"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.err, "");
+  const Json json = Json::parse(outcome.out);
+  EXPECT_EQ(json.at("width"), 48);
+  EXPECT_EQ(json.at("height"), 40);
+  EXPECT_EQ(json.at("threads"), 1);
+  EXPECT_EQ(json.at("parameters").at("alpha"), 12.5);
+  EXPECT_TRUE(contains(json.at("device"), "cpu"));
+  EXPECT_GT(json.at("forward").at("phases").at("total"), 0.0);
+  EXPECT_EQ(json.at("backward").at("file"), path("b.flo"));
+  const CTensor<float> forward = NFlowFile::read(path("f.flo"));
+  EXPECT_EQ(forward.sizeX(), 48);
+  EXPECT_EQ(forward.sizeY(), 40);
+  EXPECT_EQ(readPicture(path("f.png"), nullptr).sizeY(), 40);
+
+  // The backward flow is the flow of the swapped pictures.
+  std::swap(frames[0], frames[1]);
+  ASSERT_EQ(flow({"-o", path("s.flo"), "--eta", "0.5", "--alpha", "12.5", "--device", "cpu"}).status, 0);
+  EXPECT_EQ(readText(path("b.flo")), readText(path("s.flo")));
+  EXPECT_NE(readText(path("f.flo")), readText(path("s.flo")));
+}
+
+TEST_F(Command, SmoothingChangesNeitherTheOtherDirectionNorTheInput) {
+  makeFrames();
+  ASSERT_EQ(flow({"-o", path("f.flo"), "--backward", path("b.flo"), "--sigma", "1.5", "--eta", "0.5"}).status,
+            0);
+  std::swap(frames[0], frames[1]);
+  ASSERT_EQ(flow({"-o", path("s.flo"), "--sigma", "1.5", "--eta", "0.5"}).status, 0);
+  EXPECT_EQ(readText(path("b.flo")), readText(path("s.flo")));
+}
+
+TEST_F(Command, FlowSaysAsMuchAsIsAskedFor) {
+  makeFrames();
+  const Words fast{"-o", path("f.flo"), "--eta", "0.5"};
+  const auto with = [&fast](const std::string& option) {
+    Words words = fast;
+    words.push_back(option);
+    return words;
+  };
+  const Outcome plain = flow(fast), quiet = flow(with("-q")), verbose = flow(with("-v"));
+  EXPECT_TRUE(contains(plain.out, "48 x 40") && contains(plain.out, "f.flo")) << plain.out;
+  EXPECT_EQ(plain.err, "");
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.out + quiet.err, "");
+  EXPECT_TRUE(contains(verbose.err, "Total time = ")) << verbose.err;
+  EXPECT_FALSE(contains(verbose.out, "Total time = "));
+}
+
+TEST_F(Command, EvalPrintsTheFiguresAsTextAndJson) {
+  CTensor<float> flow(4, 1, 2, 0.f), reference(4, 1, 2, 0.f);
+  flow(0, 0, 0) = 5;                                        // off by 5: an outlier
+  flow(1, 0, 1) = std::numeric_limits<float>::quiet_NaN();  // missing
+  reference(2, 0, 0) = 2e9f;                                // unknown
+  flow(3, 0, 0) = reference(3, 0, 0) = 12;
+  NFlowFile::write(path("f.flo"), flow);
+  NFlowFile::write(path("r.flo"), reference);
+  const Outcome outcome = runTool({"eval", path("f.flo"), path("r.flo"), "--json"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  const Json json = Json::parse(outcome.out);
+  EXPECT_EQ(json.at("pixels"), 4);
+  EXPECT_EQ(json.at("pixels_used"), 3);
+  EXPECT_EQ(json.at("pixels_missing"), 1);
+  EXPECT_NEAR(json.at("epe").get<double>(), 2.5, 1e-9);
+  EXPECT_NEAR(json.at("outlier_share").get<double>(), 2. / 3, 1e-9);
+  EXPECT_NEAR(json.at("epe_by_motion").at(0).at("epe").get<double>(), 5, 1e-9);
+  EXPECT_EQ(json.at("epe_by_motion").at(1).at("pixels"), 1);
+  EXPECT_TRUE(json.at("epe_by_motion").at(2).at("epe").is_null());
+  const std::string text = runTool({"eval", path("f.flo"), path("r.flo")}).out;
+  EXPECT_TRUE(contains(text, "2.500 px") && contains(text, "66.67 %") && contains(text, "3 of 4") &&
+              contains(text, "pixels missing"))
+      << text;
+
+  NFlowFile::write(path("u.flo"), CTensor<float>(4, 1, 2, 1e10f));
+  EXPECT_EQ(runTool({"eval", path("f.flo"), path("u.flo")}).status, 1);
+}
+
+TEST_F(Command, ColorDrawsTheLongestOrTheGivenMotionAtFullBrightness) {
+  CTensor<float> flow(5, 1, 2, 0.f);
+  flow(1, 0, 0) = 4;
+  flow(2, 0, 0) = 2;
+  flow(3, 0, 0) = 1e10f;
+  flow(4, 0, 1) = std::numeric_limits<float>::quiet_NaN();
+  NFlowFile::write(path("f.flo"), flow);
+  const auto red = [&](const Words& more) {
+    Words words{"color", path("f.flo"), "-o", path("f.png")};
+    words.insert(words.end(), more.begin(), more.end());
+    EXPECT_EQ(runTool(words).status, 0);
+    const CTensor<float> picture = readPicture(path("f.png"), nullptr);
+    return std::vector<float>(picture.data(), picture.data() + 5);
+  };
+  // Lengths a little below the full one may be rounded down by one.
+  const std::vector<float> longest = red({}), given = red({"--max-motion", "8"});
+  EXPECT_EQ(longest[0], 0);
+  EXPECT_NEAR(longest[1], 255, 1);
+  EXPECT_NEAR(longest[2], 127, 1);
+  EXPECT_EQ(longest[3], longest[4]);  // unknown, in the colour for it
+  EXPECT_NE(longest[3], 0);
+  EXPECT_NEAR(given[1], 127, 1);
+}
+
+TEST_F(Command, ColorPutsTheLegendIntoTheLowerRightCorner) {
+  NFlowFile::write(path("still.flo"), CTensor<float>(90, 120, 2, 0.f));
+  ASSERT_EQ(runTool({"color", path("still.flo"), "-o", path("l.png"), "--legend"}).status, 0);
+  const CTensor<float> picture = readPicture(path("l.png"), nullptr);
+  int drawn = 0;
+  for (int y = 0; y < 120; ++y) {
+    for (int x = 0; x < 90; ++x) {
+      const bool black = picture(x, y, 0) + picture(x, y, 1) + picture(x, y, 2) == 0;
+      drawn += !black;
+      EXPECT_TRUE(black || (x >= 60 && y >= 90)) << x << " " << y;
+    }
+  }
+  EXPECT_NEAR(drawn, 3.14 * 10 * 10, 20);  // a disc of a ninth of the shorter side
+  NFlowFile::write(path("tiny.flo"), CTensor<float>(9, 9, 2, 0.f));
+  const Outcome tiny = runTool({"color", path("tiny.flo"), "-o", path("t.png"), "--legend"});
+  EXPECT_EQ(tiny.status, 0);
+  EXPECT_TRUE(contains(tiny.err, "legend"));
+}
+
+TEST_F(Command, InfoTellsVersionDevicesAndInstructions) {
+  const Json json = Json::parse(runTool({"info", "--json"}).out);
+  EXPECT_EQ(json.at("version"), NDevice::version());
+  EXPECT_FALSE(json.at("devices").empty());
+  EXPECT_TRUE(contains(json.at("instruction_set"), "x86-64"));
+  EXPECT_TRUE(contains(runTool({"info"}).out, json.at("device")));
+}

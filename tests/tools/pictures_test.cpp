@@ -1,0 +1,248 @@
+#include "pictures/picture.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstdio>
+#include <limits>
+#include <stdexcept>
+
+#include <jpeglib.h>
+
+#include "tools/run_tool.h"
+
+namespace {
+
+std::string bigEndian(unsigned long value, int bytes) {
+  std::string text;
+  for (int i = bytes - 1; i >= 0; --i) {
+    text += static_cast<char>(value >> (8 * i));
+  }
+  return text;
+}
+
+const Bytef* bytesOf(const std::string& text) {
+  return reinterpret_cast<const Bytef*>(text.data());
+}
+
+std::string chunk(const std::string& type, const std::string& data) {
+  const std::string body = type + data;
+  return bigEndian(data.size(), 4) + body + bigEndian(crc32(0, bytesOf(body), uInt(body.size())), 4);
+}
+
+enum PngType { kGrey = 0, kRgb = 2, kPalette = 3, kGreyAlpha = 4, kRgbAlpha = 6 };
+
+/// A PNG of rows that already carry their filter byte; `extra` are chunks before the data.
+std::string png(int width, int height, int bits, PngType type, const std::string& rows,
+                const std::string& extra = "", bool interlaced = false) {
+  std::vector<Bytef> packed(compressBound(rows.size()));
+  uLongf size = packed.size();
+  compress(packed.data(), &size, bytesOf(rows), rows.size());
+  const std::string header = bigEndian(width, 4) + bigEndian(height, 4) + bigEndian(bits, 1) +
+                             bigEndian(type, 1) + bigEndian(0, 2) + bigEndian(interlaced, 1);
+  return "\x89PNG\r\n\x1a\n" + chunk("IHDR", header) + extra +
+         chunk("IDAT", std::string(packed.begin(), packed.begin() + long(size))) + chunk("IEND", "");
+}
+
+/// A JPEG of one colour; channels 1 or 3.
+std::string jpeg(int width, int height, int channels, std::vector<unsigned char> colour, bool progressive) {
+  jpeg_compress_struct info;
+  jpeg_error_mgr errors;
+  info.err = jpeg_std_error(&errors);
+  jpeg_create_compress(&info);
+  unsigned char* data = nullptr;
+  unsigned long size = 0;
+  jpeg_mem_dest(&info, &data, &size);
+  info.image_width = width;
+  info.image_height = height;
+  info.input_components = channels;
+  info.in_color_space = channels == 1 ? JCS_GRAYSCALE : JCS_RGB;
+  jpeg_set_defaults(&info);
+  if (progressive) {
+    jpeg_simple_progression(&info);
+  }
+  jpeg_start_compress(&info, TRUE);
+  std::vector<unsigned char> row;
+  for (int x = 0; x < width; ++x) {
+    row.insert(row.end(), colour.begin(), colour.end());
+  }
+  while (info.next_scanline < info.image_height) {
+    JSAMPROW start = row.data();
+    jpeg_write_scanlines(&info, &start, 1);
+  }
+  jpeg_finish_compress(&info);
+  std::string text(reinterpret_cast<char*>(data), size);
+  jpeg_destroy_compress(&info);
+  std::free(data);
+  return text;
+}
+
+class Pictures : public testing::Test {
+ protected:
+  CTensor<float> read(const std::string& bytes) {
+    messages.clear();
+    writeText(folder.path("picture"), bytes);
+    return readPicture(folder.path("picture"), &messages);
+  }
+
+  /// The values of a picture of one row, pixel by pixel.
+  std::vector<float> values(const std::string& bytes) {
+    const CTensor<float> picture = read(bytes);
+    std::vector<float> result;
+    for (int x = 0; x < picture.sizeX(); ++x) {
+      for (int z = 0; z < 3; ++z) {
+        result.push_back(picture(x, 0, z));
+      }
+    }
+    return result;
+  }
+
+  /// The reason why a file is refused, which names the file; empty if it is read.
+  std::string refusal(const std::string& bytes) {
+    try {
+      read(bytes);
+      return "";
+    } catch (const std::runtime_error& error) {
+      const std::string text = error.what(), name = folder.path("picture") + ": ";
+      EXPECT_EQ(text.rfind(name, 0), 0u) << text;
+      return text.substr(name.size());
+    }
+  }
+
+  const TemporaryFolder folder;
+  std::vector<std::string> messages;
+};
+
+using Values = std::vector<float>;
+
+const std::string kPng = png(2, 2, 8, kRgb, std::string("\0\1\2\3\4\5\6\0\7\10\11\12\13\14", 14));
+
+std::vector<std::string> wholeFiles() {
+  return {kPng,
+          png(3, 1, 16, kGrey, std::string("\0\1\2\3\4\5\6", 7)),
+          jpeg(17, 9, 3, {10, 200, 60}, false),
+          jpeg(17, 9, 3, {10, 200, 60}, true),
+          "P5 2 2 255\nabcd",
+          "P6\n# a comment\n1 2\n65535\nabcdefabcdef",
+          "P3 2 1 9\n1 2 3 4 5 6",
+          "P2 2 2 255 1 2 3 4"};
+}
+
+}  // namespace
+
+TEST_F(Pictures, ReadsEveryKindOfPng) {
+  EXPECT_EQ(values(png(2, 1, 8, kRgb, std::string("\0\1\2\3\xff\0\7", 7))), (Values{1, 2, 3, 255, 0, 7}));
+  EXPECT_EQ(values(png(2, 1, 8, kGrey, std::string("\0\5\x80", 3))), (Values{5, 5, 5, 128, 128, 128}));
+  EXPECT_EQ(values(png(3, 1, 1, kGrey, std::string("\0\xa0", 2))),
+            (Values{255, 255, 255, 0, 0, 0, 255, 255, 255}));
+  EXPECT_EQ(values(png(1, 1, 16, kRgb, std::string("\0\xff\xff\x01\x01\0\x80", 7))),
+            (Values{255, 1, 128.f / 257}));
+  const std::string palette = chunk("PLTE", std::string("\1\2\3\x0a\x14\x1e", 6));
+  EXPECT_EQ(values(png(2, 1, 4, kPalette, std::string("\0\x10", 2), palette)), (Values{10, 20, 30, 1, 2, 3}));
+  EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(Pictures, ReadsInterlacedPng) {
+  // 2 x 2: the passes hold (0, 0), (1, 0) and the row below.
+  const CTensor<float> picture = read(png(2, 2, 8, kGrey, std::string("\0\1\0\2\0\3\4", 7), "", true));
+  EXPECT_EQ(picture(0, 0, 1), 1);
+  EXPECT_EQ(picture(1, 0, 1), 2);
+  EXPECT_EQ(picture(0, 1, 1), 3);
+  EXPECT_EQ(picture(1, 1, 1), 4);
+}
+
+TEST_F(Pictures, DropsTransparencyWithAMessage) {
+  const std::string palette = chunk("PLTE", std::string("\1\2\3", 3)) + chunk("tRNS", std::string("\x10", 1));
+  const std::pair<std::string, Values> cases[] = {
+      {png(1, 1, 8, kGreyAlpha, std::string("\0\x40\x11", 3)), {64, 64, 64}},
+      {png(1, 1, 8, kRgbAlpha, std::string("\0\1\2\3\x11", 5)), {1, 2, 3}},
+      {png(1, 1, 16, kRgbAlpha, std::string("\0\1\1\2\2\3\3\0\0", 9)), {1, 2, 3}},
+      {png(1, 1, 8, kPalette, std::string("\0\0", 2), palette), {1, 2, 3}},
+      {png(1, 1, 8, kRgb, std::string("\0\1\2\3", 4), chunk("tRNS", std::string("\0\1\0\2\0\3", 6))),
+       {1, 2, 3}}};
+  for (const auto& [bytes, expected] : cases) {
+    EXPECT_EQ(values(bytes), expected);
+    EXPECT_EQ(messages, std::vector<std::string>{folder.path("picture") + ": transparency dropped"});
+  }
+}
+
+TEST_F(Pictures, ReadsJpegInColourAndGrey) {
+  constexpr float kLoss = 3;  // quantisation of one colour
+  for (const bool progressive : {false, true}) {
+    const CTensor<float> colour = read(jpeg(19, 11, 3, {200, 100, 30}, progressive));
+    ASSERT_EQ(colour.sizeX(), 19);
+    ASSERT_EQ(colour.sizeY(), 11);
+    EXPECT_NEAR(colour(18, 10, 0), 200, kLoss);
+    EXPECT_NEAR(colour(18, 10, 1), 100, kLoss);
+    EXPECT_NEAR(colour(18, 10, 2), 30, kLoss);
+    const CTensor<float> grey = read(jpeg(3, 2, 1, {77}, progressive));
+    EXPECT_NEAR(grey(2, 1, 0), 77, kLoss);
+    EXPECT_EQ(grey(2, 1, 0), grey(2, 1, 1));
+    EXPECT_EQ(grey(2, 1, 0), grey(2, 1, 2));
+  }
+}
+
+TEST_F(Pictures, ReadsGreyAndPixelMaps) {
+  EXPECT_EQ(values("P6 2 1 255\nabcdef"), (Values{97, 98, 99, 100, 101, 102}));
+  EXPECT_EQ(values("P5 1 1\n#maximum\n255 A"), (Values{65, 65, 65}));
+  EXPECT_EQ(values(std::string("P5 2 1 65535\n\xff\xff\0\x80", 17)),
+            (Values{255, 255, 255, 128.f / 257, 128.f / 257, 128.f / 257}));
+  EXPECT_EQ(values("P2 2 1 51 # five times\n 51\n10"), (Values{255, 255, 255, 50, 50, 50}));
+  EXPECT_EQ(values("P3 1 1 65535 0 257 65535\n"), (Values{0, 1, 255}));
+  EXPECT_TRUE(messages.empty());
+  EXPECT_EQ(values("P5 1 1 255\nAB").size(), 3u);
+  EXPECT_EQ(messages.size(), 1u);  // data after the picture
+}
+
+TEST_F(Pictures, RefusesFilesCutOffAnywhere) {
+  for (const std::string& bytes : wholeFiles()) {
+    ASSERT_EQ(refusal(bytes), "");
+    for (std::size_t length = 0; length < bytes.size(); ++length) {
+      EXPECT_NE(refusal(bytes.substr(0, length)), "") << length << " of " << bytes.size() << " bytes";
+    }
+  }
+}
+
+TEST_F(Pictures, SurvivesEveryChangedByte) {
+  for (const std::string& bytes : wholeFiles()) {
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+      std::string changed = bytes;
+      changed[i] = static_cast<char>(changed[i] ^ 0x55);
+      const std::string reason = refusal(changed);
+      if (bytes == kPng) {
+        EXPECT_NE(reason, "") << "byte " << i;  // every byte of this one is under a check sum
+      }
+    }
+  }
+}
+
+TEST_F(Pictures, RefusesWhatTheFileCannotHoldOrIsNotAPicture) {
+  EXPECT_NE(refusal("P5 30000 20000 255\nabc").find("30000 x 20000"), std::string::npos);
+  EXPECT_NE(refusal("P6 2000000000 2000000000 65535\nabc").find("too early"), std::string::npos);
+  EXPECT_NE(refusal(png(30000, 20000, 8, kRgb, "abc")).find("30000 x 20000"), std::string::npos);
+  EXPECT_NE(refusal("P5 0 4 255\n").find("no pixels"), std::string::npos);
+  EXPECT_NE(refusal("P2 1 1 10\n11").find("above the maximum"), std::string::npos);
+  for (const std::string bad :
+       {"P5 1 1 0\nA", "P5 1 1 65536\nAA", "P5 -1 1 255\nA", "P5 99999999999 1 255\nA", "P5 1 1 255A"}) {
+    EXPECT_NE(refusal(bad), "") << bad;
+  }
+  const std::string whole = jpeg(64, 64, 3, {10, 200, 60}, false);
+  EXPECT_NE(refusal(whole.substr(0, whole.size() - 20) + "\xff\xd9"), "");  // an end marker too early
+  EXPECT_EQ(refusal(""), "is empty");
+  EXPECT_EQ(refusal("GIF89a"), "is not a PNG, JPEG, PGM or PPM picture");
+  EXPECT_THROW(readPicture(folder.path("nothing"), nullptr), std::runtime_error);
+  EXPECT_THROW(readPicture(folder.path("."), nullptr), std::runtime_error);
+}
+
+TEST_F(Pictures, WritesRoundedAndLimitedValues) {
+  CTensor<float> picture(2, 2, 3, 0.f);
+  const float given[] = {-7, 0.4f, 0.6f, 254.6f, 300, std::numeric_limits<float>::quiet_NaN()};
+  std::copy(given, given + 6, picture.data());
+  const std::string path = folder.path("written.png");
+  writePng(path, picture);
+  const CTensor<float> read = readPicture(path, nullptr);
+  EXPECT_EQ(std::vector<float>(read.data(), read.data() + 6), (Values{0, 0, 1, 255, 255, 0}));
+  EXPECT_THROW(writePng(folder.path("none/written.png"), picture), std::runtime_error);
+  EXPECT_THROW(writePng("/dev/full", picture), std::runtime_error);
+  EXPECT_THROW(writePng(path, CTensor<float>(2, 2, 2, 0.f)), std::runtime_error);
+}

@@ -1,0 +1,279 @@
+#include "command_line.h"
+
+#include <tarvo/tarvo.h>
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <stdexcept>
+
+#include "commands/commands.h"
+#include "synth/scene.h"
+
+namespace tool {
+
+namespace {
+
+enum ExitStatus { kSuccess = 0, kFailure = 1, kWrongUsage = 2 };
+
+/// Accepts what a float can hold and `accepts` takes; says otherwise what `wanted` is.
+CLI::Validator numberThat(bool (*accepts)(float), const std::string& wanted) {
+  return CLI::Validator(
+      [accepts, wanted](const std::string& text) {
+        char* end = nullptr;
+        const float value = std::strtof(text.c_str(), &end);
+        const bool good = !text.empty() && *end == '\0' && std::isfinite(value) && accepts(value);
+        return good ? std::string() : text + " is not " + wanted;
+      },
+      "");
+}
+
+/// Accepts a whole number from `lowest` to `highest`.
+CLI::Validator wholeNumber(long lowest, long highest) {
+  const std::string wanted = highest < 2147483647 ? "a whole number from " + std::to_string(lowest) + " to " +
+                                                        std::to_string(highest)
+                                                  : "a whole number from " + std::to_string(lowest) + " up";
+  return CLI::Validator(
+      [=](const std::string& text) {
+        char* end = nullptr;
+        const long value = std::strtol(text.c_str(), &end, 10);
+        const bool good = !text.empty() && *end == '\0' && value >= lowest && value <= highest;
+        return good ? std::string() : text + " is not " + wanted;
+      },
+      "");
+}
+
+std::string checkDevice(const std::string& text) {
+  const bool plain = text == "auto" || text == "cpu" || text == "cuda";
+  const bool numbered = text.rfind("cuda:", 0) == 0 && text.size() > 5 && text.size() < 12 &&
+                        text.find_first_not_of("0123456789", 5) == std::string::npos;
+  return plain || numbered ? std::string() : text + " is not auto, cpu, cuda or cuda:N";
+}
+
+constexpr int kLargestSide = 16384;
+
+/// "640x480" in two numbers.
+std::string parseSize(const std::string& text, int& width, int& height) {
+  char end = '\0';
+  const bool good = text.find_first_not_of("0123456789x") == std::string::npos && text.size() < 12 &&
+                    std::sscanf(text.c_str(), "%dx%d%c", &width, &height, &end) == 2 && width >= 1 &&
+                    height >= 1 && width <= kLargestSide && height <= kLargestSide;
+  return good ? std::string()
+              : text + " is not a size like 640x480, each from 1 to " + std::to_string(kLargestSide);
+}
+
+void addVerbosity(CLI::App& app, Verbosity& verbosity) {
+  app.add_flag("-q,--quiet", verbosity.quiet,
+               "No progress, messages and summaries, only errors and the figures asked for");
+  app.add_flag("-v,--verbose", verbosity.verbose,
+               "The library's own report on standard error (without effect beside -q)");
+}
+
+void addParameters(CLI::App& app, FlowParameters& p) {
+  const std::string group = "Parameters";
+  const auto any = [](float) { return true; };
+  const auto notNegative = [](float value) { return value >= 0; };
+  const auto add = [&](const char* name, float& value, const CLI::Validator& check, const char* text) {
+    app.add_option(name, value, text)->check(check)->capture_default_str()->group(group)->type_name("NUMBER");
+  };
+  const CLI::Validator weight = numberThat(notNegative, "a number from 0 up");
+  add("--sigma", p.sigma, numberThat(any, "a finite number"),
+      "Standard deviation of the smoothing of both pictures beforehand [pixels]; 0 or less: none");
+  add("--alpha", p.alpha, weight, "Weight of the smoothness term");
+  add("--beta", p.beta, weight, "Weight of the descriptor-match term");
+  add("--gamma", p.gamma, weight, "Weight of the gradient-constancy term");
+  add("--eta", p.eta, numberThat([](float value) { return value > 0 && value < 1; }, "between 0 and 1"),
+      "Size ratio of neighbouring pyramid levels, between 0 and 1 (both excluded)");
+  const auto addCount = [&](const char* name, int& value, const char* text) {
+    app.add_option(name, value, text)
+        ->check(wholeNumber(0, 2147483647))
+        ->capture_default_str()
+        ->group(group)
+        ->type_name("COUNT");
+  };
+  addCount("--fixed-point-iterations", p.fixedPointIterations, "Outer iterations on each pyramid level");
+  addCount("--solver-iterations", p.solverIterations,
+           "Iterations of the linear solver in each outer iteration, at most; doubled on the last passes");
+}
+
+void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
+  CLI::App* const command = app.add_subcommand("flow", "Computes the optical flow between two pictures");
+  command->footer(
+      "Pictures may be PNG (transparency is dropped), JPEG, PPM or PGM; 16-bit values are scaled to 0-255, "
+      "grey\n"
+      "becomes three equal channels. Pixel (x, y) of FRAME1 corresponds to (x + u, y + v) in FRAME2.\n"
+      "Files appear under their names when all are complete; what was there before stays until then.");
+  command->add_option("FRAME1", options.frame1, "First picture (PNG, JPEG, PPM or PGM)")
+      ->required()
+      ->type_name("");
+  command->add_option("FRAME2", options.frame2, "Second picture, of the same size")
+      ->required()
+      ->type_name("");
+  command->add_option("-o,--output", options.output, "Flow from FRAME1 to FRAME2 [pixels]")
+      ->required()
+      ->type_name("OUT.flo");
+  command
+      ->add_option("--backward", options.backward,
+                   "Also compute the flow from FRAME2 to FRAME1, a run of its own")
+      ->type_name("OUT2.flo");
+  command
+      ->add_option("--color", options.colour, "Also draw the forward flow; the longest motion is brightest")
+      ->type_name("OUT.png");
+  addParameters(*command, options.parameters);
+  command->add_option("--device", options.device, "Where to compute: auto, cpu, cuda or cuda:N")
+      ->check(CLI::Validator(checkDevice, ""))
+      ->capture_default_str()
+      ->type_name("DEVICE");
+  command->add_option("--threads", options.threads, "Threads of the CPU device (default: one per processor)")
+      ->check(wholeNumber(1, 1024))
+      ->type_name("COUNT");
+  command->add_flag("--json", options.json,
+                    "Sizes, device and seconds of each phase as JSON on standard output");
+  addVerbosity(*command, verbosity);
+  command->callback([&] { flow(options, verbosity); });
+}
+
+void addEval(CLI::App& app, EvalOptions& options, Verbosity& verbosity) {
+  CLI::App* const command = app.add_subcommand("eval", "Compares a flow field with a reference");
+  command->footer(
+      "End-point errors are in pixels, also by the true motion (0-10, 10-40, over 40 px); the angular error "
+      "is\n"
+      "between (u, v, 1) of both fields in degrees; outliers are off by more than 3 px and more than 5 %.\n"
+      "Pixels with an unknown reference (1e9 or more, or not a number) are not used. Used pixels where FLOW "
+      "has no\n"
+      "value are counted as missing: they are outliers, and are left out of the means.");
+  command->add_option("FLOW", options.flow, "Flow file to judge")->required()->type_name("");
+  command->add_option("REFERENCE", options.reference, "Flow file with the true motion")
+      ->required()
+      ->type_name("");
+  command->add_flag("--json", options.json,
+                    "The figures as JSON; shares are 0 to 1, null where there is no pixel");
+  addVerbosity(*command, verbosity);
+  command->callback([&] { eval(options, verbosity); });
+}
+
+void addColor(CLI::App& app, ColorOptions& options, Verbosity& verbosity) {
+  CLI::App* const command = app.add_subcommand("color", "Draws a flow field in colours");
+  command->footer(
+      "The hue is the direction: red to the right, violet blue downwards, green to the left, yellow "
+      "upwards.\n"
+      "The brightness is the length; what does not move is black, what is unknown is grey.");
+  command->add_option("FLOW", options.flow, "Flow file to draw")->required()->type_name("");
+  command->add_option("-o,--output", options.output, "Picture to write")->required()->type_name("OUT.png");
+  command
+      ->add_option("--max-motion", options.maxMotion,
+                   "Motion at full brightness [pixels] (default: the longest in FLOW)")
+      ->check(numberThat([](float value) { return value > 0; }, "a number above 0"))
+      ->type_name("NUMBER");
+  command->add_flag("--legend", options.legend,
+                    "Draw the colours of all directions in the lower right corner");
+  addVerbosity(*command, verbosity);
+  command->callback([&] { color(options, verbosity); });
+}
+
+void addSynth(CLI::App& app, SynthOptions& options, Verbosity& verbosity) {
+  CLI::App* const command = app.add_subcommand("synth", "Renders two frames of a scene and their exact flow");
+  std::string footer = "Writes frame1.png, frame2.png and flow.flo. Scenes:\n";
+  std::vector<std::string> names;
+  for (const SceneName& scene : sceneNames()) {
+    names.push_back(scene.name);
+    footer += "  " + scene.name + std::string(10 - scene.name.size(), ' ') + scene.description + "\n";
+  }
+  command->footer(footer);
+  command->add_option("SCENE", options.scene, "What to render")
+      ->required()
+      ->check(CLI::IsMember(names))
+      ->type_name("");
+  command->add_option("-o,--output", options.folder, "Folder to write to; it is made if need be")
+      ->required()
+      ->type_name("DIR");
+  command
+      ->add_option_function<std::string>(
+          "--size", [&options](const std::string& text) { parseSize(text, options.width, options.height); },
+          "Size of the frames (default: 640x480); outlines grow with it, motions stay [pixels]")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            int width = 0, height = 0;
+            return parseSize(text, width, height);
+          },
+          ""))
+      ->type_name("WxH");
+  command->add_option("--seed", options.seed, "Another number gives other textures and outlines")
+      ->check(wholeNumber(0, 4294967295))
+      ->capture_default_str()
+      ->type_name("NUMBER");
+  addVerbosity(*command, verbosity);
+  command->callback([&] { synth(options, verbosity); });
+}
+
+void addInfo(CLI::App& app, InfoOptions& options, Verbosity& verbosity) {
+  CLI::App* const command =
+      app.add_subcommand("info", "Tells the version, the devices and the vector instructions");
+  command->footer("");
+  command->add_flag("--json", options.json, "The same as JSON");
+  addVerbosity(*command, verbosity);
+  command->callback([&] { info(options); });
+}
+
+/// All options that a command line can set.
+struct Options {
+  Verbosity verbosity;
+  FlowOptions flow;
+  EvalOptions eval;
+  ColorOptions color;
+  SynthOptions synth;
+  InfoOptions info;
+};
+
+int fail(std::string text, int status) {
+  text.erase(text.find_last_not_of('\n') + 1);  // device errors end their line themselves
+  std::fprintf(stderr, "tarvo: %s\n", text.c_str());
+  return status;
+}
+
+/// What was printed may still be on its way: a full disk or a closed pipe is a failure.
+int finishOutput() {
+  return std::fflush(stdout) == 0 && !std::ferror(stdout)
+             ? kSuccess
+             : fail("standard output cannot be written", kFailure);
+}
+
+}  // namespace
+
+int runCommandLine(int argc, char** argv) {
+  Options options;
+  CLI::App app("Dense optical flow between two colour pictures", "tarvo");
+  app.set_version_flag(
+      "--version", [] { return "tarvo " + NDevice::version(); }, "Print the version and end");
+  app.require_subcommand(0, 1);  // none is told below, after unexpected words
+  app.footer(
+      "'tarvo COMMAND --help' explains a command. Exit status: 0 success, 1 failure while running, 2 wrong "
+      "usage.\n"
+      "Results are on standard output, progress and messages on standard error.");
+  addVerbosity(app, options.verbosity);
+  addFlow(app, options.flow, options.verbosity);
+  addEval(app, options.eval, options.verbosity);
+  addColor(app, options.color, options.verbosity);
+  addSynth(app, options.synth, options.verbosity);
+  addInfo(app, options.info, options.verbosity);
+  NDevice::onError([](const std::string& text) { throw std::runtime_error(text); });
+  try {
+    app.parse(argc, argv);
+    if (app.get_subcommands().empty()) {
+      throw UsageError{"a command is required; --help lists them"};
+    }
+    return finishOutput();
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? finishOutput() : kWrongUsage;
+  } catch (const UsageError& error) {
+    return fail(error.message, kWrongUsage);
+  } catch (const std::bad_alloc&) {
+    return fail("there is not enough memory", kFailure);
+  } catch (const std::exception& error) {
+    return fail(error.what(), kFailure);
+  }
+}
+
+}  // namespace tool

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <string>
+
+#include "commands/console.h"
+
+/// The commands behind the command line, one file each. They print results on standard output and throw
+/// UsageError for arguments that can't go together and std::exception for what fails while running.
+namespace tool {
+
+/// The parameters of a flow computation with the library's defaults.
+struct FlowParameters {
+  float sigma = 0;
+  float alpha = 30;
+  float beta = 300;
+  float gamma = 5;
+  float eta = 0.95f;
+  int fixedPointIterations = 5;
+  int solverIterations = 10;
+};
+
+struct FlowOptions {
+  std::string frame1, frame2;
+  std::string output;    ///< flow from frame 1 to frame 2
+  std::string backward;  ///< flow from frame 2 to frame 1, unless empty
+  std::string colour;    ///< colour picture of the forward flow, unless empty
+  FlowParameters parameters;
+  std::string device = "auto";
+  int threads = 0;  ///< 0: the library's default
+  bool json = false;
+};
+void flow(const FlowOptions& options, const Verbosity& verbosity);
+
+struct EvalOptions {
+  std::string flow, reference;
+  bool json = false;
+};
+void eval(const EvalOptions& options, const Verbosity& verbosity);
+
+struct ColorOptions {
+  std::string flow, output;
+  double maxMotion = 0;  ///< 0: the longest known motion
+  bool legend = false;
+};
+void color(const ColorOptions& options, const Verbosity& verbosity);
+
+struct SynthOptions {
+  std::string scene, folder;
+  int width = 640, height = 480;
+  unsigned seed = 1;
+};
+void synth(const SynthOptions& options, const Verbosity& verbosity);
+
+struct InfoOptions {
+  bool json = false;
+};
+void info(const InfoOptions& options);
+
+}  // namespace tool

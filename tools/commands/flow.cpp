@@ -1,0 +1,192 @@
+#include <tarvo/tarvo.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "commands/commands.h"
+#include "commands/flow_picture.h"
+#include "commands/output_files.h"
+#include "pictures/picture.h"
+
+namespace tool {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+/// Milliseconds of the library's clocks, all counted since it was loaded.
+struct Phases {
+  double total = timer_total;
+  double smoothing = timer_filter;
+  double transfer = timer_memcpy1;
+  double matching = timer_HOG;
+  double variational = timer_var;
+  double downsampling = timer_down;
+  double warping = timer_interp_warp;
+  double fixedPoint = timer_makematrix;
+  double solver = timer_solver;
+};
+
+struct Run {
+  CTensor<float> flow;
+  double seconds = 0;
+  Phases before, after;
+};
+
+struct Frames {
+  CTensor<float> first, second;
+};
+
+/// Arguments that contradict each other, before anything is read.
+void checkArguments(const FlowOptions& options) {
+  checkEnding("--output", options.output, ".flo");
+  if (!options.backward.empty()) {
+    checkEnding("--backward", options.backward, ".flo");
+    if (sameFile(options.backward, options.output)) {
+      throw UsageError{"--backward and --output name the same file: " + options.output};
+    }
+  }
+  if (!options.colour.empty()) {
+    checkEnding("--color", options.colour, ".png");
+    for (const std::string& frame : {options.frame1, options.frame2}) {
+      if (sameFile(options.colour, frame)) {
+        throw UsageError{"--color names an input picture: " + frame};
+      }
+    }
+  }
+}
+
+Frames readFrames(const FlowOptions& options, const Verbosity& verbosity) {
+  std::vector<std::string> messages;
+  Frames frames{readPicture(options.frame1, &messages), readPicture(options.frame2, &messages)};
+  for (const std::string& text : messages) {
+    message(verbosity, text);
+  }
+  const CTensor<float>&a = frames.first, &b = frames.second;
+  if (a.sizeX() != b.sizeX() || a.sizeY() != b.sizeY()) {
+    throw std::runtime_error("the pictures differ in size: " + options.frame1 + " has " +
+                             sizeText(a.sizeX(), a.sizeY()) + " pixels, " + options.frame2 + " has " +
+                             sizeText(b.sizeX(), b.sizeY()));
+  }
+  return frames;
+}
+
+Json phaseSeconds(const Run& run) {
+  const auto seconds = [&run](double Phases::*phase) {
+    return (run.after.*phase - run.before.*phase) / 1000;
+  };
+  return {{"total", seconds(&Phases::total)},
+          {"smoothing", seconds(&Phases::smoothing)},
+          {"transfer", seconds(&Phases::transfer)},
+          {"matching", seconds(&Phases::matching)},
+          {"variational", seconds(&Phases::variational)},
+          {"downsampling", seconds(&Phases::downsampling)},
+          {"warping", seconds(&Phases::warping)},
+          {"fixed_point", seconds(&Phases::fixedPoint)},
+          {"solver", seconds(&Phases::solver)}};
+}
+
+/// One direction. The frames are copies of its own, because smoothing changes them.
+Run compute(CTensor<float> from, CTensor<float> to, const FlowParameters& p, const Verbosity& verbosity,
+            const std::string& label) {
+  const ProgressBar bar(verbosity, label);
+  Run run;
+  const auto start = std::chrono::steady_clock::now();
+  runFlowGPU(from, to, run.flow, p.sigma, p.alpha, p.beta, p.gamma, p.eta, p.fixedPointIterations,
+             p.solverIterations);
+  run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  run.after = Phases();
+  return run;
+}
+
+/// A float as the user wrote it: 0.95, not the nearest double to the nearest float.
+double asWritten(float value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.7g", double(value));
+  return std::strtod(text, nullptr);
+}
+
+Json describe(const std::string& file, const Run& run) {
+  return {{"file", file}, {"seconds", run.seconds}, {"phases", phaseSeconds(run)}};
+}
+
+void printJson(const FlowOptions& options, const Run& forward, const Run* backward) {
+  const FlowParameters& p = options.parameters;
+  Json json{{"frame1", options.frame1},
+            {"frame2", options.frame2},
+            {"width", forward.flow.sizeX()},
+            {"height", forward.flow.sizeY()},
+            {"device", NDevice::current()},
+            {"threads", NDevice::threads()},
+            {"parameters",
+             {{"sigma", asWritten(p.sigma)},
+              {"alpha", asWritten(p.alpha)},
+              {"beta", asWritten(p.beta)},
+              {"gamma", asWritten(p.gamma)},
+              {"eta", asWritten(p.eta)},
+              {"fixed_point_iterations", p.fixedPointIterations},
+              {"solver_iterations", p.solverIterations}}},
+            {"forward", describe(options.output, forward)}};
+  if (backward) {
+    json["backward"] = describe(options.backward, *backward);
+  }
+  if (!options.colour.empty()) {
+    json["color"] = options.colour;
+  }
+  std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
+void printSummary(const FlowOptions& options, const Run& forward, const Run* backward) {
+  std::printf("%s pixels on %s\n", sizeText(forward.flow.sizeX(), forward.flow.sizeY()).c_str(),
+              NDevice::current().c_str());
+  std::printf("forward flow   %6.2f s  %s\n", forward.seconds, options.output.c_str());
+  if (backward) {
+    std::printf("backward flow  %6.2f s  %s\n", backward->seconds, options.backward.c_str());
+  }
+  if (!options.colour.empty()) {
+    std::printf("colour picture           %s\n", options.colour.c_str());
+  }
+}
+
+}  // namespace
+
+void flow(const FlowOptions& options, const Verbosity& verbosity) {
+  checkArguments(options);
+  OutputFiles outputs;
+  for (const std::string& path : {options.output, options.backward, options.colour}) {
+    if (!path.empty()) {
+      outputs.announce(path);
+    }
+  }
+  const Frames frames = readFrames(options, verbosity);
+  routeReport(verbosity, true);
+  NDevice::select(options.device);
+  if (options.threads > 0) {
+    NDevice::threads(options.threads);
+  }
+
+  const Run forward = compute(frames.first, frames.second, options.parameters, verbosity, "forward ");
+  outputs.write(options.output, [&](const std::string& path) { NFlowFile::write(path, forward.flow); });
+  Run backward;
+  if (!options.backward.empty()) {
+    backward = compute(frames.second, frames.first, options.parameters, verbosity, "backward");
+    outputs.write(options.backward, [&](const std::string& path) { NFlowFile::write(path, backward.flow); });
+  }
+  if (!options.colour.empty()) {
+    const CTensor<float> picture = colourPicture(forward.flow, longestMotion(forward.flow));
+    outputs.write(options.colour, [&](const std::string& path) { writePng(path, picture); });
+  }
+  outputs.commit();
+
+  const Run* const second = options.backward.empty() ? nullptr : &backward;
+  if (options.json) {
+    printJson(options, forward, second);
+  } else if (!verbosity.quiet) {
+    printSummary(options, forward, second);
+  }
+}
+
+}  // namespace tool

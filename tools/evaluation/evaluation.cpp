@@ -1,0 +1,76 @@
+#include "evaluation/evaluation.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+
+namespace {
+
+constexpr double kUnknown = 1e9;
+constexpr double kDegrees = 57.29577951308232;
+constexpr double kOutlierPixels = 3;
+constexpr double kOutlierShare = 0.05;
+
+/// Angle between (u1, v1, 1) and (u2, v2, 1) in degrees, by the cross and the dot product: exact for small
+/// angles.
+double spaceTimeAngle(double u1, double v1, double u2, double v2) {
+  const double cross = std::hypot(v1 - v2, u2 - u1, u1 * v2 - v1 * u2);
+  return std::atan2(cross, u1 * u2 + v1 * v2 + 1) * kDegrees;
+}
+
+double ratio(double sum, long count) {
+  return count > 0 ? sum / count : std::numeric_limits<double>::quiet_NaN();
+}
+
+}  // namespace
+
+bool isKnown(float u, float v) {
+  return std::abs(u) < kUnknown && std::abs(v) < kUnknown;
+}
+
+Evaluation evaluate(const CTensor<float>& flow, const CTensor<float>& reference) {
+  if (flow.sizeX() != reference.sizeX() || flow.sizeY() != reference.sizeY()) {
+    throw std::invalid_argument("the flow fields have different sizes");
+  }
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  Evaluation result{};
+  result.pixels = static_cast<long>(flow.sizeX()) * flow.sizeY();
+  result.ranges = {{{0, 10, 0, 0, 0}, {10, 40, 0, 0, 0}, {40, kInfinity, 0, 0, 0}}};
+  std::array<long, 3> measured{};  // used and not missing
+  std::array<double, 3> errors{};
+  double angles = 0;
+  long outliers = 0;
+  for (int y = 0; y < flow.sizeY(); ++y) {
+    for (int x = 0; x < flow.sizeX(); ++x) {
+      const float u = flow(x, y, 0), v = flow(x, y, 1), trueU = reference(x, y, 0),
+                  trueV = reference(x, y, 1);
+      if (!isKnown(trueU, trueV)) {
+        continue;
+      }
+      const double length = std::hypot(double(trueU), double(trueV));
+      const std::size_t range = length < 10 ? 0 : length <= 40 ? 1 : 2;
+      ++result.ranges[range].used;
+      if (!isKnown(u, v)) {
+        ++result.missing;
+        ++outliers;
+        continue;
+      }
+      const double error = std::hypot(double(u) - trueU, double(v) - trueV);
+      ++measured[range];
+      errors[range] += error;
+      angles += spaceTimeAngle(u, v, trueU, trueV);
+      outliers += error > kOutlierPixels && error > kOutlierShare * length;
+    }
+  }
+  result.used = result.ranges[0].used + result.ranges[1].used + result.ranges[2].used;
+  for (std::size_t i = 0; i < 3; ++i) {
+    result.ranges[i].share = ratio(result.ranges[i].used, result.used);
+    result.ranges[i].epe = ratio(errors[i], measured[i]);
+  }
+  const long all = measured[0] + measured[1] + measured[2];
+  result.epe = ratio(errors[0] + errors[1] + errors[2], all);
+  result.angle = ratio(angles, all);
+  result.outliers = ratio(outliers, result.used);
+  return result;
+}

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <tarvo/CTensor.h>
+
+#include <string>
+#include <vector>
+
+/// Reads a picture: PNG (grey, RGB, palette; 1 to 16 bits; transparency is dropped), JPEG (grey or colour),
+/// or PGM / PPM (P2, P3, P5, P6; any maximum up to 65535). The kind is told from the first bytes, not from
+/// the name.
+/// @param messages  what should be known about the picture (transparency dropped, data after the end, ...) is
+///                  appended, one line each, with the file's name; may be null
+/// @return          width x height x 3: red, green, blue in 0 ... 255; 16-bit values are divided by 257; grey
+///                  pictures have three equal planes
+/// @throws std::runtime_error  naming the file and the reason, if it cannot be read, is of no known kind, is
+///                             damaged or cut off, or has more than 2^31 - 1 values
+CTensor<float> readPicture(const std::string& path, std::vector<std::string>* messages);
+
+/// Writes a PNG with 8 bits per value.
+/// @param rgb  width x height x 3; values are rounded and limited to 0 ... 255, not-a-number gives 0
+/// @throws std::runtime_error  naming the file and the reason; the file may then be incomplete
+void writePng(const std::string& path, const CTensor<float>& rgb);
