@@ -135,7 +135,7 @@ void compare(const CTensor<float>& flow, const Rendering& scene, bench::FlowRow&
     }
   }
   row.endPointError = sum / (static_cast<double>(row.width) * row.height);
-  row.endPointErrorVisible = sumSeen / seen;
+  row.endPointErrorVisible = seen > 0.0 ? sumSeen / seen : row.endPointError;
 }
 
 bench::FlowRow measure(Rendering& scene, int threads, int runs) {

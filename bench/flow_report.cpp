@@ -20,8 +20,7 @@ std::string joined(const std::vector<double>& values) {
 /// One row's figures as text; the heads stand beside.
 std::vector<std::string> cells(const FlowRow& row) {
   std::vector<std::string> out = {sizeText(row), std::to_string(row.threads),
-                                  format("%.3f", median(row.total)),
-                                  format("%.0f %%", 100.0 * spread(row.total))};
+                                  format("%.3f", median(row.total)), spreadText(row.total)};
   for (const auto& phase : row.phases) out.push_back(format("%.3f", median(phase)));
   out.push_back(format("%.1f", row.megapixelPassesPerSecond()));
   out.push_back(format("%.3f", row.endPointError));
@@ -34,8 +33,8 @@ std::vector<std::string> cells(const FlowRow& row) {
 
 std::vector<std::string> heads() {
   std::vector<std::string> out = {"size", "threads", "total", "spread"};
-  for (const PhaseName& phase : kPhaseNames) out.push_back(phase.key);
-  for (const char* head : {"Mpx/s", "EPE", "EPE seen", "peak", "library", "load"}) out.push_back(head);
+  for (const PhaseName& phase : kPhaseNames) out.emplace_back(phase.key);
+  for (const char* head : {"Mpx/s", "EPE", "EPE seen", "peak", "library", "load"}) out.emplace_back(head);
   return out;
 }
 

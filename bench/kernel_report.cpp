@@ -62,9 +62,9 @@ std::vector<std::vector<std::string>> KernelReport::cells() const {
   for (const bool triads : {true, false}) {
     for (const Row& row : rows) {
       if (row.isTriad() != triads) continue;
-      table.push_back({row.name, row.size, format("%.3g", median(row.nsPerPixel)),
-                       format("%.0f %%", 100.0 * spread(row.nsPerPixel)), format("%.4g", row.bytesPerPixel),
-                       format("%.3g", row.gigabytesPerSecond()), share(row)});
+      table.push_back({row.name, row.size, format("%.3g", median(row.nsPerPixel)), spreadText(row.nsPerPixel),
+                       format("%.4g", row.bytesPerPixel), format("%.3g", row.gigabytesPerSecond()),
+                       share(row)});
     }
   }
   return table;

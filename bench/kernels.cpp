@@ -20,8 +20,10 @@ namespace {
 constexpr const char* kUsage =
     "usage: tarvo_bench_kernels [--device NAME] [--threads N] [--markdown FILE] [--benchmark_...]\n"
     "\n"
-    "Prints a table of medians. --benchmark_out=FILE writes every measurement as JSON;\n"
-    "--benchmark_help lists the other options of the benchmark package.\n";
+    "Prints a table of medians. Of the benchmark package's options these are of use: "
+    "--benchmark_filter=REGEX,\n"
+    "--benchmark_repetitions=N, --benchmark_min_time=SECONDS, --benchmark_enable_random_interleaving=true,\n"
+    "--benchmark_out=FILE (every measurement as JSON), --benchmark_list_tests.\n";
 
 using Clock = std::chrono::steady_clock;
 
@@ -65,7 +67,7 @@ void measure(benchmark::State& state, const bench::Case& work, const float* anyt
 std::string takeOption(int& argc, char** argv, const char* name, const char* fallback) {
   for (int i = 1; i + 1 < argc; ++i) {
     if (std::strcmp(argv[i], name) != 0) continue;
-    const std::string value = argv[i + 1];
+    std::string value = argv[i + 1];
     for (int j = i; j + 2 <= argc; ++j) argv[j] = argv[j + 2];
     argc -= 2;
     return value;

@@ -105,6 +105,10 @@ double spread(const std::vector<double>& values) {
   return (*ends.second - *ends.first) / middle;
 }
 
+std::string spreadText(const std::vector<double>& values) {
+  return values.size() < 2 ? "-" : format("%.0f %%", 100.0 * spread(values));
+}
+
 std::string quoted(const std::string& text) {
   std::string out = "\"";
   for (const char c : text) {

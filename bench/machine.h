@@ -24,6 +24,8 @@ void resetPeakMemory();
 double median(std::vector<double> values);
 /// (largest - smallest) / median; 0 for fewer than two values or a median of 0.
 double spread(const std::vector<double>& values);
+/// The spread in per cent; "-" for fewer than two values.
+std::string spreadText(const std::vector<double>& values);
 
 /// `text` as a JSON string, quotes included.
 std::string quoted(const std::string& text);

@@ -27,3 +27,16 @@ template <class Form>
 void launchCpuForm(const Form& form) {
   if (device::beginLaunch()) form();
 }
+
+/// In a function that returns nothing: where work runs on a CUDA device, runs its own form of a step, a call
+/// of a function in a .cuh file, and returns.
+#ifdef __CUDACC__
+#define TARVO_RETURN_FROM_CUDA_FORM(call) \
+  if (device::onCuda()) {                 \
+    if (device::beginLaunch()) call;      \
+    return;                               \
+  }                                       \
+  static_assert(true, "")
+#else
+#define TARVO_RETURN_FROM_CUDA_FORM(call) static_assert(true, "")
+#endif

@@ -101,13 +101,13 @@ TARVO_HOST_DEVICE Stencil stencilOf(const Sweep& sweep, int y, Row above, Row ow
           below.second};
 }
 
-/// As mvm_opt_kernel: both equations read plane 2.
+/// As mvm_opt_kernel, with plane VU, which the advance of the row has just read, for the equal plane UV.
 struct Product {
   Row out;
   template <bool kNorth, bool kWest, bool kEast, bool kSouth>
   TARVO_HOST_DEVICE void at(const Stencil& t, int i) const {
-    float out1 = fmaf(t.c1[i], t.a0[i], t.c2[i] * t.off1[i]);
-    float out2 = fmaf(t.c1[i], t.off1[i], t.c2[i] * t.a3[i]);
+    float out1 = fmaf(t.c1[i], t.a0[i], t.c2[i] * t.off2[i]);
+    float out2 = fmaf(t.c1[i], t.off2[i], t.c2[i] * t.a3[i]);
     if (kNorth) out1 = fmaf(t.north[i], t.n1[i], out1), out2 = fmaf(t.north[i], t.n2[i], out2);
     if (kWest) out1 = fmaf(t.west[i], t.c1[i - 1], out1), out2 = fmaf(t.west[i], t.c2[i - 1], out2);
     if (kEast) out1 = fmaf(t.east[i], t.c1[i + 1], out1), out2 = fmaf(t.east[i], t.c2[i + 1], out2);

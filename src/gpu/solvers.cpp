@@ -165,6 +165,7 @@ void PCG(const float* matrix, const float* rhs, float* du, float* dv, int h, int
   gPCG(system.matrix.get(), system.rhs.get(), system.x.get(), system.dvPlane(h), h, w, system.p, iterations,
        cg);
   device::synchronize();
+  TARVO_LAUNCHED("CG");
   gettimeofday(&finish, nullptr);
   report::print("Time= %f ms\n",
                 static_cast<double>(static_cast<float>(device::milliseconds(start, finish))));

@@ -91,6 +91,7 @@ void hostFlow(const float* image1, const float* image2, float* u, float* v, cons
                                   device::Direction::ToHost));
   }
   device::synchronize();
+  TARVO_LAUNCHED("ER");
   downloading.stop();
   for (device::Buffer& plane : flow) TARVO_CALL(plane.release());
   uploaded.release();

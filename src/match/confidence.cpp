@@ -10,11 +10,9 @@
 #include "device/launch.h"
 #include "device/memory.h"
 #include "match/confidence_kernels.h"
+#include "match/confidence_rows.cuh"
 #include "match/hog_bands.h"
 #include "match/hog_internal.h"
-#ifdef __CUDACC__
-#include "match/confidence_rows.cuh"
-#endif
 
 namespace {
 
@@ -81,14 +79,7 @@ void computeEnergy_kernel(const float* hog, float* energy, int height, int width
 }
 
 void compute2DSum_kernel(const float* plane, float* rowSums, int height, int width, int pitch) {
-#ifdef __CUDACC__
-  if (device::onCuda()) {
-    if (height > 0 && device::beginLaunch()) {
-      match::sumRowsKernel<<<static_cast<unsigned>(height), match::kRowLanes>>>(plane, rowSums, width, pitch);
-    }
-    return;
-  }
-#endif
+  TARVO_RETURN_FROM_CUDA_FORM(match::sumRowsOnCuda(plane, rowSums, height, width, pitch));
   launchCpuForm([&] {
     device::cpu::forBands(height, width,
                           [&](int y0, int y1) { sumRowsBand(plane, rowSums, width, pitch, y0, y1); });

@@ -2,6 +2,8 @@
 
 #include "match/confidence_kernels.h"
 
+#ifdef __CUDACC__  // nothing for other compilers
+
 namespace match {
 
 /// Row sums: one block of kRowLanes threads per row, kRowLanes shared floats; thread 0 writes the result.
@@ -21,4 +23,10 @@ static __global__ void __launch_bounds__(kRowLanes)
   if (lane == 0) rowSums[y] = lanes[0];
 }
 
+inline void sumRowsOnCuda(const float* plane, float* rowSums, int h, int w, int p) {
+  if (h > 0) sumRowsKernel<<<static_cast<unsigned>(h), kRowLanes>>>(plane, rowSums, w, p);
+}
+
 }  // namespace match
+
+#endif

@@ -6,12 +6,6 @@
 #include "device/kernel.h"
 
 /// Unrolls a loop over sectors whose count is known, so that the loop over pixels around it runs in vectors.
-#ifdef __CUDACC__
-#define MATCH_UNROLL _Pragma("unroll")
-#else
-#define MATCH_UNROLL _Pragma("GCC unroll 16")
-#endif
-
 namespace match {
 
 /// Borders between orientation sectors, as directions. A gradient is sorted by comparing it with them instead
@@ -37,9 +31,9 @@ struct SectorBorders {
     const double ordered = x == x ? 1.0 : 0.0;
     const double upper = y >= 0.0 ? ordered : 0.0;  // 0 to 180 degrees: above every negative border
     double passed = 0.0;
-    MATCH_UNROLL
+    TARVO_UNROLL
     for (int k = 0; k < below; ++k) passed += y * c[k] >= x * s[k] ? 1.0 : upper;
-    MATCH_UNROLL
+    TARVO_UNROLL
     for (int k = below; k < count; ++k) passed += y * c[k] >= x * s[k] ? upper : 0.0;
     const int sector = static_cast<int>(passed);
     return sector == count ? 0 : sector;
