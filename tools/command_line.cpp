@@ -121,6 +121,12 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
   command
       ->add_option("--color", options.colour, "Also draw the forward flow; the longest motion is brightest")
       ->type_name("OUT.png");
+  command
+      ->add_option("--matches", options.matches,
+                   "Also write the forward matches: x, y, u, v [pixels] and weight, one a line")
+      ->type_name("OUT.csv");
+  command->add_flag("--no-matches", options.noMatches,
+                    "Search no matches; the same flow as --beta 0, sooner");
   addParameters(*command, options.parameters);
   command->add_option("--device", options.device, "Where to compute: auto, cpu, cuda or cuda:N")
       ->check(CLI::Validator(checkDevice, ""))
@@ -130,7 +136,7 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
       ->check(wholeNumber(1, 1024))
       ->type_name("COUNT");
   command->add_flag("--json", options.json,
-                    "Sizes, device and seconds of each phase as JSON on standard output");
+                    "Sizes, device, matches and seconds of each phase as JSON on standard output");
   addVerbosity(*command, verbosity);
   command->callback([&] { flow(options, verbosity); });
 }

@@ -86,4 +86,8 @@ struct Counts {
 /// the first.
 TARVO_API Counts lastCounts();
 
+/// Switches the matching stage of tarvo and runFlowGPU off (false: the match field stays empty, the stage
+/// prints nothing) or on again. A weight beta of 0 has the same flow, at the cost of the search.
+TARVO_API void enable(bool on);
+
 }  // namespace NMatching

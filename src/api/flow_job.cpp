@@ -4,6 +4,7 @@
 #include <tarvo/matching.h>
 #include <tarvo/variational.h>
 
+#include <atomic>
 #include <cmath>
 #include <sstream>
 #include <stdexcept>
@@ -18,6 +19,8 @@ namespace api {
 namespace {
 
 constexpr const char* kUnit = "tarvo";
+
+std::atomic<bool> matchingEnabled{true};
 
 /// Device buffers of one computation.
 struct DeviceFlow {
@@ -55,8 +58,14 @@ void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>&
 
 void match(DeviceFlow& job) {
   auto HOG = TARVO_STOPWATCH(HOG);
-  gCreateAndMatchHOG(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
-                     job.matchWeight.get(), job.h, job.w, job.p, job.channels);
+  if (matchingEnabled) {
+    gCreateAndMatchHOG(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
+                       job.matchWeight.get(), job.h, job.w, job.p, job.channels);
+  } else {
+    for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
+      TARVO_CALL(device::clear(plane->get(), device::planeFloats(job.h, job.p) * sizeof(float)));
+    }
+  }
   HOG.stop();
 }
 
@@ -141,3 +150,7 @@ void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flo
 }
 
 }  // namespace api
+
+void NMatching::enable(bool on) {
+  api::matchingEnabled = on;
+}

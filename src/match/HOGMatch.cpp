@@ -7,10 +7,8 @@
 #include "device/report.h"
 #include "device/stopwatch.h"
 #include "match/match_cpu.h"
-#include "match/match_steps.h"
-#ifdef __CUDACC__
 #include "match/match_cuda.cuh"
-#endif
+#include "match/match_steps.h"
 
 namespace {
 
@@ -88,12 +86,7 @@ void HOGMatch_kernel(const float* imageA, const float* imageB, const float* hogA
                                         forwardPass, energyA,      energyB,        meanConfidence, matchX,
                                         matchY,      bestDistance, secondDistance, pointX,         pointY,
                                         height,      width,        pitch,          count};
-#ifdef __CUDACC__
-  if (device::onCuda()) {
-    if (device::beginLaunch()) match::cuda::launchMatch(search);
-    return;
-  }
-#endif
+  TARVO_RETURN_FROM_CUDA_FORM(match::cuda::launchMatch(search));
   searchOnCpu(search);
 }
 

@@ -4,6 +4,8 @@
 
 #include "match/match_kernels.h"
 
+#ifdef __CUDACC__  // nothing for other compilers
+
 namespace match::cuda {
 
 /// Threads of a block; each takes one column of the search window.
@@ -28,7 +30,7 @@ __device__ inline float blockMinimum(float* distance, float own) {
 /// one row at a time, so their accesses join into whole lines. Shared: the point's descriptor (135 floats),
 /// 256 floats for the minima, one integer for the first of the nearest columns, whose thread writes the
 /// position.
-__global__ inline void __launch_bounds__(kThreads) matchKernel(const kernels::HOGMatch_kernel m) {
+static __global__ void __launch_bounds__(kThreads) matchKernel(const kernels::HOGMatch_kernel m) {
   __shared__ float descriptor[kDescriptorSize];
   __shared__ float distance[kThreads];
   __shared__ int first;
@@ -64,3 +66,5 @@ inline void launchMatch(const kernels::HOGMatch_kernel& m) {
 }
 
 }  // namespace match::cuda
+
+#endif

@@ -105,8 +105,8 @@ TEST_F(CudaEqualsCpu, OnResamplingAndWarping) {
     compare([channels] {
       return applied([channels](const DevicePlanes& in, const DevicePlanes& out) {
         const DevicePlanes flow(randomPlanes(kHeight, kWidth, 2, 5, -4.0f, 4.0f)), valid(kHeight, kWidth);
-        gWarpMotion(out.get(), flow.get(), flow.plane(1), in.get(), in.get(), channels, valid.get(), kHeight, kWidth,
-                    in.p());
+        gWarpMotion(out.get(), flow.get(), flow.plane(1), in.get(), in.get(), channels, valid.get(), kHeight,
+                    kWidth, in.p());
       });
     });
   }
@@ -121,8 +121,8 @@ TEST_F(CudaEqualsCpu, OnTensorsAndDiffusivities) {
   });
   compare([] {
     const DevicePlanes flow(randomPlanes(kHeight, kWidth, 4, 7, -2.0f, 2.0f)), diff(kHeight, kWidth, 2);
-    gDiffusivity(flow.get(), flow.plane(1), flow.plane(2), flow.plane(3), diff.get(), diff.plane(1), kHeight, kWidth,
-                 flow.p());
+    gDiffusivity(flow.get(), flow.plane(1), flow.plane(2), flow.plane(3), diff.get(), diff.plane(1), kHeight,
+                 kWidth, flow.p());
     return diff.values();
   });
 }
@@ -130,12 +130,13 @@ TEST_F(CudaEqualsCpu, OnTensorsAndDiffusivities) {
 TEST_F(CudaEqualsCpu, OnFixedPointStepsAndTheirSolver) {
   for (const int solverIterations : {0, 1, 2, 7}) {
     compare([solverIterations] {
-      Planes first = render(kHeight, kWidth, 0, 0), second = render(kHeight, kWidth, 1, 0.5), flow(kHeight, kWidth, 2);
+      Planes first = render(kHeight, kWidth, 0, 0), second = render(kHeight, kWidth, 1, 0.5),
+             flow(kHeight, kWidth, 2);
       Planes valid(kHeight, kWidth, 1, 1.0f), match = randomPlanes(kHeight, kWidth, 3, 8, -1.0f, 1.0f);
       const std::size_t n = valid.values.size();
       NonLinearIteration(first.data(), second.data(), valid.data(), match.data(), match.data() + n,
-                         match.data() + 2 * n, 1, flow.data(), flow.data() + n, kHeight, kWidth, 30.0f, 300.0f, 5.0f, 3,
-                         solverIterations, 1.0f);
+                         match.data() + 2 * n, 1, flow.data(), flow.data() + n, kHeight, kWidth, 30.0f,
+                         300.0f, 5.0f, 3, solverIterations, 1.0f);
       return flow;
     });
   }
@@ -145,7 +146,8 @@ TEST_F(CudaEqualsCpu, OnWholeFlows) {
   for (const Size size : {Size{1, 1}, Size{10, 10}, Size{16, 16}, Size{15, 100}, Size{kHeight, kWidth}}) {
     SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
     compare([size] {
-      CTensor<float> first = tensorOf(render(size.h, size.w, 0, 0)), second = tensorOf(render(size.h, size.w, 2, 1)), flow;
+      CTensor<float> first = tensorOf(render(size.h, size.w, 0, 0)),
+                     second = tensorOf(render(size.h, size.w, 2, 1)), flow;
       runFlowGPU(first, second, flow, 0.8f, 30.0f, 300.0f, 5.0f, 0.95f, 5, 10);
       return planesOf(flow);
     });

@@ -20,7 +20,8 @@ struct Told {
 
 testing::AssertionResult understood(const std::string& message, Told& told) {
   static const std::regex kCall("Cuda error in file '(\\w+)' in line [1-9][0-9]* : [^\\n]+\\.\\n");
-  static const std::regex kLaunch("Cuda error: ([^\\n]+) in file '(\\w+)' in line [1-9][0-9]* : [^\\n]+\\.\\n");
+  static const std::regex kLaunch(
+      "Cuda error: ([^\\n]+) in file '(\\w+)' in line [1-9][0-9]* : [^\\n]+\\.\\n");
   static const std::set<std::string> kUnits{"OpticalFlowGPU", "Filters", "solvers", "HOGMatch", "tarvo"};
   std::smatch parts;
   if (std::regex_match(message, parts, kCall)) {
@@ -124,7 +125,8 @@ Planes runHostFlow(decltype(variationalFlow) driver) {
 
 TEST(DeviceErrors, OfAFlowComputationAreSeenReleaseEverythingAndTheNextCallWorks) {
   const std::set<std::string> labels = failEveryCall([] { return runFlow(kHeight, kWidth, kEta); });
-  for (const char* label : {"", "Input safe", "u,v safe", "Warping safe", "CG", "Inteprolation", "warp over"}) {
+  for (const char* label :
+       {"", "Input safe", "u,v safe", "Warping safe", "CG", "Inteprolation", "warp over"}) {
     EXPECT_EQ(labels.count(label), 1u) << '"' << label << '"';
   }
 }

@@ -57,12 +57,14 @@ int statusOfChild(const Work& work) {
 
 TEST(Device, RefusesNamesItDoesNotKnowAndKeepsItsChoice) {
   const std::string before = NDevice::current();
-  for (const char* name : {"", "gpu", "CPU", "cuda:", "cuda:x", "cuda:-1", "cuda:1 ", "cuda:99999", "cudax"}) {
+  for (const char* name :
+       {"", "gpu", "CPU", "cuda:", "cuda:x", "cuda:-1", "cuda:1 ", "cuda:99999", "cudax"}) {
     const std::string message = thrownBy<std::invalid_argument>([&] { NDevice::select(name); });
     EXPECT_TRUE(contains(message, std::string("\"") + name + "\"")) << message;
   }
   // A device that is not there is another error, and names its reason.
-  EXPECT_TRUE(contains(thrownBy<std::runtime_error>([] { NDevice::select("cuda:999"); }), "cannot be used: "));
+  EXPECT_TRUE(
+      contains(thrownBy<std::runtime_error>([] { NDevice::select("cuda:999"); }), "cannot be used: "));
   EXPECT_EQ(NDevice::current(), before);
 }
 
@@ -92,11 +94,14 @@ TEST(Device, LimitsTheNumberOfThreads) {
 TEST(Device, MemoryRefusesNonsenseAndFailsWithNull) {
   EXPECT_EQ(NDevice::allocate(0), nullptr);
   EXPECT_EQ(NDevice::allocate(std::numeric_limits<std::size_t>::max()), nullptr);
+#ifndef TARVO_POOL_PASSES_THROUGH  // a sanitizer ends the process on such a request
   EXPECT_EQ(NDevice::allocate(std::numeric_limits<std::size_t>::max() / 8), nullptr);
+#endif
   int pitch = 0;
   for (const Size size : {Size{0, 5}, Size{5, 0}, Size{-1, 5}, Size{5, -1}}) {
-    EXPECT_TRUE(contains(thrownBy<std::invalid_argument>([&] { NDevice::allocatePlane(size.h, size.w, pitch); }),
-                         std::to_string(size.h)));
+    EXPECT_TRUE(
+        contains(thrownBy<std::invalid_argument>([&] { NDevice::allocatePlane(size.h, size.w, pitch); }),
+                 std::to_string(size.h)));
   }
   EXPECT_THROW(NDevice::allocatePlane(2, 2, pitch, 0), std::invalid_argument);
   EXPECT_THROW(NDevice::allocatePlane(1 << 20, 2, pitch, 1 << 20), std::invalid_argument);
@@ -123,6 +128,7 @@ TEST(Device, PlanesHoldWhatIsUploadedAtAPitchThatDependsOnTheWidth) {
 }
 
 TEST(Device, MemoryUseCountsWhatIsInUseAndTrimGivesTheRestBack) {
+  const Silence silence;
   const std::size_t before = NDevice::memoryUse().inUse;
   float* memory = NDevice::allocate(1000);
   EXPECT_GE(NDevice::memoryUse().inUse, before + 4000);
@@ -177,7 +183,8 @@ TEST(Device, ComputesInChildrenForkedWhileAnotherThreadComputes) {
     while (!stop) smallFlow();
   });
   for (int i = 0; i < 12; ++i) {
-    EXPECT_EQ(statusOfChild([&] { return tolerance::exact(planesOf(smallFlow()), expected) ? 0 : 1; }), 0) << i;
+    EXPECT_EQ(statusOfChild([&] { return tolerance::exact(planesOf(smallFlow()), expected) ? 0 : 1; }), 0)
+        << i;
   }
   stop = true;
   worker.join();

@@ -46,8 +46,8 @@ struct Job {
 }  // namespace
 
 TEST(Team, RunsEveryChunkOnceAndReturnsWhenAllAreDone) {
-  // More threads than processors, so that workers are held up anywhere, and very many jobs of changing sizes: a
-  // claim that is only almost safe fails about once in half a million.
+  // More threads than processors, so that workers are held up anywhere, and very many jobs of changing sizes:
+  // a claim that is only almost safe fails about once in half a million.
   for (const int threads : {2, 7}) {
     device::cpu::setTeamSize(threads);
     int wrong = 0;

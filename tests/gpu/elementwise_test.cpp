@@ -3,8 +3,8 @@
 
 #include <cmath>
 #include <functional>
-#include <memory>
 #include <limits>
+#include <memory>
 
 #include "support/device_planes.h"
 #include "support/library_state.h"
@@ -16,8 +16,9 @@ constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
 
 /// The values 1 x n planes hold after `kernel` has run on them.
-std::vector<std::vector<float>> after(const std::vector<std::vector<float>>& rows,
-                                      const std::function<void(const std::vector<float*>&, int, int)>& kernel) {
+std::vector<std::vector<float>> after(
+    const std::vector<std::vector<float>>& rows,
+    const std::function<void(const std::vector<float*>&, int, int)>& kernel) {
   const int n = static_cast<int>(rows[0].size());
   std::vector<std::unique_ptr<DevicePlanes>> planes;
   std::vector<float*> pointers;
@@ -54,15 +55,18 @@ TEST(Elementwise, ValuesWorkedOutByHand) {
     EXPECT_TRUE(same(one({1, -2, kNan, 0}, [&](float* a, int w, int p) { kernel(a, 1, w, p, 0.5f); }),
                      {0.5f, -1, kNan, 0}));
   }
-  EXPECT_TRUE(same(one({1, kNan}, [](float* a, int w, int p) { setValue_kernel(a, 1, w, p, -3.0f); }), {-3, -3}));
-  EXPECT_TRUE(same(one({-kInf, 1, 2, 3, 9, kNan}, [](float* a, int w, int p) { Bound_kernel(a, 2, 3, 1, w, p); }),
-                   {2, 2, 2, 3, 3, kNan}));
+  EXPECT_TRUE(
+      same(one({1, kNan}, [](float* a, int w, int p) { setValue_kernel(a, 1, w, p, -3.0f); }), {-3, -3}));
+  EXPECT_TRUE(
+      same(one({-kInf, 1, 2, 3, 9, kNan}, [](float* a, int w, int p) { Bound_kernel(a, 2, 3, 1, w, p); }),
+           {2, 2, 2, 3, 3, kNan}));
   // Limits the wrong way round: everything ends as the upper one.
   EXPECT_TRUE(same(one({0, 4, 9, kNan}, [](float* a, int w, int p) { Bound_kernel(a, 5, 3, 1, w, p); }),
                    {3, 3, 3, kNan}));
   // 1 / sqrt(0.000001) = 1000, 1 / sqrt(3.999999 + 0.000001) = 0.5, below zero not a number.
-  EXPECT_TRUE(same(one({0, 3.999999f, -1, kInf}, [](float* a, int w, int p) { normalize_kernel(a, 1, w, p); }),
-                   {1000, 0.5f, kNan, 0}));
+  EXPECT_TRUE(
+      same(one({0, 3.999999f, -1, kInf}, [](float* a, int w, int p) { normalize_kernel(a, 1, w, p); }),
+           {1000, 0.5f, kNan, 0}));
   EXPECT_TRUE(same(one({0, 3.999999f, -1, kInf}, [](float* a, int w, int p) { Psi_kernel(a, 1, w, p); }),
                    {0.001f, 2, kNan, kInf}));
 
@@ -72,21 +76,24 @@ TEST(Elementwise, ValuesWorkedOutByHand) {
     EXPECT_TRUE(same(sums[0], {11, 0, kNan}));
     EXPECT_TRUE(same(sums[1], {10, -2, 1}));
   }
-  EXPECT_TRUE(same(after({{0, 0}, {7, 1}, {2, 3}},
-                         [](const auto& p, int w, int pitch) { Diff_kernel(p[0], p[1], p[2], 1, w, pitch); })[0],
-                   {5, -2}));
-  EXPECT_TRUE(same(after({{0, 0}, {7, 1}, {2, -3}},
-                         [](const auto& p, int w, int pitch) { Mult_kernel(p[0], p[1], p[2], 1, w, pitch); })[0],
-                   {14, -3}));
+  EXPECT_TRUE(
+      same(after({{0, 0}, {7, 1}, {2, 3}},
+                 [](const auto& p, int w, int pitch) { Diff_kernel(p[0], p[1], p[2], 1, w, pitch); })[0],
+           {5, -2}));
+  EXPECT_TRUE(
+      same(after({{0, 0}, {7, 1}, {2, -3}},
+                 [](const auto& p, int w, int pitch) { Mult_kernel(p[0], p[1], p[2], 1, w, pitch); })[0],
+           {14, -3}));
 }
 
 TEST(Elementwise, FusedStepsRoundOnce) {
   // (1 + 2^-12)^2 - 1 = 2^-11 + 2^-24 is lost by rounding the product first.
   const float a = 1.0f + 0x1p-12f;
   const float exactly = 0x1p-11f + 0x1p-24f;
-  EXPECT_TRUE(same(after({{a}, {-1}},
-                         [=](const auto& p, int w, int pitch) { Scale_and_Add_kernel(p[0], p[1], a, 1, w, pitch); })[0],
-                   {exactly}));
+  EXPECT_TRUE(same(
+      after({{a}, {-1}},
+            [=](const auto& p, int w, int pitch) { Scale_and_Add_kernel(p[0], p[1], a, 1, w, pitch); })[0],
+      {exactly}));
   const auto both = after({{-1, 5}, {a, 2}, {1, 7}, {a, 3}}, [=](const auto& p, int w, int pitch) {
     mySaxpy2_kernel(p[0], p[1], a, p[2], p[3], -a, 1, w, pitch);
   });
@@ -123,8 +130,9 @@ TEST(Diagnostics, ReduceAndPrintPlanes) {
   const Report report;
   print_stats(device.get(), 2, 3, device.p());
   print_slice(plane.data(), 1, 3, 0, 2, 3);
-  EXPECT_EQ(report.lines(), (std::vector<std::string>{"max=5.000000 min=-11.000000 mean=0.000000 rms=5.416026 \n", "[\n",
-                                                      "-2.000000 3.000000 \n", "5.000000 -11.000000 \n", "]\n"}));
+  EXPECT_EQ(report.lines(),
+            (std::vector<std::string>{"max=5.000000 min=-11.000000 mean=0.000000 rms=5.416026 \n", "[\n",
+                                      "-2.000000 3.000000 \n", "5.000000 -11.000000 \n", "]\n"}));
 }
 
 TEST(Diagnostics, SumInTheOrderOfTheRows) {

@@ -161,7 +161,8 @@ TEST(Filters, DerivativeGrowsWithTheValuesAlongItsDirection) {
 TEST(Filters, OfHostImagesEqualTheReference) {
   for (const Size size : {Size{1, 1}, Size{1, 7}, Size{15, 17}, Size{37, 21}}) {
     const Planes in = randomPlanes(size.h, size.w, 1, 91);
-    const Mask gaussian = made(GaussianFilterCreate, 1.5f), derivative = made(GaussianDerivativeFilterCreate, 2.0f);
+    const Mask gaussian = made(GaussianFilterCreate, 1.5f),
+               derivative = made(GaussianDerivativeFilterCreate, 2.0f);
     const Planes smooth = reference::convolveY(reference::convolveX(in, gaussian), gaussian);
     Planes out(size.h, size.w);
     Convolve2d(out.data(), size.h, size.w, in.data(), -1, -1, gaussian.data(), 9, 1);

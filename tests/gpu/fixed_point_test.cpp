@@ -33,7 +33,8 @@ struct Step {
     for (std::size_t i = 0; i < n; ++i) {
       if (i % 7 == 3) gconf.values[i] = 0.0f;
       if (i % 5 == 2) match.values[2 * n + i] = kNan;
-      if (i % 5 == 4) match.values[i] = kNan, match.values[2 * n + i] = kNan;  // what an empty footprint gives
+      if (i % 5 == 4)
+        match.values[i] = kNan, match.values[2 * n + i] = kNan;  // what an empty footprint gives
     }
   }
   int h() const { return u.h; }
@@ -52,7 +53,8 @@ Flow plainStep(const Step& s, int iterations, int solverIterations, reference::S
   for (int k = 0; k < iterations; ++k) {
     const Planes du = increment.plane(0), dv = increment.plane(1);
     const reference::Diffusivities diff = reference::diffusivities(s.u, s.v, du, dv);
-    const reference::Factors factors = reference::factors(tensors, s.u, s.v, du, dv, s.match, s.beta, s.gamma);
+    const reference::Factors factors =
+        reference::factors(tensors, s.u, s.v, du, dv, s.match, s.beta, s.gamma);
     const reference::System system = reference::assemble(tensors, factors, s.u, s.v, diff, s.alpha, kNan);
     increment = reference::solve(system.matrix, system.rhs, increment, solverIterations);
     if (last != nullptr) *last = system;
@@ -77,12 +79,14 @@ Flow deviceStep(const Step& s, int iterations, int solverIterations, reference::
     buffers.push_back(std::make_unique<DevicePlanes>(h, w, planes));
   }
   const auto b = [&](std::size_t k) { return buffers[k]->get(); };
-  const CGtmp cg{vectors[0]->get(), vectors[1]->get(), vectors[2]->get(), vectors[3]->get(), vectors[4]->get()};
+  const CGtmp cg{vectors[0]->get(), vectors[1]->get(), vectors[2]->get(), vectors[3]->get(),
+                 vectors[4]->get()};
   const FPtmp fp{b(0), b(1), b(2), b(3), b(4), b(5), b(6), b(7), b(8), b(9), b(10), b(11)};
-  gNonLinearIteration(image1.get(), warped2.get(), gconf.get(), match.get(), match.plane(1), match.plane(2), 1,
-                      u.get(), v.get(), h, w, u.p(), 3, s.alpha, s.beta, s.gamma, iterations, solverIterations, 1.0f,
-                      cg, fp);
-  for (const DevicePlanes* planes : {&image1, &warped2, &gconf, &match, &u, &v}) EXPECT_TRUE(planes->intact());
+  gNonLinearIteration(image1.get(), warped2.get(), gconf.get(), match.get(), match.plane(1), match.plane(2),
+                      1, u.get(), v.get(), h, w, u.p(), 3, s.alpha, s.beta, s.gamma, iterations,
+                      solverIterations, 1.0f, cg, fp);
+  for (const DevicePlanes* planes : {&image1, &warped2, &gconf, &match, &u, &v})
+    EXPECT_TRUE(planes->intact());
   if (last != nullptr) *last = {buffers[10]->values(), buffers[11]->values()};
   return {u.values(), v.values()};
 }
@@ -136,7 +140,8 @@ TEST(FixedPoint, StepOfHostArraysIsTheSame) {
   Step s = step;
   const std::size_t n = s.u.values.size();
   NonLinearIteration(s.image1.data(), s.warped2.data(), s.gconf.data(), s.match.data(), s.match.data() + n,
-                     s.match.data() + 2 * n, 1, s.u.data(), s.v.data(), 20, 33, s.alpha, s.beta, s.gamma, 2, 4, 1.0f);
+                     s.match.data() + 2 * n, 1, s.u.data(), s.v.data(), 20, 33, s.alpha, s.beta, s.gamma, 2,
+                     4, 1.0f);
   EXPECT_TRUE(exact(s.u, expected.u));
   EXPECT_TRUE(exact(s.v, expected.v));
   EXPECT_TRUE(exact(s.match, step.match));
@@ -166,12 +171,15 @@ TEST(FixedPointKernels, EqualTheReferenceBitForBit) {
     const int h = size.h, w = size.w;
     const Planes increment = randomPlanes(h, w, 2, 7, -1.0f, 1.0f);
     // Random tensors have negative energies too.
-    const reference::Tensors tensors{randomPlanes(h, w, 6, 8, -2.0f, 2.0f), randomPlanes(h, w, 6, 9, -2.0f, 2.0f)};
-    const reference::Diffusivities diff{randomPlanes(h, w, 1, 10, 0.1f, 9.0f), randomPlanes(h, w, 1, 11, 0.1f, 9.0f)};
-    const reference::Factors f =
-        reference::factors(tensors, s.u, s.v, increment.plane(0), increment.plane(1), s.match, s.beta, s.gamma);
+    const reference::Tensors tensors{randomPlanes(h, w, 6, 8, -2.0f, 2.0f),
+                                     randomPlanes(h, w, 6, 9, -2.0f, 2.0f)};
+    const reference::Diffusivities diff{randomPlanes(h, w, 1, 10, 0.1f, 9.0f),
+                                        randomPlanes(h, w, 1, 11, 0.1f, 9.0f)};
+    const reference::Factors f = reference::factors(tensors, s.u, s.v, increment.plane(0), increment.plane(1),
+                                                    s.match, s.beta, s.gamma);
 
-    const DevicePlanes d(increment), stData(tensors.data), stGrad(tensors.grad), u(s.u), v(s.v), match(s.match);
+    const DevicePlanes d(increment), stData(tensors.data), stGrad(tensors.grad), u(s.u), v(s.v),
+        match(s.match);
     const DevicePlanes data(h, w), grad(h, w), weight(h, w), rhsU(h, w), rhsV(h, w);
     const int p = u.p();
     DataFactor_kernel(stData.get(), d.get(), d.plane(1), data.get(), h, w, p);
@@ -188,9 +196,10 @@ TEST(FixedPointKernels, EqualTheReferenceBitForBit) {
     for (const bool scaled : {true, false}) {
       const DevicePlanes matrix(h, w, 12), rhs(h, w, 2);
       (scaled ? MakeMatrix_kernel : MakeMatrix_dummy_kernel)(
-          matrix.get(), rhs.get(), data.get(), grad.get(), weight.get(), stData.get(), stGrad.get(), rhsU.get(),
-          rhsV.get(), u.get(), v.get(), diffX.get(), diffY.get(), h, w, p, s.gamma, s.alpha);
-      const reference::System system = reference::assemble(tensors, f, s.u, s.v, diff, scaled ? s.alpha : 1.0f, kNan);
+          matrix.get(), rhs.get(), data.get(), grad.get(), weight.get(), stData.get(), stGrad.get(),
+          rhsU.get(), rhsV.get(), u.get(), v.get(), diffX.get(), diffY.get(), h, w, p, s.gamma, s.alpha);
+      const reference::System system =
+          reference::assemble(tensors, f, s.u, s.v, diff, scaled ? s.alpha : 1.0f, kNan);
       ASSERT_TRUE(exact(matrix.values(), system.matrix));  // not-a-number still in planes 5, 7, 9 and 11
       ASSERT_TRUE(exact(rhs.values(), system.rhs));
       EXPECT_TRUE(matrix.intact() && rhs.intact());
@@ -205,9 +214,10 @@ TEST(FixedPointKernels, MatchFactorAddsCandidatesOfPositiveWeight) {
   matchU.values = {4, 1, 9};  // distances 3 - 4 i.e. 5, and 2
   matchV.values = {4, 2, 9};
   c.values = {0.5f, 2, -1};
-  const DevicePlanes u(one), v(zero), d(zero), mu(matchU), mv(matchV), weights(c), weight(1, 1), rhsU(1, 1), rhsV(1, 1);
-  MatchFactor_kernel(u.get(), v.get(), d.get(), d.get(), mu.get(), mv.get(), weights.get(), weight.get(), rhsU.get(),
-                     rhsV.get(), 3, 1, 1, u.p(), 10.0f);
+  const DevicePlanes u(one), v(zero), d(zero), mu(matchU), mv(matchV), weights(c), weight(1, 1), rhsU(1, 1),
+      rhsV(1, 1);
+  MatchFactor_kernel(u.get(), v.get(), d.get(), d.get(), mu.get(), mv.get(), weights.get(), weight.get(),
+                     rhsU.get(), rhsV.get(), 3, 1, 1, u.p(), 10.0f);
   // 10 * 0.5 / 5 = 1 and 10 * 2 / 2 = 10.
   EXPECT_NEAR(weight.values().values[0], 11.0f, 1e-4f);
   EXPECT_NEAR(rhsU.values().values[0], -3.0f, 1e-5f);

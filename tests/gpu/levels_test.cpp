@@ -40,9 +40,9 @@ TEST(Levels, CountSmallAndExtremePictures) {
 
 TEST(Levels, SkipSizesThatDoNotShrink) {
   const auto skipped = [](int index, int h, int w) { return gpu::levelOf(index, h, w, 0.95f).skipped; };
-  EXPECT_TRUE(skipped(1, 20, 20));   // 19 x 19, as level 2
+  EXPECT_TRUE(skipped(1, 20, 20));  // 19 x 19, as level 2
   EXPECT_FALSE(skipped(0, 20, 20));
-  EXPECT_TRUE(skipped(0, 16, 16));   // 16 x 16, as level 1
+  EXPECT_TRUE(skipped(0, 16, 16));  // 16 x 16, as level 1
   EXPECT_TRUE(skipped(-5, 16, 16));
   EXPECT_FALSE(skipped(1, 16, 16));  // level 2 is 15 x 15
   EXPECT_FALSE(skipped(0, 15, 100));

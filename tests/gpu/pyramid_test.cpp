@@ -20,9 +20,9 @@ constexpr double kBilinearTerms = 8.0;  // products and sums of one bilinear sam
 struct Resampling {
   Size from, to;
 };
-constexpr Resampling kShrinkings[] = {{{1, 1}, {1, 1}},      {{1, 7}, {1, 3}},       {{9, 1}, {4, 1}},
-                                      {{15, 17}, {15, 17}},  {{15, 17}, {7, 5}},     {{16, 16}, {8, 8}},
-                                      {{20, 33}, {19, 32}},  {{21, 37}, {1, 1}},     {{33, 20}, {10, 7}},
+constexpr Resampling kShrinkings[] = {{{1, 1}, {1, 1}},         {{1, 7}, {1, 3}},      {{9, 1}, {4, 1}},
+                                      {{15, 17}, {15, 17}},     {{15, 17}, {7, 5}},    {{16, 16}, {8, 8}},
+                                      {{20, 33}, {19, 32}},     {{21, 37}, {1, 1}},    {{33, 20}, {10, 7}},
                                       {{483, 637}, {459, 606}}, {{483, 637}, {16, 21}}};
 
 Planes shrunk(const Planes& in, Size to, const Planes* weight) {
@@ -47,7 +47,8 @@ Planes interpolated(const Planes& in, Size to, float factor) {
 reference::Warped warped(const Planes& source, const Planes& fallback, const Planes& u, const Planes& v) {
   const int h = u.h, w = u.w;
   const DevicePlanes from(source), other(fallback), flowU(u), flowV(v), out(h, w, source.count), valid(h, w);
-  gWarpMotion(out.get(), flowU.get(), flowV.get(), from.get(), other.get(), source.count, valid.get(), h, w, out.p());
+  gWarpMotion(out.get(), flowU.get(), flowV.get(), from.get(), other.get(), source.count, valid.get(), h, w,
+              out.p());
   EXPECT_TRUE(out.intact() && valid.intact());
   return {out.values(), valid.values()};
 }
@@ -68,7 +69,8 @@ TEST(Downsample, EqualsTheReferenceBitForBit) {
 }
 
 TEST(Downsample, KeepsConstantsAndHalvesToBlockMeans) {
-  for (const float value : shrunk(Planes(9, 10, 1, 7.0f), {4, 3}, nullptr).values) EXPECT_NEAR(value, 7.0f, 1e-5f);
+  for (const float value : shrunk(Planes(9, 10, 1, 7.0f), {4, 3}, nullptr).values)
+    EXPECT_NEAR(value, 7.0f, 1e-5f);
   Planes in(4, 4);
   for (int i = 0; i < 16; ++i) in.values[static_cast<std::size_t>(i)] = static_cast<float>(i);
   EXPECT_EQ(shrunk(in, {2, 2}, nullptr).values, (std::vector<float>{2.5f, 4.5f, 10.5f, 12.5f}));
@@ -77,10 +79,10 @@ TEST(Downsample, KeepsConstantsAndHalvesToBlockMeans) {
 TEST(Downsample, WeighsOnlyPositiveWeightsUnderAnArea) {
   Planes in(2, 6), weight(2, 6);
   in.values = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
-  weight.at(1, 1) = 0.3f;          // alone in the first block
-  weight.at(2, 0) = 1.0f;          // with the next, in the second block
+  weight.at(1, 1) = 0.3f;  // alone in the first block
+  weight.at(2, 0) = 1.0f;  // with the next, in the second block
   weight.at(3, 0) = 3.0f;
-  weight.at(5, 0) = kNan;          // nothing in the third
+  weight.at(5, 0) = kNan;  // nothing in the third
   const Planes out = shrunk(in, {1, 3}, &weight);
   EXPECT_NEAR(out.at(0, 0), 8.0f, 1e-6f);
   EXPECT_NEAR(out.at(1, 0), 3.75f, 1e-6f);
@@ -121,8 +123,8 @@ TEST(Interpolate, AgreesWithTheReference) {
     SCOPED_TRACE(testing::Message() << r.to.w << " x " << r.to.h << " to " << r.from.w << " x " << r.from.h);
     const Planes in = randomPlanes(r.to.h, r.to.w, 1, 5, -50.0f, 50.0f);
     for (const float factor : {1.0f, 1.0f / 0.95f, 2.0f, 3.7f}) {
-      ASSERT_TRUE(rounding(interpolated(in, r.from, factor), reference::interpolate(in, r.from.h, r.from.w, factor),
-                           kBilinearTerms));
+      ASSERT_TRUE(rounding(interpolated(in, r.from, factor),
+                           reference::interpolate(in, r.from.h, r.from.w, factor), kBilinearTerms));
     }
   }
 }
@@ -132,7 +134,8 @@ TEST(Interpolate, MeetsTheSourceAtWholePositionsAndRepeatsItsBorders) {
   EXPECT_TRUE(exact(interpolated(in, {7, 9}, 1.0f), in));
   const Planes doubled = interpolated(in, {20, 25}, 2.0f);
   for (int y = 0; y < 20; y += 2) {
-    for (int x = 0; x < 25; x += 2) EXPECT_EQ(doubled.at(x, y), in.at(std::min(x / 2, 8), std::min(y / 2, 6)));
+    for (int x = 0; x < 25; x += 2)
+      EXPECT_EQ(doubled.at(x, y), in.at(std::min(x / 2, 8), std::min(y / 2, 6)));
   }
   EXPECT_EQ(doubled.at(24, 19), in.at(8, 6));
   EXPECT_EQ(doubled.at(1, 0), 0.5f * (in.at(1, 0) - in.at(0, 0)) + in.at(0, 0));
@@ -159,9 +162,12 @@ TEST(Warp, AgreesWithTheReference) {
   for (const Size size : kSizes) {
     for (const int channels : {1, 3}) {
       SCOPED_TRACE(testing::Message() << size.w << " x " << size.h << ", " << channels << " channels");
-      const Planes source = randomPlanes(size.h, size.w, channels, 9), other = randomPlanes(size.h, size.w, channels, 10);
-      const Planes u = randomPlanes(size.h, size.w, 1, 11, -6.0f, 6.0f), v = randomPlanes(size.h, size.w, 1, 12, -6.0f, 6.0f);
-      const reference::Warped result = warped(source, other, u, v), expected = reference::warp(source, other, u, v);
+      const Planes source = randomPlanes(size.h, size.w, channels, 9),
+                   other = randomPlanes(size.h, size.w, channels, 10);
+      const Planes u = randomPlanes(size.h, size.w, 1, 11, -6.0f, 6.0f),
+                   v = randomPlanes(size.h, size.w, 1, 12, -6.0f, 6.0f);
+      const reference::Warped result = warped(source, other, u, v),
+                              expected = reference::warp(source, other, u, v);
       ASSERT_TRUE(exact(result.valid, expected.valid));
       ASSERT_TRUE(rounding(result.out, expected.out, kBilinearTerms));
     }

@@ -6,8 +6,8 @@
 
 #include "support/device_planes.h"
 
-/// A symmetric positive definite system like those of a fixed-point step: couplings from diffusivities between 0.1
-/// and `strength`, planes that nothing may read filled with not-a-number.
+/// A symmetric positive definite system like those of a fixed-point step: couplings from diffusivities
+/// between 0.1 and `strength`, planes that nothing may read filled with not-a-number.
 struct TestSystem {
   Planes matrix, rhs, start;
 
@@ -28,7 +28,8 @@ struct TestSystem {
         matrix.at(x, y, kMatrixUU) = block.at(x, y, 0) + sum;
         matrix.at(x, y, kMatrixVV) = block.at(x, y, 1) + sum;
         // Smaller than both diagonal entries.
-        const float mixed = 0.3f * std::min(block.at(x, y, 0), block.at(x, y, 1)) * (block.at(x, y, 2) - 1.6f);
+        const float mixed =
+            0.3f * std::min(block.at(x, y, 0), block.at(x, y, 1)) * (block.at(x, y, 2) - 1.6f);
         matrix.at(x, y, kMatrixUV) = matrix.at(x, y, kMatrixVU) = mixed;
         matrix.at(x, y, kMatrixNorth) = -north;
         matrix.at(x, y, kMatrixWest) = -west;

@@ -12,7 +12,8 @@ namespace {
 
 using tolerance::exact;
 
-reference::Tensors tensorsOf(const Planes& image1, const Planes& warped2, const Planes& gconf, float start = 0.0f) {
+reference::Tensors tensorsOf(const Planes& image1, const Planes& warped2, const Planes& gconf,
+                             float start = 0.0f) {
   const int h = image1.h, w = image1.w;
   const DevicePlanes first(image1), second(warped2), valid(gconf);
   const DevicePlanes data(Planes(h, w, 6, start)), grad(Planes(h, w, 6, start));
@@ -21,7 +22,8 @@ reference::Tensors tensorsOf(const Planes& image1, const Planes& warped2, const 
   return {data.values(), grad.values()};
 }
 
-reference::Diffusivities diffusivitiesOf(const Planes& u, const Planes& v, const Planes& du, const Planes& dv) {
+reference::Diffusivities diffusivitiesOf(const Planes& u, const Planes& v, const Planes& du,
+                                         const Planes& dv) {
   const DevicePlanes a(u), b(v), c(du), d(dv), x(u.h, u.w), y(u.h, u.w);
   gDiffusivity(a.get(), b.get(), c.get(), d.get(), x.get(), y.get(), u.h, u.w, a.p());
   EXPECT_TRUE(a.intact() && b.intact() && c.intact() && d.intact());
@@ -72,8 +74,10 @@ TEST(StructureTensors, VanishWithTheGradientAndWithTheDifference) {
 TEST(Diffusivity, EqualsTheReferenceBitForBit) {
   for (const Size size : kSizes) {
     SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
-    const Planes u = randomPlanes(size.h, size.w, 1, 3, -3.0f, 3.0f), v = randomPlanes(size.h, size.w, 1, 4, -3.0f, 3.0f);
-    const Planes du = randomPlanes(size.h, size.w, 1, 5, -1.0f, 1.0f), dv = randomPlanes(size.h, size.w, 1, 6, -1.0f, 1.0f);
+    const Planes u = randomPlanes(size.h, size.w, 1, 3, -3.0f, 3.0f),
+                 v = randomPlanes(size.h, size.w, 1, 4, -3.0f, 3.0f);
+    const Planes du = randomPlanes(size.h, size.w, 1, 5, -1.0f, 1.0f),
+                 dv = randomPlanes(size.h, size.w, 1, 6, -1.0f, 1.0f);
     const reference::Diffusivities result = diffusivitiesOf(u, v, du, dv);
     const reference::Diffusivities expected = reference::diffusivities(u, v, du, dv);
     ASSERT_TRUE(exact(result.x, expected.x));
@@ -83,7 +87,8 @@ TEST(Diffusivity, EqualsTheReferenceBitForBit) {
 
 TEST(Diffusivity, OfAConstantFlowIsThousandAndOfAStepItsInverse) {
   const Planes zero(5, 6);
-  const reference::Diffusivities flat = diffusivitiesOf(Planes(5, 6, 1, 2.0f), Planes(5, 6, 1, -9.0f), zero, zero);
+  const reference::Diffusivities flat =
+      diffusivitiesOf(Planes(5, 6, 1, 2.0f), Planes(5, 6, 1, -9.0f), zero, zero);
   EXPECT_TRUE(exact(flat.x, Planes(5, 6, 1, 1000.0f)));
   EXPECT_TRUE(exact(flat.y, Planes(5, 6, 1, 1000.0f)));
 
@@ -109,5 +114,6 @@ TEST(Diffusivity, KernelsAddTheSquaresBetweenNeighbours) {
   EXPECT_EQ(diff.values().values, (std::vector<float>{113, 100, 125, 100}));  // 2^2 + 3^2, 4^2 + 3^2
   diff.fill(100.0f);
   gradientY_kernel(diff.get(), derivative.get(), values.get(), 2, 2, diff.p());
-  EXPECT_EQ(diff.values().values, (std::vector<float>{127.25f, 169.25f, 100, 100}));  // 5^2 + 1.5^2, 7^2 + 4.5^2
+  EXPECT_EQ(diff.values().values,
+            (std::vector<float>{127.25f, 169.25f, 100, 100}));  // 5^2 + 1.5^2, 7^2 + 4.5^2
 }

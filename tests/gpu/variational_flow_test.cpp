@@ -22,7 +22,8 @@ struct Settings {
   int fixedPointIterations = 5, solverIterations = 10;
 };
 
-Planes flowBy(decltype(variationalFlow) driver, Planes first, Planes second, Planes matches, const Settings& s = {}) {
+Planes flowBy(decltype(variationalFlow) driver, Planes first, Planes second, Planes matches,
+              const Settings& s = {}) {
   const int h = first.h, w = first.w;
   const std::size_t n = static_cast<std::size_t>(h) * static_cast<std::size_t>(w);
   Planes flow(h, w, 2, kNan);
@@ -41,9 +42,9 @@ Planes flowOf(const Planes& first, const Planes& second, const Settings& s = {})
 Planes oneStep(Planes first, Planes second, float gamma, int solverIterations) {
   const int h = first.h, w = first.w;
   Planes flow(h, w, 2), valid(h, w, 1, 1.0f), none(h, w);
-  NonLinearIteration(first.data(), second.data(), valid.data(), none.data(), none.data(), none.data(), 1, flow.data(),
-                     flow.data() + static_cast<std::ptrdiff_t>(h) * w, h, w, 30.0f, 300.0f, gamma, 5, solverIterations,
-                     1.0f);
+  NonLinearIteration(first.data(), second.data(), valid.data(), none.data(), none.data(), none.data(), 1,
+                     flow.data(), flow.data() + static_cast<std::ptrdiff_t>(h) * w, h, w, 30.0f, 300.0f,
+                     gamma, 5, solverIterations, 1.0f);
   return flow;
 }
 
@@ -57,8 +58,9 @@ std::vector<std::string> withoutTimes(const Report& report) {
 }
 
 const std::string kNotice = "Increase eta or increase minimum dimension\n";
-const std::vector<std::string> kTimes{"Solver time = T ms\n", "MakeMatrix time = T ms\n", "Interp time = T ms\n",
-                                      "downsampling time = T ms\n", "memcpy time = T ms\n"};
+const std::vector<std::string> kTimes{"Solver time = T ms\n", "MakeMatrix time = T ms\n",
+                                      "Interp time = T ms\n", "downsampling time = T ms\n",
+                                      "memcpy time = T ms\n"};
 
 std::vector<std::string> reportOf(int scales, int notices, bool smoothing) {
   std::vector<std::string> lines{"# scales = " + std::to_string(scales) + " \n"};
@@ -77,14 +79,15 @@ TEST(VariationalFlow, PrintsItsReportAndSkipsLevelsThatDoNotShrink) {
     Size size;
     int scales, notices;
   };
-  for (const Case& c : {Case{{480, 640}, 67, 0}, Case{{20, 20}, 5, 1}, Case{{16, 16}, 1, 6}, Case{{15, 100}, 0, 0},
-                        Case{{10, 10}, 0, 6}, Case{{1, 1}, 0, 6}}) {
+  for (const Case& c : {Case{{480, 640}, 67, 0}, Case{{20, 20}, 5, 1}, Case{{16, 16}, 1, 6},
+                        Case{{15, 100}, 0, 0}, Case{{10, 10}, 0, 6}, Case{{1, 1}, 0, 6}}) {
     SCOPED_TRACE(testing::Message() << c.size.w << " x " << c.size.h);
     const Planes picture(c.size.h, c.size.w, 3, 9.0f), none(c.size.h, c.size.w, 3);
     const Progress progress;
     {
       const Report report;
-      EXPECT_TRUE(exact(flowBy(variationalFlowTarvo, picture, picture, none, quick), Planes(c.size.h, c.size.w, 2)));
+      EXPECT_TRUE(
+          exact(flowBy(variationalFlowTarvo, picture, picture, none, quick), Planes(c.size.h, c.size.w, 2)));
       EXPECT_EQ(withoutTimes(report), reportOf(c.scales, c.notices, false));
     }
     ASSERT_EQ(progress.calls().size(), static_cast<std::size_t>(c.scales + 6));
@@ -113,8 +116,8 @@ TEST(VariationalFlow, TreatsSigmaAsANoticeAtMost) {
 TEST(VariationalFlow, WithoutMatchesDoesNotReadTheMatchArguments) {
   const Silence silence;
   Planes first = render(24, 31, 0, 0), second = render(24, 31, 1, 0.5), flow(24, 31, 2);
-  variationalFlow(first.data(), second.data(), flow.data(), flow.data() + 24 * 31, nullptr, nullptr, nullptr, 1, 24, 31,
-                  3, 0.0f, 30.0f, 300.0f, 5.0f, 0.95f, 5, 10, 1);
+  variationalFlow(first.data(), second.data(), flow.data(), flow.data() + 24 * 31, nullptr, nullptr, nullptr,
+                  1, 24, 31, 3, 0.0f, 30.0f, 300.0f, 5.0f, 0.95f, 5, 10, 1);
   EXPECT_TRUE(exact(flow, flowOf(first, second)));
 }
 
@@ -134,7 +137,8 @@ TEST(VariationalFlow, OfPicturesThatOnlyShrinkOnceIsThatLevelsFlow) {
 }
 
 TEST(VariationalFlow, OfLowPicturesIsTheLastPassFromZeroFlow) {
-  // 15 x 100: every pass counts as the coarsest one. The last has no matches and twice the solver's iterations.
+  // 15 x 100: every pass counts as the coarsest one. The last has no matches and twice the solver's
+  // iterations.
   const Planes first = render(15, 100, 0, 0), second = render(15, 100, 0.5, 0.25);
   const Silence silence;
   EXPECT_TRUE(exact(flowBy(variationalFlowTarvo, first, second, Planes(15, 100, 3, 2.0f)),
@@ -149,7 +153,8 @@ TEST(VariationalFlow, OfEqualPicturesIsZero) {
 
 TEST(VariationalFlow, RecoversAShift) {
   for (const auto& [u, v] : {std::pair{1.0f, 0.5f}, {2.25f, -1.5f}, {-3.0f, 0.0f}, {0.3f, 3.0f}}) {
-    const Planes flow = flowOf(render(97, 121, 0, 0), render(97, 121, static_cast<double>(u), static_cast<double>(v)));
+    const Planes flow =
+        flowOf(render(97, 121, 0, 0), render(97, 121, static_cast<double>(u), static_cast<double>(v)));
     EXPECT_TRUE(tolerance::flow(flow, uniformFlow(97, 121, u, v), 5, 0.03)) << u << ", " << v;
   }
 }
@@ -186,11 +191,11 @@ TEST(VariationalFlow, OnDevicePlanesKeepsTheCallersPitch) {
     float *u = nullptr, *v = nullptr;
     {
       const Report report;
-      gVariationalFlowTarvo(image1.get(), image2.get(), &u, &v, match.get(), match.plane(1), match.plane(2), 1, 40, 45,
-                            image1.p(), 3, 1.0f, 30.0f, 300.0f, 5.0f, 0.95f, 5, 10, 1);
+      gVariationalFlowTarvo(image1.get(), image2.get(), &u, &v, match.get(), match.plane(1), match.plane(2),
+                            1, 40, 45, image1.p(), 3, 1.0f, 30.0f, 300.0f, 5.0f, 0.95f, 5, 10, 1);
       const std::vector<std::string> lines = withoutTimes(report);
-      EXPECT_EQ(lines, (std::vector<std::string>{"# scales = 19 \n", "Filters not yet implemented\n", kTimes[0],
-                                                 kTimes[1], kTimes[2], kTimes[3]}));
+      EXPECT_EQ(lines, (std::vector<std::string>{"# scales = 19 \n", "Filters not yet implemented\n",
+                                                 kTimes[0], kTimes[1], kTimes[2], kTimes[3]}));
     }
     Planes flow(40, 45, 2);
     NDevice::download(flow.data(), u, 40, 45, image1.p());
@@ -207,8 +212,8 @@ TEST(VariationalFlow, RefusesWrongArgumentsBeforeAnythingIsTouched) {
   const auto refusal = [&](const Settings& s, int h, int w, int channels) -> std::string {
     for (const auto driver : {variationalFlowTarvo, variationalFlow}) {
       try {
-        driver(nullptr, nullptr, &u, &v, nullptr, nullptr, nullptr, 1, h, w, channels, s.sigma, s.alpha, s.beta,
-               s.gamma, s.eta, s.fixedPointIterations, s.solverIterations, 1);
+        driver(nullptr, nullptr, &u, &v, nullptr, nullptr, nullptr, 1, h, w, channels, s.sigma, s.alpha,
+               s.beta, s.gamma, s.eta, s.fixedPointIterations, s.solverIterations, 1);
         return "accepted";
       } catch (const std::invalid_argument& error) {
         if (driver == variationalFlow) return error.what();
@@ -262,7 +267,8 @@ TEST(Objective, IsTheMeanEnergyOfTheFlow) {
     for (int x = 0; x < w; ++x) ramp.at(x, y, 0) = static_cast<float>(x) - 8.0f;
   }
   const float slopes = (static_cast<float>(w) - 1.0f) / static_cast<float>(w);
-  // Where the warp leaves the picture there is no difference, so no ramp pixel counts there: measured without it.
+  // Where the warp leaves the picture there is no difference, so no ramp pixel counts there: measured without
+  // it.
   EXPECT_NEAR(energy(flat, Planes(h, w, 3, 54.0f), Planes(h, w, 2)), 0.015f + 12.0f + 0.03f, 1e-3f);
   EXPECT_NEAR(energy(flat, flat, ramp), 0.001f * 18.0f + 30.0f * slopes, 1e-3f);
 }

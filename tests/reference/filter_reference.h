@@ -29,16 +29,20 @@ inline Planes convolve(const Planes& in, const std::vector<float>& mask, bool al
   return out;
 }
 
-inline Planes convolveX(const Planes& in, const std::vector<float>& mask) { return convolve(in, mask, true); }
-inline Planes convolveY(const Planes& in, const std::vector<float>& mask) { return convolve(in, mask, false); }
+inline Planes convolveX(const Planes& in, const std::vector<float>& mask) {
+  return convolve(in, mask, true);
+}
+inline Planes convolveY(const Planes& in, const std::vector<float>& mask) {
+  return convolve(in, mask, false);
+}
 
 inline int mirrored(int g, int n) {
   const int distance = std::abs(g);
   return distance < n - 1 ? distance : 2 * n - 2 - distance;
 }
 
-/// Two-dimensional correlation with fh rows of fw taps; borders mirrored without repeating the border pixel, or
-/// clamped.
+/// Two-dimensional correlation with fh rows of fw taps; borders mirrored without repeating the border pixel,
+/// or clamped.
 inline Planes convolve2d(const Planes& in, const std::vector<float>& mask, int fh, int fw, bool mirror) {
   Planes out(in.h, in.w);
   for (int y = 0; y < in.h; ++y) {

@@ -72,7 +72,8 @@ inline float bilinear(const Planes& in, int k, double px, double py) {
   const int y1 = std::min(y0 + 1, in.h - 1);
   const double fx = cx - x0;
   const double fy = cy - y0;
-  const double top = (1 - fx) * static_cast<double>(in.at(x0, y0, k)) + fx * static_cast<double>(in.at(x1, y0, k));
+  const double top =
+      (1 - fx) * static_cast<double>(in.at(x0, y0, k)) + fx * static_cast<double>(in.at(x1, y0, k));
   const double bottom =
       (1 - fx) * static_cast<double>(in.at(x0, y1, k)) + fx * static_cast<double>(in.at(x1, y1, k));
   return static_cast<float>((1 - fy) * top + fy * bottom);
@@ -103,8 +104,9 @@ inline Warped warp(const Planes& source, const Planes& fallback, const Planes& u
                            py > static_cast<float>(source.h - 1);
       result.valid.at(x, y) = outside ? 0.0f : 1.0f;
       for (int k = 0; k < source.count; ++k) {
-        result.out.at(x, y, k) = outside ? fallback.at(x, y, k)
-                                         : bilinear(source, k, static_cast<double>(px), static_cast<double>(py));
+        result.out.at(x, y, k) = outside
+                                     ? fallback.at(x, y, k)
+                                     : bilinear(source, k, static_cast<double>(px), static_cast<double>(py));
       }
     }
   }

@@ -10,8 +10,8 @@
 /// Plain twins of the robust weights and of the assembly of the linear system.
 namespace reference {
 
-/// numerator / sqrt(E + 0.000001) of a tensor at (x, y), E = 2 T + S in double precision, rounded; a negative E
-/// counts as 0.
+/// numerator / sqrt(E + 0.000001) of a tensor at (x, y), E = 2 T + S in double precision, rounded; a negative
+/// E counts as 0.
 inline float tensorFactor(float numerator, const Planes& J, float du, float dv, int x, int y) {
   const float S = J.at(x, y, 0) * du * du + J.at(x, y, 1) * dv * dv + J.at(x, y, 2);
   const float T = dv * J.at(x, y, 5) + (du * dv * J.at(x, y, 3) + du * J.at(x, y, 4));
@@ -24,8 +24,8 @@ struct Factors {
 };
 
 /// match: planes u, v, weight.
-inline Factors factors(const Tensors& tensors, const Planes& u, const Planes& v, const Planes& du, const Planes& dv,
-                       const Planes& match, float beta, float gamma) {
+inline Factors factors(const Tensors& tensors, const Planes& u, const Planes& v, const Planes& du,
+                       const Planes& dv, const Planes& match, float beta, float gamma) {
   const int h = u.h, w = u.w;
   Factors f{Planes(h, w), Planes(h, w), Planes(h, w), Planes(h, w), Planes(h, w)};
   for (int y = 0; y < h; ++y) {
@@ -51,8 +51,8 @@ struct System {
 };
 
 /// The planes of the matrix that nothing may touch hold `untouched`.
-inline System assemble(const Tensors& t, const Factors& f, const Planes& u, const Planes& v, const Diffusivities& diff,
-                       float alpha, float untouched) {
+inline System assemble(const Tensors& t, const Factors& f, const Planes& u, const Planes& v,
+                       const Diffusivities& diff, float alpha, float untouched) {
   const int h = u.h, w = u.w;
   System s{Planes(h, w, 12, untouched), Planes(h, w, 2)};
   for (int y = 0; y < h; ++y) {

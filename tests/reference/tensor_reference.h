@@ -8,7 +8,8 @@
 namespace reference {
 
 inline float inverseRoot(float numerator, float squares) {
-  return static_cast<float>(static_cast<double>(numerator) / std::sqrt(static_cast<double>(squares) + 0.000001));
+  return static_cast<float>(static_cast<double>(numerator) /
+                            std::sqrt(static_cast<double>(squares) + 0.000001));
 }
 
 struct Tensors {
@@ -31,7 +32,8 @@ inline void addTensors(Tensors& tensors, const Planes& first, const Planes& seco
       const float k = inverseRoot(g, gx * gx + gy * gy);
       const float data[6] = {gx * (gx * k), gy * (gy * k), gz * (gz * k),
                              gy * (gx * k), gz * (gx * k), gz * (gy * k)};
-      const float xx = Ixx.at(x, y), xy = Ixy.at(x, y), yy = Iyy.at(x, y), xz = Ixz.at(x, y), yz = Iyz.at(x, y);
+      const float xx = Ixx.at(x, y), xy = Ixy.at(x, y), yy = Iyy.at(x, y), xz = Ixz.at(x, y),
+                  yz = Iyz.at(x, y);
       const float kx = inverseRoot(1.0f, xx * xx + xy * xy);
       const float ky = inverseRoot(1.0f, xy * xy + yy * yy);
       const float grad[6] = {g * (xx * xx * kx + xy * xy * ky), g * (xy * xy * kx + yy * yy * ky),
@@ -63,7 +65,8 @@ inline Diffusivities diffusivities(const Planes& u, const Planes& v, const Plane
   for (int component = 0; component < 2; ++component) {
     Planes total = component == 0 ? u : v;
     const Planes& increment = component == 0 ? du : dv;
-    for (std::size_t i = 0; i < total.values.size(); ++i) total.values[i] = increment.values[i] + total.values[i];
+    for (std::size_t i = 0; i < total.values.size(); ++i)
+      total.values[i] = increment.values[i] + total.values[i];
     const Planes fx = convolveX(total, mask), fy = convolveY(total, mask);
     for (int y = 0; y < h; ++y) {
       for (int x = 0; x < w; ++x) {

@@ -8,9 +8,9 @@
 
 #include "support/planes.h"
 
-/// Stacked planes on the device whose pitch exceeds the width. Padding columns and a guard before and behind the
-/// planes hold a not-a-number of a recognisable pattern: what reads it spoils its result, what writes it is found
-/// by intact().
+/// Stacked planes on the device whose pitch exceeds the width. Padding columns and a guard before and behind
+/// the planes hold a not-a-number of a recognisable pattern: what reads it spoils its result, what writes it
+/// is found by intact().
 class DevicePlanes {
  public:
   static constexpr int kPadding = 5;

@@ -1,6 +1,6 @@
-// The main function of every test program: TARVO_TEST_DEVICE (auto, cpu, cuda, cuda:N) chooses the device that the
-// tests run on. A device that cannot be had ends the program with status 1, so that a run that was meant for a
-// GPU never passes without one.
+// The main function of every test program: TARVO_TEST_DEVICE (auto, cpu, cuda, cuda:N) chooses the device
+// that the tests run on. A device that cannot be had ends the program with status 1, so that a run that was
+// meant for a GPU never passes without one.
 #include <gtest/gtest.h>
 #include <tarvo/NDevice.h>
 

@@ -54,16 +54,18 @@ class Random {
   std::uint32_t state_;
 };
 
-inline Planes randomPlanes(int h, int w, int count, std::uint32_t seed, float low = 0.0f, float high = 255.0f) {
+inline Planes randomPlanes(int h, int w, int count, std::uint32_t seed, float low = 0.0f,
+                           float high = 255.0f) {
   Planes planes(h, w, count);
   Random random(seed);
   for (float& value : planes.values) value = random.next(low, high);
   return planes;
 }
 
-/// Heights and widths that are no multiple of anything, the smallest ones, and one with more than one segment,
-/// block and band in every direction.
+/// Heights and widths that are no multiple of anything, the smallest ones, and one with more than one
+/// segment, block and band in every direction.
 struct Size {
   int h, w;
 };
-constexpr Size kSizes[] = {{1, 1}, {1, 7}, {9, 1}, {2, 3}, {15, 17}, {16, 16}, {20, 33}, {21, 37}, {483, 637}};
+constexpr Size kSizes[] = {{1, 1},   {1, 7},   {9, 1},   {2, 3},    {15, 17},
+                           {16, 16}, {20, 33}, {21, 37}, {483, 637}};

@@ -7,8 +7,8 @@
 
 #include "support/planes.h"
 
-/// A smooth colour texture in 0 ... 255, given everywhere. Its waves bend, so that it does not repeat itself within a
-/// few hundred pixels.
+/// A smooth colour texture in 0 ... 255, given everywhere. Its waves bend, so that it does not repeat itself
+/// within a few hundred pixels.
 inline float textureAt(double x, double y, int channel) {
   const double c = channel;
   return static_cast<float>(128.0 + 45.0 * std::sin(0.31 * x + 0.17 * y + 0.0013 * x * y + c) +

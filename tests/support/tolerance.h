@@ -23,7 +23,8 @@ inline testing::AssertionResult sameSize(const Planes& a, const Planes& b) {
 inline std::string place(const Planes& planes, std::size_t i) {
   const auto w = static_cast<std::size_t>(planes.w);
   const auto h = static_cast<std::size_t>(planes.h);
-  return "(" + std::to_string(i % w) + ", " + std::to_string(i / w % h) + ") of plane " + std::to_string(i / w / h);
+  return "(" + std::to_string(i % w) + ", " + std::to_string(i / w % h) + ") of plane " +
+         std::to_string(i / w / h);
 }
 
 /// The same order of operations: equal bits, not-a-numbers equal to each other.
@@ -34,8 +35,9 @@ inline testing::AssertionResult exact(const Planes& result, const Planes& expect
     const float b = expected.values[i];
     if (std::isnan(a) && std::isnan(b)) continue;
     if (std::memcmp(&a, &b, sizeof a) != 0) {
-      return testing::AssertionFailure() << std::hexfloat << "pixel " << place(result, i) << " is " << a
-                                         << ", expected " << b << std::defaultfloat << " (" << a << ", " << b << ")";
+      return testing::AssertionFailure()
+             << std::hexfloat << "pixel " << place(result, i) << " is " << a << ", expected " << b
+             << std::defaultfloat << " (" << a << ", " << b << ")";
     }
   }
   return testing::AssertionSuccess();
@@ -50,12 +52,14 @@ inline testing::AssertionResult rounding(const Planes& result, const Planes& exp
     norm = std::max({norm, std::fabs(static_cast<double>(result.values[i])),
                      std::fabs(static_cast<double>(expected.values[i]))});
   }
-  const double bound = 10.0 * static_cast<double>(std::numeric_limits<float>::epsilon()) * std::sqrt(terms) * norm;
+  const double bound =
+      10.0 * static_cast<double>(std::numeric_limits<float>::epsilon()) * std::sqrt(terms) * norm;
   for (std::size_t i = 0; i < result.values.size(); ++i) {
-    const double apart = std::fabs(static_cast<double>(result.values[i]) - static_cast<double>(expected.values[i]));
+    const double apart =
+        std::fabs(static_cast<double>(result.values[i]) - static_cast<double>(expected.values[i]));
     if (!(apart <= bound)) {
-      return testing::AssertionFailure() << "pixel " << place(result, i) << " is " << result.values[i] << ", expected "
-                                         << expected.values[i] << " within " << bound;
+      return testing::AssertionFailure() << "pixel " << place(result, i) << " is " << result.values[i]
+                                         << ", expected " << expected.values[i] << " within " << bound;
     }
   }
   return testing::AssertionSuccess();

@@ -115,7 +115,7 @@ TEST(Synth, MotionsAreInPixelsWhateverTheSize) {
     EXPECT_NEAR(longest("rotation", 80 * scale, 60 * scale), 8, 0.1);  // along the arc, not the chord
     EXPECT_NEAR(longest("zoom", 80 * scale, 60 * scale), 8, 1e-4);
     EXPECT_NEAR(longest("large", 80 * scale, 60 * scale), 60, 1e-4);
-    EXPECT_NEAR(longest("demo", 80 * scale, 60 * scale), 19.5, 1);
+    EXPECT_NEAR(longest("demo", 80 * scale, 60 * scale), std::hypot(57, 18), 0.1);
   }
 }
 

@@ -24,6 +24,8 @@ struct FlowOptions {
   std::string output;    ///< flow from frame 1 to frame 2
   std::string backward;  ///< flow from frame 2 to frame 1, unless empty
   std::string colour;    ///< colour picture of the forward flow, unless empty
+  std::string matches;   ///< table of the forward matches, unless empty
+  bool noMatches = false;
   FlowParameters parameters;
   std::string device = "auto";
   int threads = 0;  ///< 0: the library's default

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iomanip>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -32,6 +34,7 @@ struct Phases {
 
 struct Run {
   CTensor<float> flow;
+  NMatching::Counts counts{};
   double seconds = 0;
   Phases before, after;
 };
@@ -48,6 +51,10 @@ void checkArguments(const FlowOptions& options) {
     if (sameFile(options.backward, options.output)) {
       throw UsageError{"--backward and --output name the same file: " + options.output};
     }
+  }
+  if (!options.matches.empty()) {
+    checkEnding("--matches", options.matches, ".csv");
+    if (options.noMatches) throw UsageError{"--matches and --no-matches exclude each other"};
   }
   if (!options.colour.empty()) {
     checkEnding("--color", options.colour, ".png");
@@ -90,8 +97,8 @@ Json phaseSeconds(const Run& run) {
 }
 
 /// One direction. The frames are copies of its own, because smoothing changes them.
-Run compute(CTensor<float> from, CTensor<float> to, const FlowParameters& p, const Verbosity& verbosity,
-            const std::string& label) {
+Run compute(CTensor<float> from, CTensor<float> to, const FlowParameters& p, bool matching,
+            const Verbosity& verbosity, const std::string& label) {
   const ProgressBar bar(verbosity, label);
   Run run;
   const auto start = std::chrono::steady_clock::now();
@@ -99,6 +106,7 @@ Run compute(CTensor<float> from, CTensor<float> to, const FlowParameters& p, con
              p.solverIterations);
   run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   run.after = Phases();
+  if (matching) run.counts = NMatching::lastCounts();
   return run;
 }
 
@@ -110,7 +118,41 @@ double asWritten(float value) {
 }
 
 Json describe(const std::string& file, const Run& run) {
-  return {{"file", file}, {"seconds", run.seconds}, {"phases", phaseSeconds(run)}};
+  return {{"file", file},
+          {"seconds", run.seconds},
+          {"phases", phaseSeconds(run)},
+          {"matching",
+           {{"grid_points", run.counts.gridPoints},
+            {"gated_points", run.counts.gatedPoints},
+            {"forward_matches", run.counts.forwardMatches},
+            {"kept_matches", run.counts.keptMatches}}}};
+}
+
+/// The kept matches of the forward direction, one a line, in rows from the top. They are searched once more:
+/// the library does not hand out the match field of a flow computation.
+void writeMatches(const std::string& path, Frames frames, float sigma) {
+  if (sigma > 0) {
+    for (CTensor<float>* image : {&frames.first, &frames.second}) {
+      NFilter::recursiveSmoothX(*image, sigma);
+      NFilter::recursiveSmoothY(*image, sigma);
+    }
+  }
+  const int w = frames.first.sizeX(), h = frames.first.sizeY();
+  CTensor<float> field(w, h, 3, 0);
+  const std::size_t plane = static_cast<std::size_t>(w) * static_cast<std::size_t>(h);
+  createAndMatchHOG(frames.first.data(), frames.second.data(), field.data(), field.data() + plane,
+                    field.data() + 2 * plane, h, w, 3);
+  std::ofstream file(path);
+  file << "x,y,u,v,weight\n" << std::setprecision(9);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      if (!(field(x, y, 2) > 0)) continue;
+      file << x << ',' << y << ',' << field(x, y, 0) << ',' << field(x, y, 1) << ',' << field(x, y, 2)
+           << '\n';
+    }
+  }
+  file.close();
+  if (!file) throw std::runtime_error("cannot write " + path);
 }
 
 void printJson(const FlowOptions& options, const Run& forward, const Run* backward) {
@@ -136,6 +178,9 @@ void printJson(const FlowOptions& options, const Run& forward, const Run* backwa
   if (!options.colour.empty()) {
     json["color"] = options.colour;
   }
+  if (!options.matches.empty()) {
+    json["matches"] = options.matches;
+  }
   std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
 }
 
@@ -143,6 +188,13 @@ void printSummary(const FlowOptions& options, const Run& forward, const Run* bac
   std::printf("%s pixels on %s\n", sizeText(forward.flow.sizeX(), forward.flow.sizeY()).c_str(),
               NDevice::current().c_str());
   std::printf("forward flow   %6.2f s  %s\n", forward.seconds, options.output.c_str());
+  if (!options.noMatches) {
+    std::printf("matches        %8d  of %d grid points\n", forward.counts.keptMatches,
+                forward.counts.gridPoints);
+  }
+  if (!options.matches.empty()) {
+    std::printf("match table              %s\n", options.matches.c_str());
+  }
   if (backward) {
     std::printf("backward flow  %6.2f s  %s\n", backward->seconds, options.backward.c_str());
   }
@@ -156,7 +208,7 @@ void printSummary(const FlowOptions& options, const Run& forward, const Run* bac
 void flow(const FlowOptions& options, const Verbosity& verbosity) {
   checkArguments(options);
   OutputFiles outputs;
-  for (const std::string& path : {options.output, options.backward, options.colour}) {
+  for (const std::string& path : {options.output, options.backward, options.colour, options.matches}) {
     if (!path.empty()) {
       outputs.announce(path);
     }
@@ -168,16 +220,23 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
     NDevice::threads(options.threads);
   }
 
-  const Run forward = compute(frames.first, frames.second, options.parameters, verbosity, "forward ");
+  NMatching::enable(!options.noMatches);
+  const Run forward =
+      compute(frames.first, frames.second, options.parameters, !options.noMatches, verbosity, "forward ");
   outputs.write(options.output, [&](const std::string& path) { NFlowFile::write(path, forward.flow); });
   Run backward;
   if (!options.backward.empty()) {
-    backward = compute(frames.second, frames.first, options.parameters, verbosity, "backward");
+    backward =
+        compute(frames.second, frames.first, options.parameters, !options.noMatches, verbosity, "backward");
     outputs.write(options.backward, [&](const std::string& path) { NFlowFile::write(path, backward.flow); });
   }
   if (!options.colour.empty()) {
     const CTensor<float> picture = colourPicture(forward.flow, longestMotion(forward.flow));
     outputs.write(options.colour, [&](const std::string& path) { writePng(path, picture); });
+  }
+  if (!options.matches.empty()) {
+    outputs.write(options.matches,
+                  [&](const std::string& path) { writeMatches(path, frames, options.parameters.sigma); });
   }
   outputs.commit();
 

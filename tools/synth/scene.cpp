@@ -101,8 +101,9 @@ Scene large(Builder b) {
 
 Scene demo(Builder b) {
   const Point bar = b.at(0.62, 0.74), star = b.at(0.29, 0.36), ball = b.at(0.72, 0.3), leaf = b.at(0.4, 0.7),
-              stone = b.at(0.9, 0.62);
+              stone = b.at(0.9, 0.62), bird = b.at(0.12, 0.14);
   const double side = b.length(1);
+  b.add(Shape::blob(bird, 0.055 * side, 5, 0.15, b.phase()), Motion(bird, {57, 18}), b.texture(kBrick, 0.9));
   b.add(Shape::box(bar, 0.19 * side, 0.09 * side, 0.05 * side, 0.35),
         Motion(bar, {-16, 9}, Builder::turn(1.2, 0.2 * side)), b.striped(kSand, 0.6, 13, 0.9));
   b.add(Shape::blob(star, 0.17 * side, 5, 0.2, b.phase()),
@@ -123,7 +124,9 @@ struct NamedScene {
 };
 
 constexpr NamedScene kScenes[] = {
-    {"demo", "five objects over a slowly growing ground, motion up to about 20 px, occlusion", demo},
+    {"demo",
+     "five objects over a slowly growing ground, motion up to about 20 px, and a small one that moves 60 px",
+     demo},
     {"shift", "one surface, shifted by (4.3, -2.6) px", shift},
     {"rotation", "one surface, turned about the centre, 8 px at the corners", rotation},
     {"zoom", "one surface, magnified about the centre, 8 px at the corners", zoom},

@@ -1,5 +1,6 @@
 #include "device/backend.h"
 
+#include <sys/mman.h>
 #include <tarvo/NDevice.h>
 
 #include <atomic>
@@ -19,6 +20,11 @@ std::atomic<Code> lastError{kSuccess};
 constexpr std::size_t kPage = 4096;
 constexpr std::size_t kLine = 64;
 
+/// Large buffers ask for huge pages: an assembly visits some thirty planes side by side, more than the
+/// processor keeps small pages at hand for.
+constexpr std::size_t kHugePage = std::size_t{2} << 20;
+constexpr std::size_t kHugeFrom = std::size_t{1} << 20;
+
 #ifdef TARVO_POOL_PASSES_THROUGH
 Code allocate(void** memory, std::size_t bytes) {
   *memory = std::malloc(bytes);  // exact size: a sanitizer sees the first byte too many
@@ -32,12 +38,16 @@ Code release(void* memory) {
 std::atomic<unsigned> allocations{0};
 
 Code allocate(void** memory, std::size_t bytes) {
-  if (bytes > SIZE_MAX - 2 * kPage) return kOutOfMemory;
+  if (bytes > SIZE_MAX - 2 * kHugePage) return kOutOfMemory;
   // 17 lines on from the last one: offsets repeat only after all 64 lines of a page.
   const std::size_t offset = (1 + allocations++ * 17u % 63u) * kLine;
-  const std::size_t size = (bytes + offset + kPage - 1) / kPage * kPage;
-  auto* base = static_cast<char*>(std::aligned_alloc(kPage, size));
+  const std::size_t unit = bytes >= kHugeFrom ? kHugePage : kPage;
+  const std::size_t size = (bytes + offset + unit - 1) / unit * unit;
+  auto* base = static_cast<char*>(std::aligned_alloc(unit, size));
   if (base == nullptr) return kOutOfMemory;
+#ifdef MADV_HUGEPAGE
+  if (unit == kHugePage) madvise(base, size, MADV_HUGEPAGE);  // a hint: refused, it costs nothing
+#endif
   char* start = base + offset;
   std::memcpy(start - sizeof(void*), &base, sizeof(void*));  // found again by release
   *memory = start;
