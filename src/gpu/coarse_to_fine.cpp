@@ -5,6 +5,7 @@
 #include <tarvo/variational.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "device/report.h"
 #include "device/stopwatch.h"
@@ -43,7 +44,9 @@ CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
       weights_(weights),
       levels_(levelsAbove(input.height, input.width, weights.eta)),
       largest_(largestPlane(input, weights.eta, levels_)),
-      scratch_((allocateMatchPlanes(), largest_)) {}
+      scratch_((allocateMatchPlanes(), largest_)) {
+  reserveLevelBuffers();
+}
 
 void CoarseToFine::allocateMatchPlanes() {
   auto memcpy = TARVO_STOPWATCH(memcpy);
@@ -51,6 +54,17 @@ void CoarseToFine::allocateMatchPlanes() {
   device::synchronize();
   memcpy.stop();
   report::print("# scales = %d \n", levels_);
+}
+
+void CoarseToFine::reserveLevelBuffers() {
+  // What the passes at full resolution hold at one time: pictures, warped picture and first derivatives, and
+  // single planes for validity, flow and the flow that is being enlarged.
+  constexpr int kPlanes[] = {kChannels, kChannels, kChannels, 3 * kChannels, 1, 1, 1, 1};
+  device::Buffer buffers[std::size(kPlanes)];
+  for (std::size_t k = 0; k < std::size(kPlanes); ++k) {
+    TARVO_CALL(buffers[k].allocate(static_cast<std::size_t>(kPlanes[k]) * largest_));
+  }
+  for (device::Buffer& buffer : buffers) TARVO_CALL(buffer.release());
 }
 
 void CoarseToFine::run() {

@@ -34,6 +34,9 @@ class CoarseToFine {
 
  private:
   void allocateMatchPlanes();
+  /// Makes the pool hold buffers that serve every level, so that the levels, each larger than the last, do
+  /// not each ask the system for new ones.
+  void reserveLevelBuffers();
   void runPass(const Level& level);
   void buildLevel(const Level& level);
   void buildMatches(const Level& level);

@@ -53,7 +53,7 @@ fi
 finds src/core/x.cpp '#include "device/launch.h"' 'room core must not include room device'
 finds src/gpu/x.cpp '#  include "api/x.h"' 'room gpu must not include room api'
 finds src/gpu/x.cpp '#include "core/x.h"' 'room gpu must not include room core'
-finds src/cpuflow/x.cpp '#include "device/launch.h"' 'room cpuflow must not include room device'
+finds src/cpuflow/x.cpp '#include "match/x.h"' 'room cpuflow must not include room match'
 finds src/api/x.cpp '#include "device/cuda/launch.h"' 'known to the device room only'
 finds src/api/x.cpp '#include <gpu/x.h>' 'included in quotes'
 finds src/gpu/x.cpp '#include "../api/x.h"' 'no relative paths'

@@ -41,7 +41,10 @@ TARVO_BAND void runBand(Kernel kernel, int y0, int y1) {
   const int w = columnsOf(kernel, 0);
   if (y0 == 0) runRow(kernel, 0, w);
   const int end = std::min(y1, h - 1);
-  for (int y = std::max(y0, 1); y < end; ++y) runRow(kernel, y, w);
+  for (int y = std::max(y0, 1); y < end; ++y) {
+    if (y < 1 || y >= rowsOf(kernel, 0) - 1) __builtin_unreachable();
+    runRow(kernel, y, w);
+  }
   if (y1 == h && h > 1) runRow(kernel, h - 1, w);
 }
 
