@@ -124,7 +124,7 @@ void checkArguments(const char* function, const CTensor<float>& image1, const CT
     throw std::invalid_argument(std::string(function) + ": image1 and image2 must have the same size, got " +
                                 sizeOf(image1) + " and " + sizeOf(image2));
   }
-  gpu::checkSize(function, image1.sizeY(), image1.sizeX(), image1.sizeZ());
+  gpu::checkSize(function, "image1 and image2", image1.sizeY(), image1.sizeX(), image1.sizeZ());
   if (std::isinf(parameters.sigma) && parameters.sigma > 0.0f) {
     throw std::invalid_argument(std::string(function) + ": sigma must be finite, got inf");
   }

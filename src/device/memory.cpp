@@ -165,7 +165,10 @@ namespace NDevice {
 
 float* allocate(std::size_t floats) {
   float* memory = nullptr;
-  if (device::allocate(&memory, floats) != device::kSuccess) return nullptr;
+  if (device::allocate(&memory, floats) != device::kSuccess) {
+    device::takeLastError();
+    return nullptr;
+  }
   return device::detach(memory);
 }
 
@@ -176,7 +179,10 @@ float* allocatePlane(int h, int w, int& pitch, int planes) {
                                 std::to_string(planes));
   }
   float* memory = nullptr;
-  if (device::allocatePitched(&memory, &pitch, w, h * planes) != device::kSuccess) return nullptr;
+  if (device::allocatePitched(&memory, &pitch, w, h * planes) != device::kSuccess) {
+    device::takeLastError();
+    return nullptr;
+  }
   return device::detach(memory);
 }
 
@@ -188,6 +194,7 @@ namespace {
 
 void throwUnlessSuccess(device::Code code, const char* function) {
   if (code != device::kSuccess) {
+    device::takeLastError();
     throw std::runtime_error(std::string("NDevice::") + function + ": " + device::text(code));
   }
 }

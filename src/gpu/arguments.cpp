@@ -17,19 +17,21 @@ template <class Value>
 
 }  // namespace
 
-void checkSize(const char* function, int height, int width, int channels) {
+void checkSize(const char* function, const char* what, int height, int width, int channels) {
   // Twelve planes, the system matrix, is the largest stack; a pitch exceeds the width by less than 64.
   constexpr long kPlanes = 12;
   constexpr long kPadding = 64;
   if (width < 1 || height < 1) {
-    refuse(function, "the picture size", "at least 1 x 1",
-           std::to_string(width) + " x " + std::to_string(height));
+    refuse(function, what, "at least 1 x 1", std::to_string(width) + " x " + std::to_string(height));
   }
   if ((static_cast<long>(width) + kPadding) * height > INT_MAX / kPlanes) {
-    refuse(function, "the picture size", "at most about 178 million pixels",
+    refuse(function, what, "at most about 178 million pixels",
            std::to_string(width) + " x " + std::to_string(height));
   }
-  if (channels != 3) refuse(function, "the number of channels", "3", channels);
+  if (channels != 3) {
+    refuse(function, what, "of 3 channels",
+           std::to_string(channels) + (channels == 1 ? " channel" : " channels"));
+  }
 }
 
 void checkWeights(const char* function, const FlowWeights& weights) {

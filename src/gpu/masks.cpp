@@ -1,5 +1,6 @@
 #include <tarvo/filters.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -14,9 +15,12 @@ float gauss_derivative(float x, float sigma) {
 
 namespace {
 
-/// Three standard deviations to either side, an odd number of taps.
+/// Three standard deviations to either side, an odd number of taps. One for a sigma that is not positive;
+/// more than a mask may have, which its use refuses, for one that is too large.
 int maskLength(float sigma) {
-  const int length = static_cast<int>(sigma * 6.0f);
+  constexpr float kTooLong = 8192.0f;
+  if (!(sigma > 0.0f)) return 1;
+  const int length = static_cast<int>(std::min(sigma * 6.0f, kTooLong));
   return length % 2 == 0 ? length + 1 : length;
 }
 

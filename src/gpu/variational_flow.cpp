@@ -113,7 +113,7 @@ void variationalFlowTarvo(float* image1, float* image2, float* u, float* v, floa
                           float /*sigma*/, float alpha, float beta, float gamma, float eta,
                           int fixedPointIterations, int solverIterations, int /*reserved*/) {
   const gpu::FlowWeights weights{alpha, beta, gamma, eta, fixedPointIterations, solverIterations};
-  gpu::checkSize("variationalFlowTarvo", height, width, channels);
+  gpu::checkSize("variationalFlowTarvo", "the pictures of width x height", height, width, channels);
   gpu::checkWeights("variationalFlowTarvo", weights);
   const float* const matches[3] = {matchU, matchV, matchWeight};
   hostFlow(image1, image2, u, v, matches, height, width, 0.0f, weights);
@@ -124,7 +124,7 @@ void variationalFlow(float* image1, float* image2, float* u, float* v, float* /*
                      float sigma, float alpha, float beta, float gamma, float eta, int fixedPointIterations,
                      int solverIterations, int /*reserved*/) {
   const gpu::FlowWeights weights{alpha, beta, gamma, eta, fixedPointIterations, solverIterations};
-  gpu::checkSize("variationalFlow", height, width, channels);
+  gpu::checkSize("variationalFlow", "the pictures of width x height", height, width, channels);
   gpu::checkWeights("variationalFlow", weights);
   hostFlow(image1, image2, u, v, nullptr, height, width, sigma, weights);
 }

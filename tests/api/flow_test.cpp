@@ -114,9 +114,9 @@ TEST(Flow, RefusesWrongPicturesAndParametersAndNamesThem) {
   EXPECT_PRED2(says, pictures(good, CTensor<float>(6, 5, 1, 1.0f)),
                (std::vector<std::string>{"image1", "image2", "6 x 5 x 3", "6 x 5 x 1"}));
   EXPECT_PRED2(says, pictures(CTensor<float>(), CTensor<float>()),
-               (std::vector<std::string>{"size", "0 x 0"}));
+               (std::vector<std::string>{"image1", "0 x 0"}));
   EXPECT_PRED2(says, pictures(CTensor<float>(0, 5, 3), CTensor<float>(0, 5, 3)),
-               (std::vector<std::string>{"size", "0 x 5"}));
+               (std::vector<std::string>{"image1", "0 x 5"}));
   for (const int channels : {1, 2, 4}) {
     const CTensor<float> other(6, 5, channels, 1.0f);
     EXPECT_PRED2(says, pictures(other, other),

@@ -225,9 +225,9 @@ TEST(VariationalFlow, RefusesWrongArgumentsBeforeAnythingIsTouched) {
     return message.find(argument) != std::string::npos && message.find(value) != std::string::npos;
   };
   Settings s;
-  EXPECT_PRED3(names, refusal(s, 0, 5, 3), "5 x 0", "size");
-  EXPECT_PRED3(names, refusal(s, 5, -1, 3), "-1 x 5", "size");
-  EXPECT_PRED3(names, refusal(s, 40000, 40000, 3), "40000 x 40000", "size");
+  EXPECT_PRED3(names, refusal(s, 0, 5, 3), "5 x 0", "width x height");
+  EXPECT_PRED3(names, refusal(s, 5, -1, 3), "-1 x 5", "width x height");
+  EXPECT_PRED3(names, refusal(s, 40000, 40000, 3), "40000 x 40000", "width x height");
   EXPECT_PRED3(names, refusal(s, 5, 5, 1), "channels", "1");
   s.alpha = kNan;
   EXPECT_PRED3(names, refusal(s, 5, 5, 3), "alpha", "nan");
