@@ -46,8 +46,8 @@ CFilter<T>::~CFilter() = default;
 template <typename T>
 CFilter<T>& CFilter<T>::operator=(CFilter&& other) noexcept {
   if (this == &other) return *this;
-  CVector<T>::operator=(std::move(other));
   centre_ = std::exchange(other.centre_, 0);
+  CVector<T>::operator=(std::move(other));
   return *this;
 }
 

@@ -19,7 +19,7 @@ int mirrored(std::ptrdiff_t j, int length) {
 }
 
 /// Four floats that one statement adds or multiplies lane by lane.
-typedef float FourLanes __attribute__((vector_size(4 * sizeof(float))));
+using FourLanes = float __attribute__((vector_size(4 * sizeof(float))));
 
 /// Outputs first ... first + 4 * kVectors - 1 of weightedSum. The sums stay in registers over all taps: with
 /// explicit vectors, because the compiler interleaves a plain loop over the lanes with that over the taps and

@@ -50,7 +50,7 @@ TARVO_HOST_DEVICE void addRow(const Columns& columns, const float* row, float ro
   const int count = columns.count;
   for (int step = 0; step < columns.most; ++step) {
 #pragma omp simd
-    for (int k = 0; k < count; ++k) {  // vectorised
+    for (int k = 0; k < count; ++k) {
       const int i = columns.first[k] + step;
       const float columnStart = step == 0 ? columns.start[k] : 1.0f;
       const float columnEnd = i == columns.partial[k] ? columns.rest[k] : 1.0f;
@@ -67,7 +67,7 @@ TARVO_HOST_DEVICE void addWeightedRow(const Columns& columns, const float* row, 
   const int count = columns.count;
   for (int step = 0; step < columns.most; ++step) {
 #pragma omp simd
-    for (int k = 0; k < count; ++k) {  // vectorised
+    for (int k = 0; k < count; ++k) {
       const int i = columns.first[k] + step;
       const int read = std::min(i, columns.last[k]);
       const float columnStart = step == 0 ? columns.start[k] : 1.0f;

@@ -29,9 +29,10 @@ template <class Tap>
 float* normalisedMask(float sigma, int& size, const Tap& tap) {
   size = maskLength(sigma);
   auto mask = std::make_unique<float[]>(static_cast<std::size_t>(size));
+  const int centre = size / 2;
   float sum = 0.0f;
   for (int i = 0; i < size; ++i) {
-    mask[static_cast<std::size_t>(i)] = tap(static_cast<float>(i - size / 2));
+    mask[static_cast<std::size_t>(i)] = tap(static_cast<float>(i - centre));
     sum += std::fabs(mask[static_cast<std::size_t>(i)]);
   }
   if (size > 1 || sum > 0.0f) {

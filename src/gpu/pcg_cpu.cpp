@@ -67,7 +67,7 @@ TARVO_HOST_DEVICE void advanceRow(const Sweep& sweep, int y, Row search) {
   const float beta = sweep.beta;
   const int w = sweep.s.w;
 #pragma omp simd
-  for (int i = 0; i < w; ++i) {  // vectorised
+  for (int i = 0; i < w; ++i) {
     const kernels::Pair z = kernels::blockSolve(a0[i], a1[i], a3[i], r.first[i], r.second[i]);
     if (kWithX) {
       x.first[i] = fmaf(alpha, search.first[i], x.first[i]);
@@ -145,7 +145,7 @@ TARVO_HOST_DEVICE void stencilColumns(const Operation& operation, const Stencil&
   }
   operation.template at<kNorth, false, true, kSouth>(t, 0);
 #pragma omp simd
-  for (int i = 1; i < w - 1; ++i) {  // vectorised
+  for (int i = 1; i < w - 1; ++i) {
     operation.template at<kNorth, true, true, kSouth>(t, i);
   }
   operation.template at<kNorth, true, false, kSouth>(t, w - 1);
@@ -217,7 +217,7 @@ TARVO_HOST_DEVICE void residualRow(const Sweep& sweep, int y, Row z) {
   const float alpha = sweep.alpha;
   const int w = sweep.s.w;
 #pragma omp simd
-  for (int i = 0; i < w; ++i) {  // vectorised
+  for (int i = 0; i < w; ++i) {
     const float r1 = fmaf(-alpha, q.first[i], r.first[i]);
     const float r2 = fmaf(-alpha, q.second[i], r.second[i]);
     const kernels::Pair pair = kernels::blockSolve(a0[i], a1[i], a3[i], r1, r2);
@@ -256,7 +256,7 @@ TARVO_BAND void solutionBand(Sweep sweep, int y0, int y1) {
     const Row search = sweep.row(sweep.s.search, y);
     const float alpha = sweep.alpha;
 #pragma omp simd
-    for (int i = 0; i < w; ++i) {  // vectorised
+    for (int i = 0; i < w; ++i) {
       x.first[i] = fmaf(alpha, search.first[i], x.first[i]);
       x.second[i] = fmaf(alpha, search.second[i], x.second[i]);
     }

@@ -192,7 +192,7 @@ struct Search {
     const float least = point.leastEnergy, most = point.mostEnergy;
     unsigned char* out = passing + first;
 #pragma omp simd
-    for (int i = 0; i < count; ++i) {  // vectorised
+    for (int i = 0; i < count; ++i) {
       const float d0 = r - red[i], d1 = g - green[i], d2 = b - blue[i];
       const float colours = d0 * d0 + d1 * d1 + d2 * d2;
       const bool rejected = (energy[i] > most) | (energy[i] < least) | (colours > kColourThreshold);
@@ -212,7 +212,7 @@ struct Search {
     const auto& own = point.sums;
     float squares[kBlock];
 #pragma omp simd
-    for (int i = 0; i < kBlock; ++i) {  // vectorised
+    for (int i = 0; i < kBlock; ++i) {
       float sum = 0.0f;
       for (int part = 0; part < kParts; ++part) {
         const float d0 = own[0][part] - above[part * plane + i - kSpacing];
