@@ -184,6 +184,34 @@ TEST_F(Command, FlowWritesItsFilesAndTellsOfThemInJson) {
   EXPECT_NE(readText(path("f.flo")), readText(path("s.flo")));
 }
 
+TEST_F(Command, FlowTellsAndWritesItsMatchesAndCanLeaveThemOut) {
+  ASSERT_EQ(runTool({"synth", "shift", "-o", path("."), "--size", "96x80"}).status, 0);
+  frames = {path("frame1.png"), path("frame2.png")};
+  const Outcome with = flow({"-o", path("f.flo"), "--matches", path("m.csv"), "--eta", "0.5", "--json"});
+  ASSERT_EQ(with.status, 0) << with.err;
+  const Json counts = Json::parse(with.out).at("forward").at("matching");
+  EXPECT_EQ(counts.at("grid_points"), 18 * 14);
+  EXPECT_LE(counts.at("kept_matches"), counts.at("forward_matches"));
+  EXPECT_LE(counts.at("forward_matches"), counts.at("gated_points"));
+
+  // The scene shifts by (4.3, -2.6): most matches are (4, -3), and each stands on a line of its own.
+  const std::string table = readText(path("m.csv"));
+  ASSERT_EQ(table.rfind("x,y,u,v,weight\n", 0), 0u);
+  const long lines = std::count(table.begin(), table.end(), '\n') - 1;
+  EXPECT_GT(lines, 50);
+  EXPECT_LE(lines, counts.at("kept_matches"));
+  long right = 0;
+  for (std::size_t at = table.find(",4,-3,"); at != std::string::npos; at = table.find(",4,-3,", at + 1))
+    ++right;
+  EXPECT_GT(right, lines / 2);
+
+  ASSERT_EQ(flow({"-o", path("n.flo"), "--no-matches", "--eta", "0.5"}).status, 0);
+  ASSERT_EQ(flow({"-o", path("z.flo"), "--beta", "0", "--eta", "0.5"}).status, 0);
+  EXPECT_EQ(readText(path("n.flo")), readText(path("z.flo")));
+  EXPECT_NE(readText(path("n.flo")), readText(path("f.flo")));
+  EXPECT_EQ(flow({"-o", path("e.flo"), "--matches", path("m.csv"), "--no-matches"}).status, 2);
+}
+
 TEST_F(Command, SmoothingChangesNeitherTheOtherDirectionNorTheInput) {
   makeFrames();
   ASSERT_EQ(flow({"-o", path("f.flo"), "--backward", path("b.flo"), "--sigma", "1.5", "--eta", "0.5"}).status,
