@@ -16,6 +16,8 @@ elseif(TARVO_ISA STREQUAL "v4")
   list(APPEND _tarvo_vector -march=x86-64-v4)
 endif()
 if(TARVO_SANITIZE)
+  # g++ 12 takes parts of the C++ library for uninitialised once sanitizers have changed the code.
+  list(APPEND _tarvo_warnings -Wno-maybe-uninitialized)
   list(APPEND _tarvo_vector -fsanitize=${TARVO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(tarvo_options INTERFACE -fsanitize=${TARVO_SANITIZE})
   target_compile_definitions(tarvo_options INTERFACE TARVO_POOL_PASSES_THROUGH=1)
