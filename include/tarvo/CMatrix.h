@@ -42,11 +42,51 @@ class TARVO_API CMatrix {
   T& operator()(int x, int y) { return data_[y * sizeX_ + x]; }
   const T& operator()(int x, int y) const { return data_[y * sizeX_ + x]; }
 
+  // Other sizes, in place; for float. If anything is thrown, this matrix is as it was.
+
+  /// Area average: every new element is the mean of the old ones over the area that it covers, parts of
+  /// elements with their share. Single precision, rows first.
+  /// @param newX, newY  1 ... the old sizes; a size that stays is passed through
+  /// @throws std::invalid_argument  other sizes
+  void downsample(int newX, int newY);
+
+  /// Weighted reduction: element (x, y) is spread over the four new elements around (x * newX / sizeX, y *
+  /// newY / sizeY), bilinearly, with the weight confidence(x, y); a new element is the mean of what it
+  /// receives, 0 if that is nothing.
+  /// @param newX, newY  from 1 up
+  /// @param confidence  sizes of this matrix; elements that are not greater than 0 (not-a-number included)
+  ///                    add nothing. May be this matrix.
+  /// @throws ETensorIncompatibleSize  confidence has other sizes
+  /// @throws std::invalid_argument    sizes below 1
+  void downsample(int newX, int newY, CMatrix& confidence);
+
+  /// Bilinear samples at the centres of the new elements, borders repeated. Meant for enlargement: nothing is
+  /// averaged where the new sizes are smaller.
+  /// @param newX, newY  from 1 up
+  /// @throws std::invalid_argument  sizes below 1, or an empty matrix
+  void upsampleBilinear(int newX, int newY);
+
+  // Algebra: a matrix of sizeX columns and sizeY rows.
+
+  /// This matrix times `other`, summed up in increasing index in the element's own precision. For float and
+  /// double.
+  /// @throws EIncompatibleMatrices  sizeX is not other.sizeY; nothing has changed then
+  CMatrix& operator*=(const CMatrix& other);
+
+  /// Replaces a square matrix by its inverse: Gauss-Jordan elimination with the largest element of a column
+  /// as pivot. For double. A singular matrix is left partly transformed, without a message.
+  /// @throws ENonquadraticMatrix  not square; nothing has changed then
+  void inv();
+
  private:
   int sizeX_ = 0;
   int sizeY_ = 0;
   T* data_ = nullptr;
 };
+
+/// Product of two matrices; see operator*=.
+/// @throws EIncompatibleMatrices  A.sizeX is not B.sizeY
+TARVO_API CMatrix<float> operator*(const CMatrix<float>& A, const CMatrix<float>& B);
 
 extern template class CMatrix<float>;
 extern template class CMatrix<double>;

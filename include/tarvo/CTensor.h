@@ -46,6 +46,16 @@ class TARVO_API CTensor {
   T& operator()(int x, int y, int z) { return data_[(z * sizeY_ + y) * sizeX_ + x]; }
   const T& operator()(int x, int y, int z) const { return data_[(z * sizeY_ + y) * sizeX_ + x]; }
 
+  // Other x and y sizes, in place: CMatrix's operation of the same name on every plane. If anything is
+  // thrown, this tensor is as it was.
+
+  void downsample(int newX, int newY);
+  /// Plane z of `confidence` weights plane z. It may be this tensor.
+  /// @throws ETensorIncompatibleSize  confidence has other x or y sizes
+  /// @throws std::invalid_argument    confidence has fewer planes
+  void downsample(int newX, int newY, CTensor& confidence);
+  void upsampleBilinear(int newX, int newY);
+
  private:
   int sizeX_ = 0;
   int sizeY_ = 0;
