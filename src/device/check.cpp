@@ -31,7 +31,10 @@ std::atomic<long> failingCall{0};
     const std::lock_guard<std::mutex> lock(handlerMutex());
     function = handler();
   }
-  if (function) function(message);
+  if (function) {
+    const Callback callback;
+    function(message);
+  }
   std::fputs(message.c_str(), stderr);
   std::exit(1);
 }

@@ -41,6 +41,7 @@ Shared*& sharedPointer() {
 }
 
 thread_local bool insideEntry = false;
+thread_local bool insideCallback = false;
 
 void choose(const Backend& backend, const std::string& reason) {
   sharedPointer()->reason = reason;
@@ -116,9 +117,10 @@ void restoreFloatMode(unsigned mode) {
 #endif
 }
 
-Entry::Entry() : exceptions_(std::uncaught_exceptions()) {
-  if (insideEntry)
+Entry::Entry() : outermost_(!insideEntry), exceptions_(std::uncaught_exceptions()), floatMode_(0) {
+  if (insideCallback)
     throw std::logic_error("tarvo: a computing function was called from a callback of the library");
+  if (!outermost_) return;
   sharedPointer()->entry.lock();
   insideEntry = true;
   floatMode_ = plainFloatMode();
@@ -137,6 +139,7 @@ Entry::Entry() : exceptions_(std::uncaught_exceptions()) {
 }
 
 Entry::~Entry() {
+  if (!outermost_) return;
   if (std::uncaught_exceptions() > exceptions_) takeLastError();
 #if TARVO_WITH_CUDA
   if (callersDevice_ >= 0) leaveCuda(callersDevice_);
@@ -144,6 +147,14 @@ Entry::~Entry() {
   restoreFloatMode(floatMode_);
   insideEntry = false;
   sharedPointer()->entry.unlock();
+}
+
+Callback::Callback() : before_(insideCallback) {
+  insideCallback = true;
+}
+
+Callback::~Callback() {
+  insideCallback = before_;
 }
 
 Code clear(void* memory, std::size_t bytes) {
@@ -196,7 +207,7 @@ bool beginLaunch() {
 namespace NDevice {
 
 void select(const std::string& name) {
-  if (device::insideEntry)
+  if (device::insideEntry || device::insideCallback)
     throw std::logic_error("NDevice::select was called from a callback of the library");
   const std::lock_guard<std::mutex> entry(device::sharedPointer()->entry);
   const std::lock_guard<std::recursive_mutex> lock(device::sharedPointer()->choice);

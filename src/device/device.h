@@ -14,9 +14,9 @@ bool onCuda();
 
 /// Set-up of one exported function on host data: one caller at a time, plain floating-point mode (round to
 /// nearest, no flushing of denormals), the chosen CUDA device current; all restored on return; left
-/// by an exception, it forgets the last error, so that the next call starts clean. Throws
-/// std::logic_error when entered from a callback of the library, and std::runtime_error on a CUDA device
-/// after a fork.
+/// by an exception, it forgets the last error, so that the next call starts clean. An entry inside another of
+/// the same thread, a function that calls another one, does nothing. Throws std::logic_error when entered
+/// from a callback of the library, and std::runtime_error on a CUDA device after a fork.
 class Entry {
  public:
   Entry();
@@ -25,11 +25,24 @@ class Entry {
   Entry& operator=(const Entry&) = delete;
 
  private:
+  bool outermost_;
   int exceptions_;
   unsigned floatMode_;
 #if TARVO_WITH_CUDA
   int callersDevice_ = -1;
 #endif
+};
+
+/// Stands around every call of a client's function, during which this thread may not enter the library.
+class Callback {
+ public:
+  Callback();
+  ~Callback();
+  Callback(const Callback&) = delete;
+  Callback& operator=(const Callback&) = delete;
+
+ private:
+  bool before_;
 };
 
 /// Plain floating-point mode for the calling thread; returns the mode before, for restoreFloatMode.

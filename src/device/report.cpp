@@ -7,6 +7,8 @@
 #include <mutex>
 #include <utility>
 
+#include "device/device.h"
+
 namespace {
 
 std::atomic<std::FILE*> reportStream{nullptr};
@@ -45,7 +47,10 @@ void progress(int done, int total) {
     const std::lock_guard<std::mutex> lock(callbackMutex());
     function = callback();
   }
-  if (function) function(currentRun * total + done, runCount * total);
+  if (function) {
+    const device::Callback scope;
+    function(currentRun * total + done, runCount * total);
+  }
 }
 
 Runs::Runs(int runs) {
