@@ -2,7 +2,7 @@
 
 #include <tarvo/export.h>
 
-// Preconditioned conjugate gradients for the linear system of a fixed-point step.
+// Preconditioned conjugate gradients and relaxation for the linear system of a fixed-point step.
 //
 // System at every pixel: a_uu du + a_uv dv + sum c_n du_n = b_u and a_uv du + a_vv dv + sum c_n dv_n = b_v,
 // with one coupling c_n to each of the four neighbours n. `matrix` is a stack of twelve h x w planes of pitch
@@ -73,3 +73,24 @@ TARVO_API float computeResidual(const float* matrix, const float* rhs, const flo
                                 int h, int w);
 /// gPCG for dense host arrays; prints "Time= %f ms\n".
 TARVO_API void PCG(const float* matrix, const float* rhs, float* du, float* dv, int h, int w, int iterations);
+
+// Relaxation: one pixel after the other gets (1 - omega) times its old value plus omega times the solution of
+// its own equations with the neighbours held. `omega` from 1 (plain) to below 2 converges.
+
+/// Relaxes, in place, the pixels with (x + y) mod 2 == colour (0 or 1), both equations at once; a pixel whose
+/// 2 x 2 block has |det| <= 0.0001 gets (1 - omega) times its old value. Reads plane kMatrixUV. No check.
+TARVO_API void SORiteration_mem_opt_kernel(const float* matrix, const float* rhs, float* du, float* dv, int h,
+                                           int w, int colour, float omega, int p);
+/// `iterations` sweeps over device planes, in place: colour 0, then colour 1. No check.
+TARVO_API void gRedBlack(const float* matrix, const float* rhs, float* du, float* dv, int h, int w, int p,
+                         int iterations, float omega);
+/// The same sweeps for dense host arrays; adds its processor time to sortimer. Unit "OpticalFlowGPU".
+/// @param duOut, dvOut  out: h rows each; may overlap `start`
+/// @param start         in: 2 h rows, du and then dv
+TARVO_API void SORIterations(const float* matrix, const float* rhs, float* duOut, float* dvOut,
+                             const float* start, int h, int w, float omega, int iterations);
+/// Relaxes dense host planes in place, pixel after pixel in row order, first du, then dv with the new du;
+/// `iterations` sweeps. Reads plane kMatrixVU and divides by the diagonal without a test. Prints the number
+/// of the sweep and computeResidual before the first and after each, "%d %f\n". A reference: slow.
+TARVO_API void GaussSeidel(const float* matrix, const float* rhs, float* du, float* dv, int h, int w,
+                           float omega, int iterations);

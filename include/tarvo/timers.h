@@ -21,6 +21,11 @@ extern TARVO_API double timer_interp_warp;  ///< flow prolongation, validity pla
 extern TARVO_API double timer_makematrix;   ///< each fixed-point step, solver included
 extern TARVO_API double timer_solver;       ///< each linear solve
 
+// Processor time (as std::clock counts it, of all threads) in clock ticks, CLOCKS_PER_SEC to the second.
+
+extern TARVO_API double setup_time;  ///< COpticFlow::nonlinearIteration, solver included
+extern TARVO_API double sortimer;    ///< SORIterations
+
 extern TARVO_API timeval start_filter, finish_filter;
 extern TARVO_API timeval start_memcpy1, finish_memcpy1;
 extern TARVO_API timeval start_HOG, finish_HOG;

@@ -4,6 +4,8 @@ double timer_filter, timer_memcpy1, timer_HOG, timer_var, timer_total;
 double timer_hogc, timer_hogmatch;
 double timer_memcpy, timer_down, timer_interp_warp, timer_makematrix, timer_solver;
 
+double setup_time, sortimer;
+
 timeval start_filter, finish_filter;
 timeval start_memcpy1, finish_memcpy1;
 timeval start_HOG, finish_HOG;

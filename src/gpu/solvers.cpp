@@ -12,6 +12,7 @@
 #include "gpu/solver_kernels.h"
 #include "gpu/solvers_plain.h"
 #include "gpu/units.h"
+#include "gpu/uploaded_system.h"
 
 namespace {
 
@@ -112,42 +113,13 @@ float gComputeResidual(const float* matrix, const float* rhs, const float* du, c
   return sum;
 }
 
-namespace {
-
-/// A system of dense host arrays on the device; du and dv as one stack.
-struct UploadedSystem {
-  device::Buffer x, rhs, matrix;
-  int p = 0;
-
-  UploadedSystem(const float* hostMatrix, const float* hostRhs, const float* du, const float* dv, int h,
-                 int w) {
-    constexpr int kMatrixPlanes = 12;
-    TARVO_CALL(x.allocatePitched(&p, w, 2 * h));
-    TARVO_CALL(rhs.allocate(device::planeFloats(h, p, 2)));
-    TARVO_CALL(matrix.allocate(device::planeFloats(h, p, kMatrixPlanes)));
-    TARVO_CALL(device::copyPlanes(x.get(), p, du, w, h, w, 1, device::Direction::ToDevice));
-    TARVO_CALL(device::copyPlanes(dvPlane(h), p, dv, w, h, w, 1, device::Direction::ToDevice));
-    TARVO_CALL(device::copyPlanes(rhs.get(), p, hostRhs, w, h, w, 2, device::Direction::ToDevice));
-    TARVO_CALL(
-        device::copyPlanes(matrix.get(), p, hostMatrix, w, h, w, kMatrixPlanes, device::Direction::ToDevice));
-  }
-  float* dvPlane(int h) const { return x.get() + device::planeFloats(h, p); }
-  void release() {
-    TARVO_CALL(x.release());
-    TARVO_CALL(rhs.release());
-    TARVO_CALL(matrix.release());
-  }
-};
-
-}  // namespace
-
 float computeResidual(const float* matrix, const float* rhs, const float* du, const float* dv, int h, int w) {
   const device::Entry entry;
-  UploadedSystem system(matrix, rhs, du, dv, h, w);
+  gpu::UploadedSystem system(kUnit, matrix, rhs, du, dv, h, w);
   device::Buffer r;
-  TARVO_CALL(r.allocate(device::planeFloats(h, system.p, 2)));
-  const float sum = gComputeResidual(system.matrix.get(), system.rhs.get(), system.x.get(), system.dvPlane(h),
-                                     r.get(), h, w, system.p);
+  TARVO_CALL(r.allocate(device::planeFloats(h, system.pitch(), 2)));
+  const float sum = gComputeResidual(system.matrix(), system.rhs(), system.du(), system.dv(), r.get(), h, w,
+                                     system.pitch());
   TARVO_CALL(r.release());
   system.release();
   return sum;
@@ -155,23 +127,23 @@ float computeResidual(const float* matrix, const float* rhs, const float* du, co
 
 void PCG(const float* matrix, const float* rhs, float* du, float* dv, int h, int w, int iterations) {
   const device::Entry entry;
-  UploadedSystem system(matrix, rhs, du, dv, h, w);
+  gpu::UploadedSystem system(kUnit, matrix, rhs, du, dv, h, w);
   device::Buffer vectors[5];
-  for (device::Buffer& vector : vectors) TARVO_CALL(vector.allocate(device::planeFloats(h, system.p, 2)));
+  for (device::Buffer& vector : vectors) {
+    TARVO_CALL(vector.allocate(device::planeFloats(h, system.pitch(), 2)));
+  }
   const CGtmp cg{vectors[0].get(), vectors[1].get(), vectors[2].get(), vectors[3].get(), vectors[4].get()};
 
   timeval start, finish;
   gettimeofday(&start, nullptr);
-  gPCG(system.matrix.get(), system.rhs.get(), system.x.get(), system.dvPlane(h), h, w, system.p, iterations,
-       cg);
+  gPCG(system.matrix(), system.rhs(), system.du(), system.dv(), h, w, system.pitch(), iterations, cg);
   device::synchronize();
   TARVO_LAUNCHED("CG");
   gettimeofday(&finish, nullptr);
   report::print("Time= %f ms\n",
                 static_cast<double>(static_cast<float>(device::milliseconds(start, finish))));
 
-  TARVO_CALL(device::copyPlanes(du, w, system.x.get(), system.p, h, w, 1, device::Direction::ToHost));
-  TARVO_CALL(device::copyPlanes(dv, w, system.dvPlane(h), system.p, h, w, 1, device::Direction::ToHost));
+  system.download(du, dv);
   for (device::Buffer& vector : vectors) TARVO_CALL(vector.release());
   system.release();
 }
