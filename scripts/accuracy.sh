@@ -1,7 +1,10 @@
 #!/bin/sh
-# End-point errors of the tool on pairs with known flow, with and without descriptor matches, as a Markdown table.
+# End-point errors of the tool on pairs with known flow, as a Markdown table: with and without descriptor matches, or
+# by both pipelines.
 #
-#   scripts/accuracy.sh FOLDER...     each with frame1.png, frame2.png and flow.flo; needs a built build/bin/tarvo
+#   scripts/accuracy.sh [--pipelines] FOLDER...     each with frame1.png, frame2.png and flow.flo
+#
+# Needs a built build/bin/tarvo.
 set -eu
 tarvo=$(dirname "$0")/../build/bin/tarvo
 work=$(mktemp -d)
@@ -15,13 +18,37 @@ row() {
     'BEGIN { printf " %.3f | %.1f %% |", e, 100 * o }'
 }
 
+# The flow of pair $1 with further options, in flow.flo.
+flow() {
+  pair=$1
+  shift
+  "$tarvo" flow -q "$pair/frame1.png" "$pair/frame2.png" -o "$work/flow.flo" "$@"
+}
+
+if [ "${1:-}" = --pipelines ]; then
+  shift
+  echo '| pair | EPE, device | outliers | EPE, hybrid | outliers | apart: mean | median | 99 % |'
+  echo '|---|---|---|---|---|---|---|---|'
+  for pair; do
+    printf '| %s |' "$(basename "$pair")"
+    flow "$pair"
+    row "$pair"
+    mv "$work/flow.flo" "$work/device.flo"
+    flow "$pair" --pipeline hybrid
+    row "$pair"
+    "$tarvo" eval --json "$work/flow.flo" "$work/device.flo" >"$work/eval.json"
+    printf ' %.3f | %.3f | %.2f |\n' "$(figure epe "$work/eval.json")" "$(figure epe_median "$work/eval.json")" \
+      "$(figure epe_99 "$work/eval.json")"
+  done
+  exit 0
+fi
 echo '| pair | EPE, with matches | outliers | EPE, without | outliers |'
 echo '|---|---|---|---|---|'
 for pair; do
   printf '| %s |' "$(basename "$pair")"
-  "$tarvo" flow -q "$pair/frame1.png" "$pair/frame2.png" -o "$work/flow.flo"
+  flow "$pair"
   row "$pair"
-  "$tarvo" flow -q "$pair/frame1.png" "$pair/frame2.png" -o "$work/flow.flo" --no-matches
+  flow "$pair" --no-matches
   row "$pair"
   echo
 done

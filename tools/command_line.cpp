@@ -98,6 +98,13 @@ void addParameters(CLI::App& app, FlowParameters& p) {
            "Iterations of the linear solver in each outer iteration, at most; doubled on the last passes");
 }
 
+void addDevice(CLI::App& command, std::string& device) {
+  command.add_option("--device", device, "Where to compute: auto, cpu, cuda or cuda:N")
+      ->check(CLI::Validator(checkDevice, ""))
+      ->capture_default_str()
+      ->type_name("DEVICE");
+}
+
 void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
   CLI::App* const command = app.add_subcommand("flow", "Computes the optical flow between two pictures");
   command->footer(
@@ -127,11 +134,16 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
       ->type_name("OUT.csv");
   command->add_flag("--no-matches", options.noMatches,
                     "Search no matches; the same flow as --beta 0, sooner");
+  command
+      ->add_option_function<std::string>(
+          "--pipeline", [&options](const std::string& name) { options.hybrid = name == "hybrid"; },
+          "What computes: device, or hybrid, a slower reference whose variational part and checks run on the "
+          "host")
+      ->check(CLI::IsMember({"device", "hybrid"}))
+      ->default_str("device")
+      ->type_name("NAME");
   addParameters(*command, options.parameters);
-  command->add_option("--device", options.device, "Where to compute: auto, cpu, cuda or cuda:N")
-      ->check(CLI::Validator(checkDevice, ""))
-      ->capture_default_str()
-      ->type_name("DEVICE");
+  addDevice(*command, options.device);
   command->add_option("--threads", options.threads, "Threads of the CPU device (default: one per processor)")
       ->check(wholeNumber(1, 1024))
       ->type_name("COUNT");
@@ -214,6 +226,22 @@ void addSynth(CLI::App& app, SynthOptions& options, Verbosity& verbosity) {
   command->callback([&] { synth(options, verbosity); });
 }
 
+void addCheck(CLI::App& app, CheckOptions& options, Verbosity& verbosity) {
+  CLI::App* const command =
+      app.add_subcommand("check", "Compares the descriptors of a picture by host and device");
+  command->footer(
+      "Says in one line whether the histograms agree: bins 1 to 13, three pixels inside the border, up to "
+      "rounding;\n"
+      "the share of values that do not is of gradients whose direction lies on the border of two bins. With "
+      "-v "
+      "also\n"
+      "samples of histograms and confidence. Exit status 1 if more than 0.1 % differ.");
+  command->add_option("FRAME", options.frame, "Picture (PNG, JPEG, PPM or PGM)")->required()->type_name("");
+  addDevice(*command, options.device);
+  addVerbosity(*command, verbosity);
+  command->callback([&] { check(options, verbosity); });
+}
+
 void addInfo(CLI::App& app, InfoOptions& options, Verbosity& verbosity) {
   CLI::App* const command =
       app.add_subcommand("info", "Tells the version, the devices and the vector instructions");
@@ -230,6 +258,7 @@ struct Options {
   EvalOptions eval;
   ColorOptions color;
   SynthOptions synth;
+  CheckOptions check;
   InfoOptions info;
 };
 
@@ -263,6 +292,7 @@ int runCommandLine(int argc, char** argv) {
   addEval(app, options.eval, options.verbosity);
   addColor(app, options.color, options.verbosity);
   addSynth(app, options.synth, options.verbosity);
+  addCheck(app, options.check, options.verbosity);
   addInfo(app, options.info, options.verbosity);
   NDevice::onError([](const std::string& text) { throw std::runtime_error(text); });
   try {

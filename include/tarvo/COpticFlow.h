@@ -1,14 +1,68 @@
 #pragma once
 
+#include <tarvo/CMatrix.h>
 #include <tarvo/CTensor.h>
 #include <tarvo/export.h>
 
-/// Flow fields on the host: files, colours, errors.
+/// Flow fields on the host: the variational flow, files, colours, errors.
 ///
 /// A flow field is a tensor of width x height x 2: plane 0 holds the displacement to the right, plane 1 the
-/// displacement downwards, in pixels. Problems are reported on standard output (NFlowFile offers the same
-/// files with exceptions); nothing here throws, std::bad_alloc for a result that finds no memory apart.
+/// displacement downwards, in pixels. Of files and colours, problems are reported on standard output
+/// (NFlowFile offers the same files with exceptions) and nothing throws, std::bad_alloc for a result that
+/// finds no memory apart. The functions that compute throw ETensorIncompatibleSize where sizes do not fit,
+/// before anything is changed.
 struct TARVO_API COpticFlow {
+  // The variational flow on the host; its linear systems are relaxed on the device.
+
+  /// Flow from image 1 to image 2: from about 15 pixels on the shorter side up to full resolution, every
+  /// level from the flow of the one before, then five times more at full resolution without matches and with
+  /// twice the sweeps. A pass of the same size as the next coarser one is skipped. Prints the number of
+  /// scales, the size of every pass and the totals of setup_time and sortimer.
+  /// @param image1, image2        same sizes, any number of channels, values in 0 ... 255
+  /// @param flow                  out: width x height x 2 [pixels]; earlier contents are discarded
+  /// @param matchU, matchV        matched displacements at full resolution [pixels], a plane per candidate
+  /// @param matchWeight           their weights; 0 and below: no match
+  /// @param extraTerm             null, or a plane whose square times extraWeight adds to the squared flow
+  ///                              gradient in the smoothness term
+  /// @param sigma                 standard deviation of smoothing beforehand [pixels]; none unless > 0
+  /// @param alpha, beta, gamma    weights of smoothness, matches, gradient constancy
+  /// @param eta                   size ratio of consecutive levels, in (0, 1]; with 1 the flow is zero
+  /// @param fixedPointIterations, solverIterations  per pass, and sweeps in each
+  /// @param omega                 relaxation factor, 1 ... below 2
+  /// @throws std::invalid_argument  an empty image, eta or solverIterations out of range
+  static void warpingGeometric(CTensor<float> image1, CTensor<float> image2, CTensor<float>& flow,
+                               CTensor<float>& matchU, CTensor<float>& matchV, CTensor<float>& matchWeight,
+                               CMatrix<float>* extraTerm, float sigma, float alpha, float beta, float gamma,
+                               float extraWeight, float eta, int fixedPointIterations, int solverIterations,
+                               float omega);
+
+  /// One pass: adds to `flow` the increment that minimises the energy linearised at it. Prints the size.
+  /// @param warped2  image 2 seen along the flow
+  /// @param gconf    0 where that left image 2: no data terms there; else 1
+  /// @param gamma    weight of gradient constancy at this level
+  /// The last argument, the level's number, is not used.
+  static void nonlinearIteration(CTensor<float>& image1, CTensor<float>& warped2, CMatrix<float>& gconf,
+                                 CTensor<float>& matchU, CTensor<float>& matchV,
+                                 CTensor<float>& matchWeightIn, CTensor<float>& flow,
+                                 CMatrix<float>* extraTerm, float alpha, float beta, float gamma,
+                                 float extraWeight, int fixedPointIterations, int solverIterations,
+                                 float omega, int level);
+
+  /// Smoothness weights of flow + increment, 1 / sqrt(squared flow gradient + 1e-6): diffX between (x, y) and
+  /// (x + 1, y), diffY between (x, y) and (x, y + 1). Prints "DF" if there is an extra term.
+  /// @param diffX, diffY  out; sizes of the flow
+  static void diffusivity(CTensor<float>& flow, CTensor<float>& increment, CMatrix<float>& diffX,
+                          CMatrix<float>& diffY, CMatrix<float>* extraTerm, float extraWeight);
+
+  /// warped(x, y) = image(x + u, y + v), bilinear in double precision; `outside` tells where that position,
+  /// truncated, or its right or lower neighbour lies outside: `warped` keeps its value there. Between -1 and
+  /// 0 the first two columns or rows are extrapolated; the last column and row are never inside.
+  /// @param warped, outside  sizes of the image; not the image
+  static void warp(const CTensor<float>& image, CTensor<float>& warped, CMatrix<bool>& outside,
+                   CTensor<float>& flow);
+
+  // Files, colours, errors.
+
   /// Writes planes 0 and 1 of a flow field as a flow file: the bytes "PIEH", width and height as 32-bit
   /// integers, then u and v of every pixel as floats, row after row, all little-endian.
   ///

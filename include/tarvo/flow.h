@@ -40,3 +40,20 @@ TARVO_API void tarvo(CTensor<float> image1, CTensor<float> image2, CTensor<float
 TARVO_API void runFlowGPU(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow, float sigma,
                           float alpha, float beta, float gamma, float eta, int fixedPointIterations,
                           int solverIterations);
+
+/// The same flow by other means, mostly on the host: histograms and confidence by host filters, the match
+/// search on the device and once more on the host, which prints every point where the two disagree ("Error
+/// U", "Error V", "Error W"), and COpticFlow::warpingGeometric with omega 1.85. A reference for runFlowGPU,
+/// from which it differs in details of sampling, scaling and borders; several times slower. Adds the time of
+/// the variational step to timer_total and prints that total in seconds at the end.
+TARVO_API void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow, float sigma,
+                       float alpha, float beta, float gamma, float eta, int fixedPointIterations,
+                       int solverIterations);
+
+/// Prints histograms of one image by host and device: all bins of pixel (108, 108), bin 5 of the 9 x 9 pixels
+/// from (150, 150), each where the image has these pixels.
+TARVO_API void HOGCheck(CTensor<float> image);
+
+/// Prints the confidence of one image by host and device: the 7 x 7 pixels from (100, 100) where the image
+/// has them, sums and means.
+TARVO_API void confCheck(CTensor<float> image);

@@ -20,24 +20,13 @@ namespace {
 
 constexpr const char* kUnit = "tarvo";
 
-std::atomic<bool> matchingEnabled{true};
+std::atomic<bool> matchingOn{true};
 
 /// Device buffers of one computation.
 struct DeviceFlow {
   device::Buffer image1, image2, matchU, matchV, matchWeight, u, v;
   int h = 0, w = 0, p = 0, channels = 0;
 };
-
-void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma) {
-  auto filter = TARVO_STOPWATCH(filter);
-  if (sigma > 0.0f) {
-    for (CTensor<float>* image : {&image1, &image2}) {
-      NFilter::recursiveSmoothX(*image, sigma);
-      NFilter::recursiveSmoothY(*image, sigma);
-    }
-  }
-  filter.stop();
-}
 
 void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>& image2) {
   auto memcpy1 = TARVO_STOPWATCH(memcpy1);
@@ -58,7 +47,7 @@ void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>&
 
 void match(DeviceFlow& job) {
   auto HOG = TARVO_STOPWATCH(HOG);
-  if (matchingEnabled) {
+  if (matchingOn) {
     gCreateAndMatchHOG(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
                        job.matchWeight.get(), job.h, job.w, job.p, job.channels);
   } else {
@@ -131,8 +120,23 @@ void checkArguments(const char* function, const CTensor<float>& image1, const CT
   gpu::checkWeights(function, parameters.weights);
 }
 
-void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
-             const FlowParameters& parameters) {
+void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma) {
+  auto filter = TARVO_STOPWATCH(filter);
+  if (sigma > 0.0f) {
+    for (CTensor<float>* image : {&image1, &image2}) {
+      NFilter::recursiveSmoothX(*image, sigma);
+      NFilter::recursiveSmoothY(*image, sigma);
+    }
+  }
+  filter.stop();
+}
+
+bool matchingEnabled() {
+  return matchingOn;
+}
+
+void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
+                 const FlowParameters& parameters) {
   device::chosenPitch(image1.sizeX());  // chooses and starts the device before any clock
   auto total = TARVO_STOPWATCH(total);
   smooth(image1, image2, parameters.sigma);
@@ -152,5 +156,5 @@ void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flo
 }  // namespace api
 
 void NMatching::enable(bool on) {
-  api::matchingEnabled = on;
+  api::matchingOn = on;
 }

@@ -16,8 +16,14 @@ struct FlowParameters {
 void checkArguments(const char* function, const CTensor<float>& image1, const CTensor<float>& image2,
                     const FlowParameters& parameters);
 
-/// One flow computation on checked arguments, inside a device::Entry.
-void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
-             const FlowParameters& parameters);
+/// Smooths both images in place if sigma > 0; counts as timer_filter.
+void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma);
+
+/// False while the matching stage is switched off.
+bool matchingEnabled();
+
+/// One flow computation on the device, on checked arguments, inside a device::Entry.
+void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
+                 const FlowParameters& parameters);
 
 }  // namespace api

@@ -16,9 +16,9 @@ void tarvo(CTensor<float> image1, CTensor<float> image2, CTensor<float>& forward
   api::checkArguments("tarvo", image1, image2, parameters);
   const device::Entry entry;
   report::Runs runs(2);
-  api::runFlow(image1, image2, forward, parameters);
+  api::computeFlow(image1, image2, forward, parameters);
   runs.nextRun();
-  api::runFlow(image2, image1, backward, parameters);
+  api::computeFlow(image2, image1, backward, parameters);
 }
 
 void runFlowGPU(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow, float sigma,
@@ -28,5 +28,5 @@ void runFlowGPU(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& 
                                        {alpha, beta, gamma, eta, fixedPointIterations, solverIterations}};
   api::checkArguments("runFlowGPU", image1, image2, parameters);
   const device::Entry entry;
-  api::runFlow(image1, image2, flow, parameters);
+  api::computeFlow(image1, image2, flow, parameters);
 }

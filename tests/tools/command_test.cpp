@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "pictures/picture.h"
+#include "support/library_state.h"
 #include "synth/scene.h"
 #include "tools/run_tool.h"
 
@@ -155,6 +156,36 @@ TEST_F(Command, AFailedRunLeavesTheOldFilesAndNothingElse) {
   EXPECT_FALSE(contains(outcome.err, ".tmp")) << outcome.err;
   EXPECT_EQ(folder.names(), before);
   EXPECT_EQ(readPicture(frames[0], nullptr).sizeX(), 48);
+}
+
+TEST_F(Command, TheHybridPipelineIsRunFlow) {
+  makeFrames();
+  const Outcome outcome = flow({"-o", path("h.flo"), "--pipeline", "hybrid", "--eta", "0.6", "--json", "-v"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "Var time = ")) << outcome.err;
+  const Json json = Json::parse(outcome.out);
+  EXPECT_EQ(json.at("pipeline"), "hybrid");
+  EXPECT_GT(json.at("forward").at("phases").at("variational"), 0.0);
+  CTensor<float> first = readPicture(frames[0], nullptr), second = readPicture(frames[1], nullptr), expected;
+  const Silence silence;
+  runFlow(first, second, expected, 0, 30, 300, 5, 0.6f, 5, 10);
+  const CTensor<float> result = NFlowFile::read(path("h.flo"));
+  ASSERT_EQ(result.size(), expected.size());
+  EXPECT_TRUE(std::equal(result.data(), result.data() + result.size(), expected.data()));
+}
+
+TEST_F(Command, CheckSaysInOneLineWhetherHostAndDeviceAgree) {
+  makeFrames();
+  const Outcome outcome = runTool({"check", frames[0]});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out.rfind("histograms of host and device agree: ", 0), 0u) << outcome.out;
+  EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 1);
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_TRUE(contains(runTool({"check", frames[0], "-v"}).err, "sums (cpu,gpu) = "));
+  ASSERT_EQ(runTool({"synth", "shift", "-o", path("small"), "--size", "20x6"}).status, 0);
+  const Outcome small = runTool({"check", path("small/frame1.png")});
+  EXPECT_EQ(small.status, 1);
+  EXPECT_TRUE(contains(small.err, "20 x 6")) << small.err;
 }
 
 TEST_F(Command, FlowWritesItsFilesAndTellsOfThemInJson) {

@@ -40,6 +40,8 @@ TEST(Evaluation, MeansAndRangesAreThoseWorkedOutByHand) {
                                          {1, 2, 1, 2}});
   EXPECT_EQ(result.used, 6);
   EXPECT_NEAR(result.epe, 19. / 6, 1e-9);
+  EXPECT_NEAR(result.median, 1, 1e-9);
+  EXPECT_NEAR(result.percentile99, 10, 1e-9);
   EXPECT_EQ(result.ranges[0].used, 2);
   EXPECT_NEAR(result.ranges[0].epe, 2.5, 1e-9);
   EXPECT_EQ(result.ranges[1].used, 3);
@@ -47,6 +49,14 @@ TEST(Evaluation, MeansAndRangesAreThoseWorkedOutByHand) {
   EXPECT_EQ(result.ranges[2].used, 1);
   EXPECT_NEAR(result.ranges[2].epe, 3, 1e-9);
   EXPECT_NEAR(result.ranges[2].share, 1. / 6, 1e-9);
+}
+
+TEST(Evaluation, QuantilesAreReachedByTheirShareOfThePixels) {
+  std::vector<Pixel> pixels;
+  for (int i = 0; i < 200; ++i) pixels.push_back({static_cast<float>((i * 7) % 200 + 1), 0, 0, 0});
+  EXPECT_EQ(evaluateRow(pixels).median, 100);
+  EXPECT_EQ(evaluateRow(pixels).percentile99, 198);
+  EXPECT_TRUE(std::isnan(evaluateRow({{1, 1, kNan, 0}}).median));
 }
 
 TEST(Evaluation, OutliersAreOffByMoreThan3PixelsAndMoreThan5Percent) {

@@ -26,6 +26,7 @@ struct FlowOptions {
   std::string colour;    ///< colour picture of the forward flow, unless empty
   std::string matches;   ///< table of the forward matches, unless empty
   bool noMatches = false;
+  bool hybrid = false;  ///< runFlow instead of runFlowGPU
   FlowParameters parameters;
   std::string device = "auto";
   int threads = 0;  ///< 0: the library's default
@@ -52,6 +53,12 @@ struct SynthOptions {
   unsigned seed = 1;
 };
 void synth(const SynthOptions& options, const Verbosity& verbosity);
+
+struct CheckOptions {
+  std::string frame;
+  std::string device = "auto";
+};
+void check(const CheckOptions& options, const Verbosity& verbosity);
 
 struct InfoOptions {
   bool json = false;

@@ -37,6 +37,8 @@ void printJson(const EvalOptions& options, const CTensor<float>& flow, const Eva
                   {"pixels_used", result.used},
                   {"pixels_missing", result.missing},
                   {"epe", number(result.epe)},
+                  {"epe_median", number(result.median)},
+                  {"epe_99", number(result.percentile99)},
                   {"epe_by_motion", ranges},
                   {"angular_error", number(result.angle)},
                   {"outlier_share", result.outliers}};
@@ -52,6 +54,8 @@ std::string text(double value, const char* unit) {
 
 void printTable(const Evaluation& result) {
   std::printf("end-point error   %s\n", text(result.epe, "px").c_str());
+  std::printf("  median, 99 %%   %s, %s\n", text(result.median, "px").c_str(),
+              text(result.percentile99, "px").c_str());
   const std::array<const char*, 3> names{"motion  0-10 px", "motion 10-40 px", "motion  > 40 px"};
   for (std::size_t i = 0; i < names.size(); ++i) {
     std::printf("  %s %s  (%.1f %% of the pixels)\n", names[i], text(result.ranges[i].epe, "px").c_str(),

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <limits>
 #include <stdexcept>
+#include <vector>
 
 namespace {
 
@@ -23,6 +25,15 @@ double ratio(double sum, long count) {
   return count > 0 ? sum / count : std::numeric_limits<double>::quiet_NaN();
 }
 
+/// The smallest value that `share` of all values do not exceed. Reorders the values.
+double quantile(std::vector<double>& values, double share) {
+  if (values.empty()) return std::numeric_limits<double>::quiet_NaN();
+  const auto rank = std::ceil(share * static_cast<double>(values.size()));
+  const auto nth = values.begin() + static_cast<std::ptrdiff_t>(std::max(rank, 1.0)) - 1;
+  std::nth_element(values.begin(), nth, values.end());
+  return *nth;
+}
+
 }  // namespace
 
 bool isKnown(float u, float v) {
@@ -39,6 +50,7 @@ Evaluation evaluate(const CTensor<float>& flow, const CTensor<float>& reference)
   result.ranges = {{{0, 10, 0, 0, 0}, {10, 40, 0, 0, 0}, {40, kInfinity, 0, 0, 0}}};
   std::array<long, 3> measured{};  // used and not missing
   std::array<double, 3> errors{};
+  std::vector<double> all;
   double angles = 0;
   long outliers = 0;
   for (int y = 0; y < flow.sizeY(); ++y) {
@@ -59,6 +71,7 @@ Evaluation evaluate(const CTensor<float>& flow, const CTensor<float>& reference)
       const double error = std::hypot(double(u) - trueU, double(v) - trueV);
       ++measured[range];
       errors[range] += error;
+      all.push_back(error);
       angles += spaceTimeAngle(u, v, trueU, trueV);
       outliers += error > kOutlierPixels && error > kOutlierShare * length;
     }
@@ -68,9 +81,11 @@ Evaluation evaluate(const CTensor<float>& flow, const CTensor<float>& reference)
     result.ranges[i].share = ratio(result.ranges[i].used, result.used);
     result.ranges[i].epe = ratio(errors[i], measured[i]);
   }
-  const long all = measured[0] + measured[1] + measured[2];
-  result.epe = ratio(errors[0] + errors[1] + errors[2], all);
-  result.angle = ratio(angles, all);
+  const auto count = static_cast<long>(all.size());
+  result.epe = ratio(errors[0] + errors[1] + errors[2], count);
+  result.median = quantile(all, 0.5);
+  result.percentile99 = quantile(all, 0.99);
+  result.angle = ratio(angles, count);
   result.outliers = ratio(outliers, result.used);
   return result;
 }

@@ -22,11 +22,13 @@ struct Evaluation {
     double epe;    ///< mean end-point error [pixels]
   };
 
-  long pixels;      ///< of the picture
-  long used;        ///< with a known reference
-  long missing;     ///< used pixels where the flow is unknown
-  double epe;       ///< mean end-point error [pixels]
-  double angle;     ///< mean angle between (u, v, 1) of both fields [degrees]
+  long pixels;          ///< of the picture
+  long used;            ///< with a known reference
+  long missing;         ///< used pixels where the flow is unknown
+  double epe;           ///< mean end-point error [pixels]
+  double median;        ///< of the end-point errors [pixels]
+  double percentile99;  ///< 99 of 100 end-point errors are not above it [pixels]
+  double angle;         ///< mean angle between (u, v, 1) of both fields [degrees]
   double outliers;  ///< share of used pixels with an error above 3 px and above 5 % of the true length, or
                     ///< missing
   std::array<Range, 3> ranges;  ///< 0-10, 10-40 and over 40 px

@@ -1,0 +1,228 @@
+#include <gtest/gtest.h>
+#include <tarvo/tarvo.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <stdexcept>
+#include <thread>
+
+#include "match/pictures.h"
+#include "support/library_state.h"
+#include "support/scene.h"
+#include "support/tolerance.h"
+
+// The driver that keeps most of the work on the host, and the comparisons of host and device.
+
+namespace {
+
+using tolerance::exact;
+
+struct Outcome {
+  Planes flow;
+  std::vector<std::string> lines;
+
+  long linesWith(const std::string& start) const {
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const std::string& line) { return line.rfind(start, 0) == 0; });
+  }
+};
+
+Outcome hybrid(const Planes& first, const Planes& second, float sigma = 0.0f, float eta = 0.8f,
+               int fixedPointIterations = 5) {
+  const Report report;
+  CTensor<float> a = tensorOf(first), b = tensorOf(second), flow;
+  runFlow(a, b, flow, sigma, 30.0f, 300.0f, 5.0f, eta, fixedPointIterations, 10);
+  return {planesOf(flow), report.lines()};
+}
+
+Planes onDevice(const Planes& first, const Planes& second) {
+  const Silence silence;
+  CTensor<float> a = tensorOf(first), b = tensorOf(second), flow;
+  runFlowGPU(a, b, flow, 0.0f, 30.0f, 300.0f, 5.0f, 0.8f, 5, 10);
+  return planesOf(flow);
+}
+
+}  // namespace
+
+TEST(HybridFlow, FindsTheDevicePipelinesFlow) {
+  const Planes first = picture(120, 150, textured), second = picture(120, 150, textured, 9, -5);
+  const Outcome outcome = hybrid(first, second);
+  EXPECT_TRUE(tolerance::flow(outcome.flow, uniformFlow(120, 150, 9.0f, -5.0f), 12, 0.05));
+  EXPECT_LT(tolerance::endPointError(outcome.flow, onDevice(first, second), 12), 0.05);
+  EXPECT_GT(NMatching::lastCounts().keptMatches, 300);
+}
+
+TEST(HybridFlow, SaysWhatItDoesInOrder) {
+  const Planes first = picture(210, 110, textured), second = picture(210, 110, textured, 3, 1);
+  const double total = timer_total;
+  const Outcome outcome = hybrid(first, second, 0.0f, 0.8f, 1);
+  const std::vector<std::string> order = {"avg = ", "108,108: E1=",  "GPU Match",   "0 : ",
+                                          "1 : ",   "9 : ",          "# scales = ", "time in matrix solve = ",
+                                          "z=3 \n", "Filter time = "};
+  auto line = outcome.lines.begin();
+  for (const std::string& start : order) {
+    line = std::find_if(line, outcome.lines.end(),
+                        [&](const std::string& text) { return text.rfind(start, 0) == 0; });
+    EXPECT_NE(line, outcome.lines.end()) << start;
+  }
+  EXPECT_EQ(outcome.linesWith("10 : "), 0);
+  double seconds = -1.0;
+  ASSERT_EQ(std::sscanf(outcome.lines.back().c_str(), "Var time = %lf sec\n", &seconds), 1);
+  EXPECT_GT(timer_total, total);
+  EXPECT_NEAR(seconds, timer_total / 1000.0, 1e-5);
+
+  const Outcome small = hybrid(picture(206, 110, textured), picture(206, 110, textured), 0.0f, 0.8f, 1);
+  EXPECT_EQ(small.linesWith("108,108"), 0) << "no row 206";
+  EXPECT_EQ(small.linesWith("avg"), 1);
+}
+
+TEST(HybridFlow, ReportsNoDisplacementWhereBothSearchesFindTheSame) {
+  const Planes image = picture(80, 90, textured);
+  const Outcome same = hybrid(image, image, 0.0f, 0.8f, 1);
+  EXPECT_EQ(same.linesWith("Error U") + same.linesWith("Error V"), 0);
+  // Without any device match every point that the host matches is an error.
+  const Planes moved = picture(80, 90, textured, 4, 2);
+  const Outcome shifted = hybrid(image, moved, 0.0f, 0.8f, 1);
+  EXPECT_EQ(shifted.linesWith("Error U") + shifted.linesWith("Error V"), 0);
+}
+
+TEST(HybridFlow, MatchesOnlyIfMatchingIsOn) {
+  const Planes first = picture(60, 70, textured), second = picture(60, 70, textured, 2, 0);
+  NMatching::enable(false);
+  const Outcome off = hybrid(first, second);
+  NMatching::enable(true);
+  EXPECT_EQ(off.linesWith("avg") + off.linesWith("GPU Match"), 0);
+  EXPECT_FALSE(exact(off.flow, hybrid(first, second).flow));
+}
+
+TEST(HybridFlow, SmoothsBothImagesInPlaceAndOnlyThen) {
+  const Planes image = picture(40, 50, noise);
+  for (const float sigma : {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), 1.5f}) {
+    const Silence silence;
+    CTensor<float> a = tensorOf(image), b = tensorOf(image), flow;
+    runFlow(a, b, flow, sigma, 30.0f, 300.0f, 5.0f, 0.8f, 1, 1);
+    EXPECT_EQ(bool(exact(planesOf(a), image)), !(sigma > 0.0f)) << sigma;
+    EXPECT_TRUE(exact(planesOf(a), planesOf(b)));
+  }
+}
+
+TEST(HybridFlow, ReturnsForAnyPicture) {
+  const auto unclean = [](int x, int y, int c) {
+    if (x == 17 && y == 20) return std::numeric_limits<float>::quiet_NaN();
+    return x == 22 && y == 9 ? std::numeric_limits<float>::infinity() : textured(x, y, c);
+  };
+  hybrid(picture(40, 44, unclean), picture(40, 44, unclean, 1, 1), 0.0f, 0.7f, 2);
+  for (const Size size : {Size{1, 1}, Size{2, 9}, Size{12, 12}, Size{24, 25}, Size{25, 26}, Size{30, 8}}) {
+    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    for (const auto& function : {textured, noise, constant}) {
+      const Outcome outcome =
+          hybrid(picture(size.h, size.w, function), picture(size.h, size.w, function, 1, 0), 0.0f, 0.7f, 1);
+      for (const float value : outcome.flow.values) ASSERT_TRUE(std::isfinite(value));
+    }
+  }
+}
+
+TEST(HybridFlow, RefusesWhatTheDevicePipelineRefuses) {
+  const CTensor<float> good(9, 8, 3, 1.0f);
+  const auto message = [](CTensor<float> a, CTensor<float> b, float eta) {
+    CTensor<float> flow(2, 2, 1, 7.0f);
+    try {
+      runFlow(a, b, flow, 0.0f, 30.0f, 300.0f, 5.0f, eta, 5, 10);
+    } catch (const std::invalid_argument& error) {
+      EXPECT_TRUE(exact(planesOf(flow), Planes(2, 2, 1, 7.0f)));
+      return std::string(error.what());
+    }
+    return std::string("accepted");
+  };
+  EXPECT_EQ(message(good, CTensor<float>(8, 9, 3, 1.0f), 0.9f),
+            "runFlow: image1 and image2 must have the same size, got 9 x 8 x 3 and 8 x 9 x 3");
+  EXPECT_NE(message(CTensor<float>(9, 8, 1, 1.0f), CTensor<float>(9, 8, 1, 1.0f), 0.9f).find("1 channel"),
+            std::string::npos);
+  EXPECT_NE(message(good, good, 1.0f).find("eta"), std::string::npos);
+  EXPECT_THROW(HOGCheck(CTensor<float>()), std::invalid_argument);
+  EXPECT_THROW(confCheck(CTensor<float>()), std::invalid_argument);
+}
+
+TEST(HybridFlow, GivesTheSameBitsForAnyThreadsAndFromSeveralCallers) {
+  const KeepThreads keep;
+  const Planes first = picture(130, 120, textured), second = picture(130, 120, textured, 5, 3);
+  NDevice::threads(1);
+  const Planes expected = hybrid(first, second).flow;
+  NDevice::threads(3);
+  const Silence silence;
+  Planes results[2];
+  std::thread threads[2];
+  for (int i = 0; i < 2; ++i) {
+    threads[i] = std::thread([&, i] {
+      CTensor<float> a = tensorOf(first), b = tensorOf(second), flow;
+      runFlow(a, b, flow, 0.0f, 30.0f, 300.0f, 5.0f, 0.8f, 5, 10);
+      results[i] = planesOf(flow);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (const Planes& result : results) EXPECT_TRUE(exact(result, expected));
+}
+
+TEST(HybridFlow, PassesDeviceErrorsOnAndReleasesEverything) {
+  const ThrowOnError throwing;
+  const Silence silence;
+  const Planes first = picture(40, 44, textured), second = picture(40, 44, textured, 1, 1);
+  const auto compute = [&] {
+    CTensor<float> a = tensorOf(first), b = tensorOf(second), flow;
+    runFlow(a, b, flow, 0.0f, 30.0f, 300.0f, 5.0f, 0.5f, 1, 1);
+    return planesOf(flow);
+  };
+  const Planes expected = compute();
+  NDevice::failCall(0);
+  compute();
+  const long calls = NDevice::failCall(0);
+  const std::size_t inUse = NDevice::memoryUse().inUse;
+  for (long call = 1; call <= calls; call += 3) {
+    NDevice::failCall(call);
+    EXPECT_THROW(compute(), DeviceFailure) << call;
+    EXPECT_EQ(NDevice::memoryUse().inUse, inUse) << call;
+  }
+  EXPECT_TRUE(exact(compute(), expected));
+}
+
+TEST(HostAndDevice, AreShownSideBySide) {
+  const auto linesOf = [](void (*check)(CTensor<float>), int h, int w) {
+    const Report report;
+    check(tensorOf(picture(h, w, textured)));
+    return report.lines();
+  };
+  // "hog end", 15 bins, the bin shown, two blocks of nine rows, an empty line, two sums.
+  const std::vector<std::string> lines = linesOf(HOGCheck, 162, 170);
+  ASSERT_EQ(lines.size(), 1u + 15u + 1u + 9u + 1u + 1u + 9u + 1u);
+  for (int b = 0; b < kHogBins; ++b) {
+    int x = 0, y = 0, bin = -1;
+    double host = 0.0, device = 0.0;
+    ASSERT_EQ(std::sscanf(lines[static_cast<std::size_t>(b) + 1].c_str(), "%d %d %d %lf %lf\n", &x, &y, &bin,
+                          &host, &device),
+              5);
+    EXPECT_TRUE(x == 108 && y == 108 && bin == b);
+    EXPECT_NEAR(host, device, (b == 0 || b == 14 ? 0.1 : 1e-4) * host) << b;
+  }
+  EXPECT_EQ(lines[16], "108 108 5\n");
+  double sums[2] = {0.0, 0.0}, mean = 0.0;
+  ASSERT_EQ(std::sscanf(lines[27].c_str(), "sum = %lf avg=%lf\n", &sums[0], &mean), 2);
+  EXPECT_NEAR(mean, sums[0] / 81.0, 1e-5);
+  ASSERT_EQ(std::sscanf(lines[37].c_str(), "sum = %lf avg=%lf\n", &sums[1], &mean), 2);
+  EXPECT_NEAR(sums[0], sums[1], 1e-4 * sums[0]);
+  EXPECT_EQ(linesOf(HOGCheck, 159, 159).size(), lines.size());
+  EXPECT_EQ(linesOf(HOGCheck, 158, 160).size(), 1u + 15u + 1u) << "no row 158";
+  EXPECT_EQ(linesOf(HOGCheck, 20, 20).size(), 1u);
+
+  const std::vector<std::string> confidence = linesOf(confCheck, 107, 107);
+  ASSERT_EQ(confidence.size(), 7u + 1u + 7u + 1u);
+  EXPECT_EQ(confidence[7], "\n");
+  double means[2] = {0.0, 0.0};
+  ASSERT_EQ(std::sscanf(confidence.back().c_str(), "sums (cpu,gpu) = %lf %lf avg = %lf %lf \n", &sums[0],
+                        &sums[1], &means[0], &means[1]),
+            4);
+  EXPECT_NEAR(means[0], sums[0] / (107.0 * 107.0), 1e-5 * means[0]);
+  EXPECT_NEAR(means[0], means[1], 0.05 * means[1]);
+  EXPECT_EQ(linesOf(confCheck, 106, 107).size(), 1u);
+}

@@ -1,0 +1,268 @@
+#include <gtest/gtest.h>
+#include <tarvo/COpticFlow.h>
+#include <tarvo/exceptions.h>
+#include <tarvo/timers.h>
+
+#include <cmath>
+
+#include "cpuflow/host_system.h"
+#include "reference/solver_reference.h"
+#include "reference/system_reference.h"
+#include "support/library_state.h"
+#include "support/scene.h"
+#include "support/tolerance.h"
+
+// One level of the host flow: system, diffusivities, increment.
+
+namespace {
+
+using tolerance::exact;
+
+/// Everything that one level is given, of smooth random values.
+struct Level {
+  CTensor<float> image1, warped2, matchU, matchV, matchWeight, flow;
+  CMatrix<float> gconf;
+
+  Level(int w, int h, int candidates = 1)
+      : image1(tensorOf(render(h, w, 0, 0))),
+        warped2(tensorOf(render(h, w, 0.6, -0.4))),
+        matchU(tensorOf(randomPlanes(h, w, candidates, 1, -3.0f, 3.0f))),
+        matchV(tensorOf(randomPlanes(h, w, candidates, 2, -3.0f, 3.0f))),
+        matchWeight(tensorOf(randomPlanes(h, w, candidates, 3, -1.0f, 1.0f))),
+        flow(tensorOf(randomPlanes(h, w, 2, 4, -1.0f, 1.0f))),
+        gconf(w, h, 1.0f) {}
+
+  int w() const { return image1.sizeX(); }
+  int h() const { return image1.sizeY(); }
+  /// Weights of 0 and below: no matches.
+  void dropMatches() { matchWeight = CTensor<float>(w(), h(), matchWeight.sizeZ(), -1.0f); }
+  std::vector<std::string> iterate(int fixedPointIterations, CMatrix<float>* extraTerm = nullptr) {
+    const Report report;
+    COpticFlow::nonlinearIteration(image1, warped2, gconf, matchU, matchV, matchWeight, flow, extraTerm,
+                                   30.0f, 300.0f, 5.0f, 0.0f, fixedPointIterations, 5, 1.85f, 0);
+    return report.lines();
+  }
+};
+
+Planes planeOf(const CMatrix<float>& matrix) {
+  Planes plane(matrix.sizeY(), matrix.sizeX());
+  std::copy_n(matrix.data(), matrix.size(), plane.data());
+  return plane;
+}
+
+/// The planes at least `border` pixels inside.
+Planes inner(const Planes& planes, int border) {
+  Planes part(planes.h - 2 * border, planes.w - 2 * border, planes.count);
+  for (int k = 0; k < planes.count; ++k) {
+    for (int y = 0; y < part.h; ++y) {
+      for (int x = 0; x < part.w; ++x) part.at(x, y, k) = planes.at(x + border, y + border, k);
+    }
+  }
+  return part;
+}
+
+}  // namespace
+
+TEST(HostSystem, IsTheDeviceSystemDividedByAlphaInsideTheMasksReach) {
+  constexpr float kAlpha = 30.0f, kBeta = 300.0f, kGamma = 5.0f;
+  constexpr int kReach = 4;  // of the 5-tap mask applied twice
+  Level level(23, 19);
+  level.gconf(11, 9) = 0.0f;
+  const CTensor<float> increment = tensorOf(randomPlanes(19, 23, 2, 5, -0.5f, 0.5f));
+  CMatrix<float> diffX(23, 19), diffY(23, 19);
+  CTensor<float> added(increment);
+  COpticFlow::diffusivity(level.flow, added, diffX, diffY, nullptr, 0.0f);
+  const cpuflow::DataTerms data(level.image1, level.warped2, level.gconf);
+  cpuflow::HostSystem host(23, 19);
+  host.assemble({data,
+                 {level.matchU, level.matchV, level.matchWeight},
+                 level.flow,
+                 increment,
+                 diffX,
+                 diffY,
+                 {1 / kAlpha, kGamma / kAlpha, kBeta / kAlpha}});
+
+  const Planes flow = planesOf(level.flow), step = planesOf(increment);
+  Planes match(19, 23, 3);
+  std::copy_n(level.matchU.data(), 19 * 23, match.data());
+  std::copy_n(level.matchV.data(), 19 * 23, match.data() + 19 * 23);
+  std::copy_n(level.matchWeight.data(), 19 * 23, match.data() + 2 * 19 * 23);
+  const Planes u = flow.plane(0), v = flow.plane(1), du = step.plane(0), dv = step.plane(1);
+  const reference::Tensors tensors =
+      reference::structureTensors(planesOf(level.image1), planesOf(level.warped2), planeOf(level.gconf));
+  const reference::Diffusivities diff = reference::diffusivities(u, v, du, dv);
+  reference::System expected = reference::assemble(
+      tensors, reference::factors(tensors, u, v, du, dv, match, kBeta, kGamma), u, v, diff, kAlpha, 0.0f);
+  for (Planes* planes : {&expected.matrix, &expected.rhs}) {
+    for (float& value : planes->values) value /= kAlpha;
+  }
+  // The copies behind the couplings, which the device's system does not have.
+  for (const int plane : {kMatrixNorth, kMatrixWest, kMatrixEast, kMatrixSouth}) {
+    for (int i = 0; i < 19 * 23; ++i) {
+      expected.matrix.at(i % 23, i / 23, plane + 1) = expected.matrix.at(i % 23, i / 23, plane);
+    }
+  }
+  Planes matrix(19, 23, 12), rhs(19, 23, 2);
+  matrix.values = host.matrix;
+  rhs.values = host.rhs;
+  for (int plane = 0; plane < 12; ++plane) {
+    SCOPED_TRACE(testing::Message() << "plane " << plane);
+    EXPECT_TRUE(tolerance::rounding(inner(matrix.plane(plane), kReach),
+                                    inner(expected.matrix.plane(plane), kReach), 50));
+    if (plane >= kMatrixNorth) {
+      EXPECT_TRUE(tolerance::rounding(matrix.plane(plane), expected.matrix.plane(plane), 50))
+          << "at the border";
+    }
+  }
+  EXPECT_TRUE(tolerance::rounding(inner(rhs, kReach), inner(expected.rhs, kReach), 200));
+}
+
+TEST(HostSystem, IsSolvedAlikeByBothRelaxations) {
+  Level level(33, 28);
+  const int pixels = 33 * 28;
+  CTensor<float> increment(33, 28, 2, 0.0f);
+  CMatrix<float> diffX(33, 28), diffY(33, 28);
+  level.flow = CTensor<float>(33, 28, 2, 0.0f);
+  for (int i = 0; i < pixels; ++i) level.flow.data()[i] = 0.05f * static_cast<float>(i % 33);
+  COpticFlow::diffusivity(level.flow, increment, diffX, diffY, nullptr, 0.0f);
+  const cpuflow::DataTerms data(level.image1, level.warped2, level.gconf);
+  cpuflow::HostSystem host(33, 28);
+  host.assemble({data,
+                 {level.matchU, level.matchV, level.matchWeight},
+                 level.flow,
+                 increment,
+                 diffX,
+                 diffY,
+                 {1 / 30.0f, 5 / 30.0f, 300 / 30.0f}});
+  const float *matrix = host.matrix.data(), *rhs = host.rhs.data();
+  Planes A(28, 33, 12), b(28, 33, 2);
+  A.values = host.matrix;
+  b.values = host.rhs;
+  struct Measure {
+    double residual, energy;  // |b - A x|^2, and x A x / 2 - b x, which every sweep lowers
+  };
+  const auto measure = [&](const Planes& x) {
+    const Planes r = reference::residual(A, b, x);
+    Measure m{0.0, 0.0};
+    for (std::size_t i = 0; i < r.values.size(); ++i) {
+      const double left = static_cast<double>(r.values[i]);
+      m.residual += left * left;
+      m.energy -= 0.5 * static_cast<double>(x.values[i]) * (static_cast<double>(b.values[i]) + left);
+    }
+    return m;
+  };
+  const auto relaxed = [&](bool inOrder, float omega, int sweeps) {
+    const Silence silence;
+    Planes x(28, 33, 2);
+    if (inOrder) {
+      GaussSeidel(matrix, rhs, x.data(), x.data() + pixels, 28, 33, omega, sweeps);
+    } else {
+      SORIterations(matrix, rhs, x.data(), x.data() + pixels, x.data(), 28, 33, omega, sweeps);
+    }
+    return x;
+  };
+  for (const float omega : {1.0f, 1.85f}) {
+    const Measure start = measure(Planes(28, 33, 2));
+    for (const bool inOrder : {false, true}) {
+      SCOPED_TRACE(testing::Message() << (inOrder ? "in order" : "red-black") << ", omega " << omega);
+      Measure last = start;
+      for (const int sweeps : {1, 2, 3, 5, 10, 20, 50}) {
+        const Measure now = measure(relaxed(inOrder, omega, sweeps));
+        EXPECT_LT(now.energy, last.energy) << sweeps;
+        // The first over-relaxed sweeps overshoot: the residual may rise before it falls.
+        if (omega == 1.0f || sweeps > 5) {
+          EXPECT_LT(now.residual, last.residual) << sweeps;
+        }
+        last = now;
+      }
+      EXPECT_LT(last.residual, 0.01 * start.residual);
+    }
+    const Planes redBlack = relaxed(false, omega, 2000), inOrder = relaxed(true, omega, 2000);
+    EXPECT_TRUE(tolerance::solved(measure(redBlack).residual, start.residual));
+    EXPECT_TRUE(tolerance::solved(measure(inOrder).residual, start.residual));
+    EXPECT_TRUE(tolerance::rounding(redBlack, inOrder, 1e5));
+  }
+}
+
+TEST(HostDiffusivity, IsTheInverseGradientOfTheTotalFlow) {
+  CTensor<float> flow(7, 6, 2), increment(7, 6, 2);
+  for (int y = 0; y < 6; ++y) {
+    for (int x = 0; x < 7; ++x) {
+      flow(x, y, 0) = static_cast<float>(x);
+      increment(x, y, 0) = static_cast<float>(x + 2 * y);  // u = 2 x + 2 y
+      flow(x, y, 1) = static_cast<float>(3 - 4 * y);
+      increment(x, y, 1) = 2.0f;  // v = 5 - 4 y
+    }
+  }
+  CMatrix<float> diffX(7, 6), diffY(7, 6), extra(7, 6, 3.0f);
+  COpticFlow::diffusivity(flow, increment, diffX, diffY, nullptr, 7.0f);
+  EXPECT_FLOAT_EQ(diffX(3, 2), 1.0f / std::sqrt(4.0f + 4.0f + 16.0f));
+  EXPECT_FLOAT_EQ(diffY(3, 2), 1.0f / std::sqrt(4.0f + 4.0f + 16.0f));
+  EXPECT_FLOAT_EQ(diffX(3, 0), 1.0f / std::sqrt(4.0f + 1.0f + 4.0f)) << "mirrored: half the slope along y";
+  EXPECT_FLOAT_EQ(diffY(0, 2), 1.0f / std::sqrt(1.0f + 4.0f + 16.0f)) << "mirrored: half the slope along x";
+  EXPECT_FLOAT_EQ(diffX(6, 2), 1000.0f);
+  EXPECT_FLOAT_EQ(diffY(3, 5), 1000.0f);
+
+  const Report report;
+  COpticFlow::diffusivity(flow, increment, diffX, diffY, &extra, 0.5f);
+  EXPECT_FLOAT_EQ(diffX(3, 2), 1.0f / std::sqrt(24.0f + 4.5f));
+  EXPECT_FLOAT_EQ(diffY(3, 5), 1.0f / std::sqrt(4.5f));
+  EXPECT_EQ(report.lines(), std::vector<std::string>{"DF\n"});
+}
+
+TEST(HostIteration, LeavesWhatNothingPulls) {
+  Level same(21, 17);
+  same.warped2 = same.image1;
+  same.flow = CTensor<float>(21, 17, 2, 0.0f);
+  same.dropMatches();
+  same.iterate(3);
+  EXPECT_TRUE(exact(planesOf(same.flow), Planes(17, 21, 2, 0.0f)));
+
+  Level blind(21, 17);
+  blind.gconf = CMatrix<float>(21, 17, 0.0f);
+  blind.flow = CTensor<float>(21, 17, 2, 2.5f);
+  blind.dropMatches();
+  blind.iterate(3);
+  EXPECT_TRUE(exact(planesOf(blind.flow), Planes(17, 21, 2, 2.5f))) << "smoothness keeps a constant flow";
+
+  Level none(9, 7);
+  const Planes before = planesOf(none.flow);
+  EXPECT_EQ(none.iterate(0), std::vector<std::string>{"9x7 \n"});
+  EXPECT_TRUE(exact(planesOf(none.flow), before));
+}
+
+TEST(HostIteration, AddsUpCandidatesAndTakesExtraTerms) {
+  Level one(20, 15), two(20, 15, 2), doubled(20, 15);
+  for (int m = 0; m < 2; ++m) {
+    for (const auto& [to, from] : {std::pair{&two.matchU, &one.matchU}, std::pair{&two.matchV, &one.matchV},
+                                   std::pair{&two.matchWeight, &one.matchWeight}}) {
+      std::copy_n(from->data(), 300, &(*to)(0, 0, m));
+    }
+  }
+  for (int i = 0; i < 300; ++i) doubled.matchWeight.data()[i] *= 2.0f;
+  const Planes before = planesOf(two.flow);
+  two.iterate(2);
+  doubled.iterate(2);
+  EXPECT_TRUE(exact(planesOf(two.flow), planesOf(doubled.flow)));
+  EXPECT_FALSE(exact(planesOf(two.flow), before));
+
+  Level extra(20, 15);
+  CMatrix<float> term(20, 15, 9.0f);
+  const double ticks = setup_time;
+  const std::vector<std::string> lines = extra.iterate(2, &term);
+  EXPECT_GT(setup_time, ticks);
+  EXPECT_EQ(lines, (std::vector<std::string>{"20x15 \n", "DF\n", "DF\n"}));
+  one.iterate(2);
+  EXPECT_TRUE(exact(planesOf(extra.flow), planesOf(one.flow))) << "an extra term of weight 0";
+}
+
+TEST(HostIteration, RefusesSizesThatDoNotFitAndKeepsTheFlow) {
+  Level level(8, 9);
+  const Planes before = planesOf(level.flow);
+  level.matchWeight = CTensor<float>(8, 8, 1, 1.0f);
+  EXPECT_THROW(level.iterate(1), ETensorIncompatibleSize);
+  level = Level(8, 9);
+  level.gconf = CMatrix<float>(9, 8, 1.0f);
+  EXPECT_THROW(level.iterate(1), ETensorIncompatibleSize);
+  EXPECT_TRUE(exact(planesOf(level.flow), before));
+}
