@@ -44,7 +44,8 @@ CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
       weights_(weights),
       levels_(levelsAbove(input.height, input.width, weights.eta)),
       largest_(largestPlane(input, weights.eta, levels_)),
-      scratch_((allocateMatchPlanes(), largest_)) {
+      scratch_((allocateMatchPlanes(), largest_)),
+      pictures_(input.image1, input.image2, input.height, input.width, input.pitch) {
   reserveLevelBuffers();
 }
 
@@ -105,8 +106,7 @@ void CoarseToFine::buildLevel(const Level& level) {
   if (level.index > 0) {
     TARVO_CALL(allocatePlanes(level1_, level, kChannels));
     TARVO_CALL(allocatePlanes(level2_, level, kChannels));
-    downsampleImage(level, input_.image1, level1_.get());
-    downsampleImage(level, input_.image2, level2_.get());
+    pictures_.build(level1_.get(), level2_.get(), level.h, level.w, p_);
     image1_ = level1_.get();
     image2_ = level2_.get();
   } else {
@@ -117,14 +117,6 @@ void CoarseToFine::buildLevel(const Level& level) {
   device::synchronize();
   down.stop();
   TARVO_LAUNCHED("Input safe");
-}
-
-void CoarseToFine::downsampleImage(const Level& level, const float* image, float* out) {
-  for (int c = 0; c < input_.channels; ++c) {
-    downsample(image, input_.height, input_.width, input_.pitch, out, level.h, level.w, p_, nullptr);
-    image += device::planeFloats(input_.height, input_.pitch);
-    out += device::planeFloats(level.h, p_);
-  }
 }
 
 void CoarseToFine::buildMatches(const Level& level) {
@@ -203,6 +195,7 @@ void CoarseToFine::finish(float** u, float** v) {
   TARVO_LAUNCHED("ER");
   for (device::Buffer* plane : {&matchU_, &matchV_, &matchWeight_}) TARVO_CALL(plane->release());
   scratch_.release();
+  pictures_.release();
   *u = u_.detach();
   *v = v_.detach();
 }

@@ -4,6 +4,7 @@
 
 #include "device/memory.h"
 #include "gpu/levels.h"
+#include "gpu/picture_levels.h"
 #include "gpu/scratch.h"
 
 namespace gpu {
@@ -40,7 +41,6 @@ class CoarseToFine {
   void runPass(const Level& level);
   void buildLevel(const Level& level);
   void buildMatches(const Level& level);
-  void downsampleImage(const Level& level, const float* image, float* out);
   void carryFlow(const Level& level, bool first);
   void prolongate(const Level& level, device::Buffer& plane);
   void warp(const Level& level, bool first);
@@ -55,6 +55,7 @@ class CoarseToFine {
 
   device::Buffer matchU_, matchV_, matchWeight_;  // of the level; sized for the largest
   Scratch scratch_;                               // allocated behind the match planes
+  PictureLevels pictures_;
 
   // The current pass. Pictures point to the level's own buffers or, at full resolution, to the input.
   int p_ = 0;

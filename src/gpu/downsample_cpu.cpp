@@ -5,36 +5,10 @@
 
 #include "device/cpu/band.h"
 #include "device/cpu/team.h"
-#include "gpu/pyramid_kernels.h"
+#include "gpu/footprint_columns.h"
 
 namespace gpu {
 namespace {
-
-/// Target pixels that are averaged side by side.
-constexpr int kSide = 64;
-
-/// Footprints of kSide neighbouring target columns.
-struct Columns {
-  int first[kSide], last[kSide], partial[kSide];
-  float start[kSide], rest[kSide];
-  int count;  ///< columns in use
-  int most;   ///< samples of the widest footprint
-
-  TARVO_HOST_DEVICE void set(int x0, int outW, int inW) {
-    const float scale = static_cast<float>(inW) / static_cast<float>(outW);
-    count = std::min(kSide, outW - x0);
-    most = 0;
-    for (int k = 0; k < count; ++k) {
-      const kernels::Footprint footprint(x0 + k, scale, inW);
-      first[k] = footprint.first;
-      last[k] = footprint.last;
-      partial[k] = footprint.partial;
-      start[k] = footprint.start(footprint.first);
-      rest[k] = footprint.rest;
-      most = std::max(most, footprint.last - footprint.first + 1);
-    }
-  }
-};
 
 struct Job {
   const float* in;
@@ -52,9 +26,7 @@ TARVO_HOST_DEVICE void addRow(const Columns& columns, const float* row, float ro
 #pragma omp simd
     for (int k = 0; k < count; ++k) {
       const int i = columns.first[k] + step;
-      const float columnStart = step == 0 ? columns.start[k] : 1.0f;
-      const float columnEnd = i == columns.partial[k] ? columns.rest[k] : 1.0f;
-      const float area = rowStart * columnStart * rowEnd * columnEnd;
+      const float area = columns.area(k, step, rowStart, rowEnd);
       const float sum = fmaf(area, row[std::min(i, columns.last[k])], sums[k]);
       sums[k] = i <= columns.last[k] ? sum : sums[k];
     }
@@ -70,9 +42,7 @@ TARVO_HOST_DEVICE void addWeightedRow(const Columns& columns, const float* row, 
     for (int k = 0; k < count; ++k) {
       const int i = columns.first[k] + step;
       const int read = std::min(i, columns.last[k]);
-      const float columnStart = step == 0 ? columns.start[k] : 1.0f;
-      const float columnEnd = i == columns.partial[k] ? columns.rest[k] : 1.0f;
-      const float area = rowStart * columnStart * rowEnd * columnEnd;
+      const float area = columns.area(k, step, rowStart, rowEnd);
       const float m = weights[read];
       const bool counts = (i <= columns.last[k]) & (m > 0.0f) & (area > 0.0f);
       const float sum = fmaf(m * area, row[read], sums[k]);

@@ -3,9 +3,11 @@
 
 #include <limits>
 
+#include "gpu/picture_levels.h"
 #include "gpu/pyramid_kernels.h"
 #include "reference/pyramid_reference.h"
 #include "support/device_planes.h"
+#include "support/library_state.h"
 #include "support/tolerance.h"
 
 namespace {
@@ -65,6 +67,29 @@ TEST(Downsample, EqualsTheReferenceBitForBit) {
     for (std::size_t i = 0; i < weight.values.size(); i += 11) weight.values[i] = i % 2 == 0 ? kNan : 0.0f;
     ASSERT_TRUE(exact(shrunk(in, r.to, &weight), reference::downsample(in, r.to.h, r.to.w, &weight)));
     ASSERT_TRUE(exact(shrunk(weight, r.to, &weight), reference::downsample(weight, r.to.h, r.to.w, &weight)));
+  }
+}
+
+TEST(Downsample, OfWholePicturesIsThatOfTheirPlanes) {
+  const KeepThreads keep;
+  for (const Resampling& r : kShrinkings) {
+    SCOPED_TRACE(testing::Message() << r.from.w << " x " << r.from.h << " to " << r.to.w << " x " << r.to.h);
+    Planes in = randomPlanes(r.from.h, r.from.w, 6, 4, -100.0f, 100.0f);
+    in.at(r.from.w / 2, r.from.h / 2, 1) = kNan;
+    in.at(r.from.w / 3, r.from.h - 1, 4) = std::numeric_limits<float>::infinity();
+    Planes expected(r.to.h, r.to.w, 6);
+    for (int k = 0; k < 6; ++k) {
+      const Planes plane = shrunk(in.plane(k), r.to, nullptr);
+      std::copy(plane.values.begin(), plane.values.end(), &expected.at(0, 0, k));
+    }
+    const DevicePlanes source(in), target(r.to.h, r.to.w, 6, 2);
+    for (const int threads : {1, 3}) {
+      NDevice::threads(threads);
+      gpu::averagePictures(source.get(), source.plane(3), in.h, in.w, source.p(), target.get(),
+                           target.plane(3), r.to.h, r.to.w, target.p());
+      EXPECT_TRUE(target.intact());
+      ASSERT_TRUE(exact(target.values(), expected)) << threads << " threads";
+    }
   }
 }
 
