@@ -54,6 +54,10 @@ TARVO_API void onError(std::function<void(const std::string& message)> handler);
 /// many device calls were made since the last call of this function.
 TARVO_API long failCall(long n);
 
+/// Kernel launches since the library was loaded. A form of the CPU device's own, in place of several kernels,
+/// counts as one; the CUDA device has the same or a few more.
+TARVO_API long launches();
+
 /// Device memory of `floats` floats, contents undefined; null on failure or for 0 floats.
 TARVO_API float* allocate(std::size_t floats);
 

@@ -43,6 +43,8 @@ Shared*& sharedPointer() {
 thread_local bool insideEntry = false;
 thread_local bool insideCallback = false;
 
+std::atomic<long> launchCount{0};
+
 void choose(const Backend& backend, const std::string& reason) {
   sharedPointer()->reason = reason;
   chosen = &backend;
@@ -196,6 +198,7 @@ const char* text(Code code) {
 }
 
 bool beginLaunch() {
+  launchCount.fetch_add(1, std::memory_order_relaxed);
   const Code injected = countCall(kLaunchFailure);
   if (injected == kSuccess) return true;
   chosenBackend().setLastError(injected);
@@ -264,6 +267,10 @@ std::string instructionSet() {
 
 std::string version() {
   return TARVO_VERSION;
+}
+
+long launches() {
+  return device::launchCount.load(std::memory_order_relaxed);
 }
 
 void threads(int n) {

@@ -1,7 +1,5 @@
 #include "gpu/picture_levels.h"
 
-#include <tarvo/pyramid.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -109,11 +107,8 @@ PictureLevels::PictureLevels(const float* image1, const float* image2, int h, in
 
 void PictureLevels::build(float* out1, float* out2, int outH, int outW, int outP) const {
   if (device::onCuda()) {
-    for (int c = 0; c < kChannels; ++c) {
-      const std::size_t in = device::planeFloats(h_, p_, c), out = device::planeFloats(outH, outP, c);
-      downsample(image1_ + in, h_, w_, p_, out1 + out, outH, outW, outP, nullptr);
-      downsample(image2_ + in, h_, w_, p_, out2 + out, outH, outW, outP, nullptr);
-    }
+    launch(kernels::DownsamplePictures{image1_, image2_, h_, w_, p_, out1, out2, outH, outW, outP,
+                                       kPlanes * outH});
     return;
   }
   std::vector<Columns> columns(static_cast<std::size_t>((outW + kSide - 1) / kSide));

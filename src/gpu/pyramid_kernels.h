@@ -52,6 +52,25 @@ struct downsample_kernel {
   }
 };
 
+/// downsample_kernel on three channels of two pictures: rows 0 ... h - 1 of the launch are those of the first
+/// plane, and so on.
+struct DownsamplePictures {
+  const float *in1, *in2;
+  int inH, inW, inP;
+  float *out1, *out2;
+  int levelH, outW, outP;
+  int outH;  // 6 * levelH
+  static constexpr int kChannels = 3;
+
+  TARVO_HOST_DEVICE void operator()(int x, int row) const {
+    const int plane = row / levelH;
+    const int channel = plane % kChannels;
+    const float* in = (plane < kChannels ? in1 : in2) + channel * inH * inP;
+    float* out = (plane < kChannels ? out1 : out2) + channel * levelH * outP;
+    downsample_kernel{in, inH, inW, inP, out, levelH, outW, outP}(x, row % levelH);
+  }
+};
+
 /// Area average weighted by a plane; a sample counts where its weight and its area are both positive.
 struct downsample_weighted_kernel {
   const float* in;

@@ -9,6 +9,7 @@
 #include "device/report.h"
 #include "device/stopwatch.h"
 #include "gpu/pcg_cpu.h"
+#include "gpu/pcg_cuda.cuh"
 #include "gpu/solver_kernels.h"
 #include "gpu/solvers_plain.h"
 #include "gpu/units.h"
@@ -30,6 +31,19 @@ void solveOnCpu(const float* matrix, const float* rhs, float* x, int h, int w, i
   });
   TARVO_CALL(sums.release());
   TARVO_CALL(halo.release());
+}
+
+/// The CUDA device's solve, one cooperative launch.
+void solveOnCuda(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations,
+                 CGtmp cg) {
+  const std::size_t segments = device::dotScratch(h, w);
+  device::Buffer sums;
+  TARVO_CALL(sums.allocate(2 * segments));
+  if (device::beginLaunch()) {
+    gpu::cuda::launchSolve(
+        {matrix, rhs, x, cg.r, cg.search, cg.q, sums.get(), sums.get() + segments, h, w, p, iterations});
+  }
+  TARVO_CALL(sums.release());
 }
 
 }  // namespace
@@ -67,10 +81,12 @@ void gpu::plainPCG(const float* matrix, const float* rhs, float* x, int h, int w
 
 void gPCG(const float* matrix, const float* rhs, float* du, float* /*dv*/, int h, int w, int p,
           int iterations, CGtmp cg) {
-  if (iterations <= 0 || device::onCuda()) {
-    gpu::plainPCG(matrix, rhs, du, h, w, p, iterations, cg);
-  } else {
+  if (iterations > 0 && !device::onCuda()) {
     solveOnCpu(matrix, rhs, du, h, w, p, iterations, cg);
+  } else if (iterations > 0 && gpu::cuda::solvesInOneLaunch()) {
+    solveOnCuda(matrix, rhs, du, h, w, p, iterations, cg);
+  } else {
+    gpu::plainPCG(matrix, rhs, du, h, w, p, iterations, cg);
   }
   TARVO_LAUNCHED("CG");
 }

@@ -82,6 +82,13 @@ TEST(Downsample, OfWholePicturesIsThatOfTheirPlanes) {
       const Planes plane = shrunk(in.plane(k), r.to, nullptr);
       std::copy(plane.values.begin(), plane.values.end(), &expected.at(0, 0, k));
     }
+    Planes plainly(r.to.h, r.to.w, 6);
+    const kernels::DownsamplePictures kernel{
+        in.data(),      in.data() + 3 * in.h * in.w,          in.h,   in.w,   in.w,
+        plainly.data(), plainly.data() + 3 * r.to.h * r.to.w, r.to.h, r.to.w, r.to.w,
+        6 * r.to.h};
+    for (int i = 0; i < 6 * r.to.h * r.to.w; ++i) kernel(i % r.to.w, i / r.to.w);
+    ASSERT_TRUE(exact(plainly, expected)) << "in one launch";
     const DevicePlanes source(in), target(r.to.h, r.to.w, 6, 2);
     for (const int threads : {1, 3}) {
       NDevice::threads(threads);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "gpu/persistent_solve.h"
 #include "gpu/solvers_plain.h"
 #include "gpu/systems.h"
 #include "reference/solver_reference.h"
@@ -28,6 +29,55 @@ Planes solvedPlainly(const TestSystem& system, int iterations) {
   return device.x.values();
 }
 
+/// The threads of a persistent solve, one after the other.
+struct SequentialThreads {
+  int h = 0, w = 0;
+
+  template <kernels::PersistentSolve::Phase kPhase>
+  void runPhase(const kernels::PersistentSolve& s, float factor, float* sums) {
+    h = s.h, w = s.w;
+    const int segments = device::segmentsPerRow(w);
+    for (int segment = h * segments - 1; segment >= 0; --segment) {
+      const int start = segment % segments * device::kSegment;
+      const int end = std::min(start + device::kSegment, w);
+      float lanes[device::kLanes] = {};
+      for (int lane = device::kLanes - 1; lane >= 0; --lane) {
+        for (int x = start + lane; x < end; x += device::kLanes) {
+          lanes[lane] = s.pixel<kPhase>(x, segment / segments, factor, lanes[lane]);
+        }
+      }
+      for (int half = device::kLanes / 2; half > 0; half /= 2) {
+        for (int j = 0; j < half; ++j) lanes[j] += lanes[j + half];
+      }
+      if (sums != nullptr) sums[segment] = lanes[0];
+    }
+  }
+  float total(const float* sums) const {
+    return device::cpu::sumSegments(sums, h * device::segmentsPerRow(w));
+  }
+};
+
+Planes solvedPersistently(const TestSystem& system, int iterations) {
+  const int h = system.h(), w = system.w();
+  Planes x = system.start, r(h, w, 2), search(h, w, 2), q(h, w, 2);
+  std::vector<float> sums(2 * device::dotScratch(h, w));
+  const kernels::PersistentSolve solve{system.matrix.data(),
+                                       system.rhs.data(),
+                                       x.data(),
+                                       r.data(),
+                                       search.data(),
+                                       q.data(),
+                                       sums.data(),
+                                       sums.data() + sums.size() / 2,
+                                       h,
+                                       w,
+                                       w,
+                                       iterations};
+  SequentialThreads threads;
+  solve.run(threads);
+  return x;
+}
+
 /// A 1 x 1 system [a b; b c] (x, y) = (f, g) from a start.
 TestSystem onePixel(float a, float b, float c, float f, float g, float startU = 0.0f, float startV = 0.0f) {
   TestSystem system(1, 1, 1);
@@ -49,6 +99,7 @@ TEST(Pcg, EqualsThePlainLaunchesAndTheReferenceBitForBit) {
       SCOPED_TRACE(testing::Message() << size.w << " x " << size.h << ", " << iterations << " iterations");
       const Planes expected = reference::solve(system.matrix, system.rhs, system.start, iterations);
       ASSERT_TRUE(exact(solvedPlainly(system, iterations), expected));
+      ASSERT_TRUE(exact(solvedPersistently(system, iterations), expected)) << "the phases of one launch";
       ASSERT_TRUE(exact(solvedBy(system, iterations), expected));
       ASSERT_TRUE(exact(solvedBy(system, iterations, 0), expected)) << "without padding";
     }

@@ -57,6 +57,14 @@ std::vector<std::string> withoutTimes(const Report& report) {
   return lines;
 }
 
+/// Launches of a step on planes of 20 x 15 pixels.
+template <class Step>
+long launchesOf(const Step& step) {
+  const long before = NDevice::launches();
+  step();
+  return NDevice::launches() - before;
+}
+
 const std::string kNotice = "Increase eta or increase minimum dimension\n";
 const std::vector<std::string> kTimes{"Solver time = T ms\n", "MakeMatrix time = T ms\n",
                                       "Interp time = T ms\n", "downsampling time = T ms\n",
@@ -71,6 +79,25 @@ std::vector<std::string> reportOf(int scales, int notices, bool smoothing) {
 }
 
 }  // namespace
+
+TEST(Launches, AreFewForAPassAndOneForASolve) {
+  const Planes first = render(48, 64, 0, 0), second = render(48, 64, 1, 0);
+  const auto whole = [&](int fixedPointIterations, int solverIterations) {
+    return launchesOf([&] {
+      Settings s;
+      s.fixedPointIterations = fixedPointIterations;
+      s.solverIterations = solverIterations;
+      flowOf(first, second, s);
+    });
+  };
+  constexpr int kPasses = 23 + 5;  // ln(15 / 48) / ln(0.95) = 22.7: levels 22 ... 0, and five more
+  const long without = whole(0, 10), steps = whole(5, 10) - without;
+  std::printf("launches of a pass: %.1f, of each of its fixed-point steps: %.1f\n",
+              static_cast<double>(without) / kPasses, static_cast<double>(steps) / (5 * kPasses));
+  EXPECT_LE(without, 20L * kPasses);
+  EXPECT_EQ(steps, 3L * 5 * kPasses) << "diffusivity, assembly, solve";
+  EXPECT_EQ(whole(5, 200), whole(5, 10)) << "one launch, whatever the iterations";
+}
 
 TEST(VariationalFlow, PrintsItsReportAndSkipsLevelsThatDoNotShrink) {
   Settings quick;
