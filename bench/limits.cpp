@@ -1,0 +1,68 @@
+#include "limits.h"
+
+#include <chrono>
+#include <cmath>
+#include <utility>
+
+#include "machine.h"
+#include "workload.h"
+
+namespace bench {
+namespace {
+
+constexpr double kSmallest = 125e3, kLargest = 256e6;  // bytes
+
+}  // namespace
+
+double timeOf(const std::function<void()>& run) {
+  const auto start = std::chrono::steady_clock::now();
+  run();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double triadBandwidth(double footprint) {
+  constexpr double kSeconds = 0.005;
+  constexpr std::size_t kFewest = 5;
+  const Case triad = teamTriad(footprint);
+  triad.run();
+  std::vector<double> times;
+  for (double sum = 0.0; sum < kSeconds || times.size() < kFewest; sum += times.back()) {
+    times.push_back(timeOf(triad.run));
+  }
+  return 1e-9 * triad.bytes / median(times);
+}
+
+void Limits::measure() {
+  for (double footprint = kSmallest; footprint <= kLargest; footprint *= 2.0) {
+    triads_[footprint].push_back(triadBandwidth(footprint));
+  }
+  const ArithmeticPeak peak = measurePeak(threads_);
+  flops_.push_back(peak.flops);
+  roots_.push_back(peak.roots);
+  clocks_.push_back(clockRate());
+}
+
+double Limits::bandwidth(double footprint) const {
+  auto above = triads_.lower_bound(footprint);
+  if (above == triads_.begin()) return median(above->second);
+  if (above == triads_.end()) return median(std::prev(above)->second);
+  const auto below = std::prev(above);
+  const double share = std::log(footprint / below->first) / std::log(above->first / below->first);
+  return (1.0 - share) * median(below->second) + share * median(above->second);
+}
+
+ArithmeticPeak Limits::peak() const {
+  return {median(flops_), median(roots_)};
+}
+
+std::vector<std::pair<double, double>> Limits::ladder() const {
+  std::vector<std::pair<double, double>> out;
+  for (const auto& triad : triads_) out.emplace_back(triad.first, median(triad.second));
+  return out;
+}
+
+double Limits::clock() const {
+  return median(clocks_);
+}
+
+}  // namespace bench
