@@ -2,13 +2,15 @@
 
 #include <functional>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "peak.h"
 
 namespace bench {
 
-/// Medians of what the machine gives to `threads` threads; each call of measure() takes one sample of all.
+/// The most that the machine gives to `threads` threads, best of the samples; each call of measure() takes
+/// one sample of all. What else the machine does can only lower a sample.
 class Limits {
  public:
   explicit Limits(int threads) : threads_(threads) {}
