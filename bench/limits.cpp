@@ -12,6 +12,7 @@ namespace bench {
 namespace {
 
 constexpr double kSmallest = 125e3, kLargest = 256e6;  // bytes
+constexpr int kPeaksPerRound = 5;                      // each takes some hundredths of a second
 
 double best(const std::vector<double>& values) {
   return *std::max_element(values.begin(), values.end());
@@ -29,10 +30,21 @@ double triadBandwidth(double footprint) {
   constexpr double kSeconds = 0.005;
   constexpr std::size_t kFewest = 5;
   const Case triad = teamTriad(footprint);
-  triad.run();
+  const Planes anything(1, 1, 1);
+  // A CUDA device works behind the caller's back until something is fetched from it.
+  const int calls = NDevice::kind() == "cuda" ? 20 : 1;
+  const auto finish = [&] {
+    float value;
+    if (calls > 1) NDevice::download(&value, anything.data(), 1, 1, 1);
+  };
+  const auto run = [&] {
+    for (int i = 0; i < calls; ++i) triad.run();
+    finish();
+  };
+  run();
   std::vector<double> times;
   for (double sum = 0.0; sum < kSeconds || times.size() < kFewest; sum += times.back()) {
-    times.push_back(timeOf(triad.run));
+    times.push_back(timeOf(run) / calls);
   }
   return 1e-9 * triad.bytes / median(times);
 }
@@ -41,10 +53,12 @@ void Limits::measure() {
   for (double footprint = kSmallest; footprint <= kLargest; footprint *= 2.0) {
     triads_[footprint].push_back(triadBandwidth(footprint));
   }
-  const ArithmeticPeak peak = measurePeak(threads_);
-  flops_.push_back(peak.flops);
-  roots_.push_back(peak.roots);
-  clocks_.push_back(clockRate());
+  for (int i = 0; i < kPeaksPerRound; ++i) {
+    const ArithmeticPeak peak = measurePeak(threads_);
+    flops_.push_back(peak.flops);
+    roots_.push_back(peak.roots);
+    clocks_.push_back(clockRate());
+  }
 }
 
 double Limits::bandwidth(double footprint) const {

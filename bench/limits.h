@@ -10,7 +10,7 @@
 namespace bench {
 
 /// The most that the machine gives to `threads` threads, best of the samples; each call of measure() takes
-/// one sample of all. What else the machine does can only lower a sample.
+/// a few samples of all. What else the machine does can only lower a sample.
 class Limits {
  public:
   explicit Limits(int threads) : threads_(threads) {}
