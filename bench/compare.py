@@ -148,8 +148,9 @@ def main():
             continue
         word = verdict(old[name], new[name], kind == "instructions")
         count[word] += 1
+        left, right = (f"{value:12.{'0f' if kind == 'instructions' else '6g'}}" for value in (before, after))
         print(
-            f"{word}  {name:{width}}  {before:12.6g}  {noise(old[name]):5.0%}  {after:12.6g}  {noise(new[name]):5.0%}"
+            f"{word}  {name:{width}}  {left}  {noise(old[name]):5.0%}  {right}  {noise(new[name]):5.0%}"
             f"  {after / before:7.3f}"
         )
     if left_out:
