@@ -10,8 +10,8 @@
 #include <stdexcept>
 
 #include "flow_report.h"
-#include "limits.h"
 #include "machine.h"
+#include "machine_limits.h"
 #include "passes.h"
 #include "phases.h"
 #include "synth/scene.h"
@@ -139,7 +139,8 @@ bench::FlowRow measure(Rendering& scene, int threads, int runs) {
   if (standard) runs = large ? 2 : 3;
   const int warmUps = standard && large ? 0 : 1;
   CTensor<float> flow;
-  for (int run = -warmUps; run < runs; ++run) {
+  int run = -warmUps;
+  do {
     const auto before = clocks();
     const auto start = std::chrono::steady_clock::now();
     runFlowGPU(scene.frame1, scene.frame2, flow, 0.0f, bench::kAlpha, bench::kBeta, bench::kGamma,
@@ -149,7 +150,7 @@ bench::FlowRow measure(Rendering& scene, int threads, int runs) {
     if (run < 0) continue;
     row.total.push_back(seconds.count());
     for (std::size_t k = 0; k < bench::kPhases; ++k) row.phases[k].push_back(after[k] - before[k]);
-  }
+  } while (++run < runs);
   row.peakMemory = bench::peakMemory();
   const NDevice::MemoryUse memory = NDevice::memoryUse();
   row.libraryMemory = static_cast<double>(memory.inUse + memory.kept);

@@ -86,10 +86,10 @@ __attribute__((noinline, target("avx2,fma"))) float addsAvx2(long n) {
 __attribute__((noinline, target("avx2,fma"))) float rootsAvx2(long n) {
   return inverseRoots<4>(n);
 }
-__attribute__((noinline, target("avx512f,prefer-vector-width=512"))) float addsAvx512(long n) {
+__attribute__((noinline, target("avx512f"))) float addsAvx512(long n) {
   return multiplyAdds<Vector64>(n);
 }
-__attribute__((noinline, target("avx512f,prefer-vector-width=512"))) float rootsAvx512(long n) {
+__attribute__((noinline, target("avx512f"))) float rootsAvx512(long n) {
   return inverseRoots<8>(n);
 }
 #endif
@@ -129,6 +129,7 @@ double seconds(Loop loop, long steps, int threads) {
   std::vector<std::thread> team;
   std::vector<Clock::time_point> begin(static_cast<std::size_t>(threads)), end(begin.size());
   std::atomic<int> ready{0};
+  team.reserve(begin.size());
   for (int i = 0; i < threads; ++i) {
     team.emplace_back([&, i] {
       settle(i);

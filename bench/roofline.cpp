@@ -130,6 +130,7 @@ int run(const Options& options) {
   std::vector<int> teams = {NDevice::threads()};
   if (teams[0] > 1) teams.insert(teams.begin(), 1);
   std::vector<bench::Limits> limits;
+  limits.reserve(teams.size());
   for (const int threads : teams) limits.emplace_back(threads);
   std::vector<bench::RooflineRow> rows;
   for (bench::Limits& team : limits) {

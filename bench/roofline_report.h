@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "limits.h"
+#include "machine_limits.h"
 #include "phases.h"
 
 namespace bench {

@@ -1,4 +1,4 @@
-#include "limits.h"
+#include "machine_limits.h"
 
 #include <algorithm>
 #include <chrono>
@@ -11,8 +11,9 @@
 namespace bench {
 namespace {
 
-constexpr double kSmallest = 125e3, kLargest = 256e6;  // bytes
-constexpr int kPeaksPerRound = 5;                      // each takes some hundredths of a second
+constexpr double kSmallest = 125e3;  // bytes that the first triad touches; each further one twice as many
+constexpr int kTriads = 12;
+constexpr int kPeaksPerRound = 5;  // each takes some hundredths of a second
 
 double best(const std::vector<double>& values) {
   return *std::max_element(values.begin(), values.end());
@@ -50,7 +51,8 @@ double triadBandwidth(double footprint) {
 }
 
 void Limits::measure() {
-  for (double footprint = kSmallest; footprint <= kLargest; footprint *= 2.0) {
+  for (int i = 0; i < kTriads; ++i) {
+    const double footprint = std::ldexp(kSmallest, i);
     triads_[footprint].push_back(triadBandwidth(footprint));
   }
   for (int i = 0; i < kPeaksPerRound; ++i) {
