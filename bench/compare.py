@@ -3,15 +3,17 @@
 
     bench/compare.py OLD.json NEW.json
 
-Takes what tarvo_bench_flow --json or tarvo_bench_kernels --benchmark_out writes, both files of one kind. Each row is
-judged by the medians of its repetitions and by the ranges they span:
+Takes what tarvo_bench_flow --json, tarvo_bench_roofline --json, tarvo_bench_kernels --benchmark_out, bench/peers.py
+--json or scripts/instructions.sh writes, both files of one kind. Each row is judged by the medians of its repetitions
+and by the ranges they span:
 
     SAME   the medians differ by less than 3 %
     FAST   the new median is smaller, and every new time is below every old one
     SLOW   the new median is greater, and every new time is above every old one
     AMBG   the medians differ, but the ranges overlap or a side has one time only: measure again, on a quieter machine
 
-The noise of a side is (largest - smallest) / median. A flow error that changed is said too.
+The noise of a side is (largest - smallest) / median. Instruction counts have none: they are SAME within 0.1 %, else
+FAST (fewer) or SLOW (more). A flow error that changed is said too.
 Exit status: 0 no row is SLOW and no error changed, 1 otherwise, 2 the files cannot be compared.
 """
 
@@ -22,7 +24,8 @@ import statistics
 import sys
 
 SAME_WITHIN = 0.03
-SHORTEST = 0.001  # seconds: phases shorter than this in both files are left out
+SAME_COUNT_WITHIN = 0.001
+SHORTEST = 0.0001  # seconds: rows shorter than this in both files are left out, the clocks step by 0.000001
 
 
 def fail(text):
@@ -58,18 +61,37 @@ def flow_times(data):
 
 
 def flow_errors(data):
-    return {row["name"]: row["epe"] for row in data.get("rows", [])}
+    return {row["name"]: row["epe"] for row in data.get("rows", []) if "epe" in row}
 
 
-def times_of(data, path):
+def instruction_counts(data):
+    return collections.OrderedDict((name, [count]) for name, count in data["instructions"].items())
+
+
+# Key of the measurements in a file: how to read them, their unit, the shortest to compare.
+Kind = collections.namedtuple("Kind", "read unit shortest")
+KINDS = {
+    "rows": Kind(flow_times, "s", SHORTEST),
+    "benchmarks": Kind(kernel_times, "ns/pixel", 0.0),
+    "instructions": Kind(instruction_counts, "instr", 0.0),
+}
+
+
+def kind_of(data, path):
+    for key in KINDS:
+        if isinstance(data, dict) and key in data:
+            return key
+    fail(f"{path}: no measurement of a known kind")
+
+
+def values_of(data, kind, path):
     try:
-        if "rows" in data:
-            return flow_times(data)
-        if "benchmarks" in data:
-            return kernel_times(data)
-    except (KeyError, TypeError, AttributeError) as error:
+        values = KINDS[kind].read(data)
+        if any(not times for times in values.values()):
+            raise ValueError("a row without values")
+        return values
+    except (KeyError, TypeError, ValueError, AttributeError) as error:
         fail(f"{path}: not a complete measurement ({error!r})")
-    fail(f"{path}: neither kernel nor flow benchmarks")
 
 
 def noise(times):
@@ -77,10 +99,12 @@ def noise(times):
     return (max(times) - min(times)) / middle if middle > 0 else 0.0
 
 
-def verdict(old, new):
+def verdict(old, new, exact):
     before, after = statistics.median(old), statistics.median(new)
-    if abs(after - before) <= SAME_WITHIN * before:
+    if abs(after - before) <= (SAME_COUNT_WITHIN if exact else SAME_WITHIN) * before:
         return "SAME"
+    if exact:
+        return "FAST" if after < before else "SLOW"
     if min(len(old), len(new)) > 1:
         if max(new) < min(old):
             return "FAST"
@@ -101,30 +125,36 @@ def main():
     parser.add_argument("old")
     parser.add_argument("new")
     options = parser.parse_args()
-    data = [load(path) for path in (options.old, options.new)]
-    if any(not isinstance(d, dict) for d in data) or ("rows" in data[0]) != ("rows" in data[1]):
+    paths = (options.old, options.new)
+    data = [load(path) for path in paths]
+    kind, other = (kind_of(d, path) for d, path in zip(data, paths))
+    if kind != other:
         fail("the files hold different kinds of benchmarks")
-    old, new = (times_of(d, path) for d, path in zip(data, (options.old, options.new)))
+    old, new = (values_of(d, kind, path) for d, path in zip(data, paths))
     say_different_machines(*data)
 
-    seconds = "rows" in data[0]
-    unit = "s" if seconds else "ns/pixel"
+    unit = KINDS[kind].unit
     names = [name for name in old if name in new]
     if not names:
         fail("no row is in both files")
     width = max(len(name) for name in names)
     print(f"{'':4}  {'row':{width}}  {'old ' + unit:>12}  noise  {'new ' + unit:>12}  noise  new/old")
     count = collections.Counter()
+    left_out = 0
     for name in names:
         before, after = statistics.median(old[name]), statistics.median(new[name])
-        if before <= 0 or (seconds and max(before, after) < SHORTEST):
+        if before <= 0 or max(before, after) < KINDS[kind].shortest:
+            left_out += 1
             continue
-        word = verdict(old[name], new[name])
+        word = verdict(old[name], new[name], kind == "instructions")
         count[word] += 1
+        left, right = (f"{value:12.{'0f' if kind == 'instructions' else '6g'}}" for value in (before, after))
         print(
-            f"{word}  {name:{width}}  {before:12.4g}  {noise(old[name]):5.0%}  {after:12.4g}  {noise(new[name]):5.0%}"
+            f"{word}  {name:{width}}  {left}  {noise(old[name]):5.0%}  {right}  {noise(new[name]):5.0%}"
             f"  {after / before:7.3f}"
         )
+    if left_out:
+        print(f"{left_out} rows left out: too short for the clock")
     for name in sorted(set(old) ^ set(new)):
         print(f"only in {'old' if name in old else 'new'}: {name}")
 

@@ -11,6 +11,9 @@
 
 #include "flow_report.h"
 #include "machine.h"
+#include "machine_limits.h"
+#include "passes.h"
+#include "phases.h"
 #include "synth/scene.h"
 
 namespace {
@@ -18,16 +21,16 @@ namespace {
 constexpr const char* kUsage =
     "usage: tarvo_bench_flow [OPTION...]\n"
     "\n"
-    "  --full            also 1280x960 and 1920x1080\n"
-    "  --size WxH        this size instead of the default ones (320x240, 640x480); may be repeated\n"
-    "  --runs N          measured runs of each row, after one to warm up (default 3)\n"
+    "  --quick           only 320x240 and 640x480\n"
+    "  --size WxH        this size instead of the default ones (320x240, 640x480, 1280x960, 1920x1080); may "
+    "be\n"
+    "                    repeated\n"
+    "  --runs N          measured runs of each row, after one to warm up (default 3; from a million pixels "
+    "on 2\n"
+    "                    and none to warm up)\n"
     "  --device NAME     auto, cpu, cuda or cuda:N (default auto)\n"
     "  --json FILE       every measurement\n"
     "  --markdown FILE   the table\n";
-
-constexpr float kAlpha = 30.0f, kBeta = 300.0f, kGamma = 5.0f, kEta = 0.95f;
-constexpr int kFixedPointIterations = 5, kSolverIterations = 10;
-constexpr int kFinalPasses = 5;
 
 struct Size {
   int width, height;
@@ -35,8 +38,8 @@ struct Size {
 
 struct Options {
   std::vector<Size> sizes;
-  bool full = false;
-  int runs = 3;
+  bool quick = false;
+  int runs = 0;  ///< 0: by the size
   std::string device = "auto", json, markdown;
 };
 
@@ -58,8 +61,8 @@ Options parse(int argc, char** argv) {
   Options options;
   for (int i = 1; i < argc; ++i) {
     const std::string name = argv[i];
-    if (name == "--full") {
-      options.full = true;
+    if (name == "--quick") {
+      options.quick = true;
       continue;
     }
     if (i + 1 == argc) throw UsageError("unknown option, or one without its value: " + name);
@@ -79,30 +82,11 @@ Options parse(int argc, char** argv) {
       throw UsageError("unknown option " + name);
     }
   }
-  if (options.sizes.empty()) options.sizes = {{320, 240}, {640, 480}};
-  if (options.full) options.sizes.insert(options.sizes.end(), {{1280, 960}, {1920, 1080}});
-  return options;
-}
-
-/// Counts the passes of the coarse-to-fine scheme and their pixels. Sides in single precision, as in the
-/// scheme.
-void countPasses(bench::FlowRow& row) {
-  const double least = 15.0 / std::min(row.width, row.height);
-  const double quotient = std::log(least) / static_cast<double>(std::log(kEta));
-  const int levels = quotient > 0.0 ? static_cast<int>(quotient) : 0;
-  const auto sideAt = [](int level, int side) {
-    return static_cast<int>(std::ceil(std::pow(kEta, static_cast<float>(level)) * static_cast<float>(side)));
-  };
-  row.passes = 0;
-  row.megapixelPasses = 0.0;
-  for (int index = levels; index >= -kFinalPasses; --index) {
-    const int level = std::max(index, 0);
-    const int w = sideAt(level, row.width);
-    const int h = sideAt(level, row.height);
-    if (w == sideAt(level + 1, row.width) && h == sideAt(level + 1, row.height)) continue;  // skipped
-    row.passes += 1;
-    row.megapixelPasses += 1e-6 * w * h;
+  if (options.sizes.empty()) {
+    options.sizes = {{320, 240}, {640, 480}};
+    if (!options.quick) options.sizes.insert(options.sizes.end(), {{1280, 960}, {1920, 1080}});
   }
+  return options;
 }
 
 /// Seconds that the library's clocks show, by phase.
@@ -143,27 +127,35 @@ bench::FlowRow measure(Rendering& scene, int threads, int runs) {
   row.width = scene.frame1.sizeX();
   row.height = scene.frame1.sizeY();
   row.threads = threads;
-  countPasses(row);
+  const std::vector<bench::Pass> passes = bench::passesOf(row.width, row.height);
+  row.passes = static_cast<int>(passes.size());
+  row.megapixelPasses = 1e-6 * bench::pixelsOf(passes);
   NDevice::threads(threads);
   NDevice::trim();
   row.load = bench::loadAverage();
   bench::resetPeakMemory();
+  const bool large = static_cast<double>(row.width) * row.height >= 1e6;
+  const bool standard = runs == 0;
+  if (standard) runs = large ? 2 : 3;
+  const int warmUps = standard && large ? 0 : 1;
   CTensor<float> flow;
-  for (int run = -1; run < runs; ++run) {  // the first to warm up
+  int run = -warmUps;
+  do {
     const auto before = clocks();
     const auto start = std::chrono::steady_clock::now();
-    runFlowGPU(scene.frame1, scene.frame2, flow, 0.0f, kAlpha, kBeta, kGamma, kEta, kFixedPointIterations,
-               kSolverIterations);
+    runFlowGPU(scene.frame1, scene.frame2, flow, 0.0f, bench::kAlpha, bench::kBeta, bench::kGamma,
+               bench::kEta, bench::kFixedPointIterations, bench::kSolverIterations);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
     const auto after = clocks();
     if (run < 0) continue;
     row.total.push_back(seconds.count());
     for (std::size_t k = 0; k < bench::kPhases; ++k) row.phases[k].push_back(after[k] - before[k]);
-  }
+  } while (++run < runs);
   row.peakMemory = bench::peakMemory();
   const NDevice::MemoryUse memory = NDevice::memoryUse();
   row.libraryMemory = static_cast<double>(memory.inUse + memory.kept);
   compare(flow, scene, row);
+  row.triad = bench::triadBandwidth(bench::solverFootprint(static_cast<double>(row.width) * row.height));
   return row;
 }
 
@@ -172,7 +164,7 @@ int run(const Options& options) {
   NDevice::select(options.device);
   const bench::Machine machine = bench::describeMachine();
   for (const auto& fact : machine) std::printf("%-11s %s\n", fact.first.c_str(), fact.second.c_str());
-  std::printf("\nSeconds, medians of %d runs; memory in MiB. Threads drive the CPU device.\n", options.runs);
+  std::printf("\nSeconds, medians of the runs; memory in MiB. Threads drive the CPU device.\n");
   for (const bench::PhaseName& phase : bench::kPhaseNames)
     std::printf("  %-9s %s\n", phase.key, phase.meaning);
   std::printf("\n%s", bench::flowHead().c_str());

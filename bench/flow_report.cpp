@@ -22,6 +22,8 @@ std::vector<std::string> cells(const FlowRow& row) {
   std::vector<std::string> out = {sizeText(row), std::to_string(row.threads),
                                   format("%.3f", median(row.total)), spreadText(row.total)};
   for (const auto& phase : row.phases) out.push_back(format("%.3f", median(phase)));
+  out.push_back(format("%.0f", row.nanosecondsPerPixel()));
+  out.push_back(format("%.3g", row.triad));
   out.push_back(format("%.1f", row.megapixelPassesPerSecond()));
   out.push_back(format("%.3f", row.endPointError));
   out.push_back(format("%.3f", row.endPointErrorVisible));
@@ -34,7 +36,8 @@ std::vector<std::string> cells(const FlowRow& row) {
 std::vector<std::string> heads() {
   std::vector<std::string> out = {"size", "threads", "total", "spread"};
   for (const PhaseName& phase : kPhaseNames) out.emplace_back(phase.key);
-  for (const char* head : {"Mpx/s", "EPE", "EPE seen", "peak", "library", "load"}) out.emplace_back(head);
+  for (const char* head : {"ns/px", "triad", "Mpx/s", "EPE", "EPE seen", "peak", "library", "load"})
+    out.emplace_back(head);
   return out;
 }
 
@@ -58,6 +61,8 @@ std::string rowJson(const FlowRow& row) {
                 row.passes, row.megapixelPasses, row.megapixelPassesPerSecond());
   out += format("     \"total_s\": %.6f, \"epe\": %.6f, \"epe_visible\": %.6f, \"load\": %.2f,\n",
                 median(row.total), row.endPointError, row.endPointErrorVisible, row.load);
+  out += format("     \"ns_per_pixel\": %.3f, \"triad_gb_per_s\": %.3f,\n", row.nanosecondsPerPixel(),
+                row.triad);
   out += format("     \"peak_memory_bytes\": %.0f, \"library_memory_bytes\": %.0f,\n", row.peakMemory,
                 row.libraryMemory);
   out += "     \"runs_s\": {\"total\": " + joined(row.total);
@@ -82,6 +87,10 @@ const std::array<PhaseName, kPhases> kPhaseNames = {{
 double FlowRow::megapixelPassesPerSecond() const {
   const double seconds = median(phases[kVariational]);
   return seconds > 0.0 ? megapixelPasses / seconds : 0.0;
+}
+
+double FlowRow::nanosecondsPerPixel() const {
+  return 1e9 * median(total) / (static_cast<double>(width) * height);
 }
 
 std::string flowHead() {

@@ -36,8 +36,11 @@ struct FlowRow {
   double peakMemory;                                ///< of the process while computing [bytes]
   double libraryMemory;  ///< device memory that the library holds afterwards [bytes]
   double load;           ///< load average before the runs
+  double triad;  ///< bandwidth of the team triad that touches as much as a solve at full resolution [GB/s]
 
   double megapixelPassesPerSecond() const;
+  /// Median time of a direction divided by the picture's pixels.
+  double nanosecondsPerPixel() const;
 };
 
 using Machine = std::vector<std::pair<std::string, std::string>>;

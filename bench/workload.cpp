@@ -2,16 +2,18 @@
 
 #include <cmath>
 #include <memory>
+#include <stdexcept>
 #include <utility>
 
 #include "machine.h"
+#include "passes.h"
+#include "phases.h"
 #include "synth/scene.h"
 
 namespace bench {
 namespace {
 
 constexpr int kChannels = 3;
-constexpr float kAlpha = 30.0f, kBeta = 300.0f, kGamma = 5.0f, kEta = 0.95f;
 
 int shrunk(int side, float factor) {
   return static_cast<int>(std::ceil(factor * static_cast<float>(side)));
@@ -75,6 +77,7 @@ Workload::Workload(int width, int height)
       out_(height, width, kChannels),
       outFlow_(height, width, 2),
       vectors_(height, width, 10),
+      histograms_(height, width, kHogBins),
       work_(height, width) {
   p_ = image1_.pitch();
   const Rendering scene = render(makeScene("demo", width, height, 1));
@@ -194,7 +197,7 @@ void Workload::addFixedPoint(std::vector<Case>& cases) {
     work_.stData.fill(0.0f);
     work_.stGrad.fill(0.0f);
   };
-  cases.push_back(make("gDiffusivity", 6, 6, [this, out] {
+  cases.push_back(make(kDiffusivity, 6, 6, [this, out] {
     gDiffusivity(flow_.plane(0), flow_.plane(1), system_.increment.plane(0), system_.increment.plane(1),
                  out.diffX, out.diffY, h_, w_, p_);
   }));
@@ -207,40 +210,51 @@ void Workload::addFixedPoint(std::vector<Case>& cases) {
 }
 
 void Workload::addSolver(std::vector<Case>& cases) {
-  // Floats per pixel of n iterations as the CPU device does them (search direction s, solution x): the start
-  // reads x 2, rhs 2, matrix 8 and writes r 2, s 2; the product reads s 2, matrix 7 and writes q 2, and from
-  // the second iteration on updates x 2 and s 2 in the same sweep, for which it also reads r 2 and the other
-  // copy of the mixed entry 1; in all but the last iteration r 2 is updated from q 2 and matrix 3; the end
-  // updates x 2 from s 2.
   constexpr int n = kSolverIterations;
-  constexpr double kSolve = 16 + 11 + (n - 1) * (20 + 9) + 6;
+  const double solve = solverFloats(n);
   const FPtmp in = system_.view();
-  cases.push_back(make(format("gPCG, per iteration of %d", n), kSolve, 8 + 2 + 2 + 6, [this, in] {
+  cases.push_back(make(format("gPCG, per iteration of %d", n), solve, 8 + 2 + 2 + 6, [this, in] {
     gPCG(in.matrix, in.rhs, work_.increment.plane(0), work_.increment.plane(1), h_, w_, p_, n, cg());
   }));
   cases.back().pixels *= n;
   cases.back().prepare = [this] { work_.increment.fill(0.0f); };
   cases.back().valid = [this] { return stillUnsolved(); };
 
-  // Tensors: images 6, validity 1 in, 12 out. Each fixed-point iteration: flow and increment 4 in,
-  // diffusivities 2 out; tensors 12, flow and increment 4, match field 3, diffusivities 2 in, matrix 8 and
-  // rhs 2 out; a solve. Besides, the increment is cleared 2 and in the end added to the flow 6.
-  constexpr double kStep = 19 + kFixedPointIterations * (6 + 31 + kSolve) + 8;
-  const std::string name = format("gNonLinearIteration, %d x %d", kFixedPointIterations, n);
-  cases.push_back(make(name, kStep, 7 + 12 + 4 + 3 + 2 + 10 + 6, [this] {
+  // Tensors: images 6, validity 1 in, 12 out; the increment is cleared 2 and in the end added to the flow 6.
+  const double tensors = 19 + 8;
+  cases.push_back(makeStep(kTensorStep, 0, tensors, 7 + 12 + 4));
+  // Each fixed-point iteration: flow and increment 4 in, diffusivities 2 out; tensors 12, flow and increment
+  // 4, match field 3, diffusivities 2 in, matrix 8 and rhs 2 out; a solve.
+  cases.push_back(makeStep(kWholeStep, kFixedPointIterations,
+                           tensors + kFixedPointIterations * (6 + 31 + solve), 7 + 12 + 4 + 3 + 2 + 10 + 6));
+}
+
+Case Workload::makeStep(const char* name, int iterations, double moved, double touched) {
+  Case step = make(name, moved, touched, [this, iterations] {
     gNonLinearIteration(image1_.data(), warped_.data(), gconf_.data(), match_.plane(0), match_.plane(1),
                         match_.plane(2), 1, outFlow_.plane(0), outFlow_.plane(1), h_, w_, p_, kChannels,
-                        kAlpha, kBeta, kGamma, kFixedPointIterations, n, 1.0f, cg(), work_.view());
-  }));
-  cases.back().prepare = [this] {
+                        kAlpha, kBeta, kGamma, iterations, kSolverIterations, 1.0f, cg(), work_.view());
+  });
+  step.prepare = [this] {
     outFlow_.fill(0.0f);
     Add_kernel(outFlow_.data(), flow_.data(), 2 * h_, w_, p_);
   };
+  return step;
+}
+
+void Workload::addMatching(std::vector<Case>& cases) {
+  cases.push_back(make("gComputeHOG, 3 channels", kChannels + kHogBins, kChannels + kHogBins, [this] {
+    gComputeHOG(image1_.data(), histograms_.data(), kChannels, kHogBins, h_, w_, p_);
+  }));
+  cases.push_back(make(std::string(kConfidence) + ", 3 channels", kChannels + 1, kChannels + 1, [this] {
+    gComputeConfidence(image1_.data(), work_.diff.data(), h_, w_, p_, kChannels);
+  }));
 }
 
 std::vector<Case> Workload::cases() {
   std::vector<Case> cases;
   addFilters(cases);
+  addMatching(cases);
   addResampling(cases);
   addFixedPoint(cases);
   addSolver(cases);
@@ -254,6 +268,13 @@ std::string sizeText(double bytes) {
 }
 
 }  // namespace
+
+const Case& find(const std::vector<Case>& cases, const std::string& name) {
+  for (const Case& work : cases) {
+    if (work.name.compare(0, name.size(), name) == 0) return work;
+  }
+  throw std::logic_error("no case " + name);
+}
 
 Case teamTriad(double footprint) {
   constexpr int kWidth = 640;

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "passes.h"
+
 namespace bench {
 
 /// Stacked device planes of one size and pitch.
@@ -49,9 +51,6 @@ class Workload {
   std::vector<Case> cases();
 
  private:
-  static constexpr int kSolverIterations = 10;
-  static constexpr int kFixedPointIterations = 5;
-
   /// Planes of a fixed-point step.
   struct Step {
     Step(int h, int w);
@@ -65,6 +64,9 @@ class Workload {
   void addResampling(std::vector<Case>& cases);
   void addFixedPoint(std::vector<Case>& cases);
   void addSolver(std::vector<Case>& cases);
+  void addMatching(std::vector<Case>& cases);
+  /// A whole fixed-point step.
+  Case makeStep(const char* name, int iterations, double moved, double touched);
   /// A case by the floats per pixel that it moves and touches.
   Case make(const std::string& name, double moved, double touched, std::function<void()> run) const;
   CGtmp cg() const;
@@ -74,9 +76,19 @@ class Workload {
   std::vector<float> mask_;
   Planes image1_, image2_, flow_, warped_, gconf_, match_;  // input, as system_
   Step system_;
-  Planes out_, outFlow_, vectors_;  // what the cases write, as work_
+  Planes out_, outFlow_, vectors_, histograms_;  // what the cases write, as work_
   Step work_;
 };
+
+/// How the names of some cases begin.
+inline constexpr const char* kConfidence = "gComputeConfidence";
+inline constexpr const char* kDiffusivity = "gDiffusivity";
+inline constexpr const char* kTensorStep = "gNonLinearIteration, 0 x 0";
+inline constexpr const char* kWholeStep = "gNonLinearIteration, 5 x 10";
+static_assert(kFixedPointIterations == 5 && kSolverIterations == 10, "the name says so");
+
+/// The first case whose name begins so; throws std::logic_error if there is none.
+const Case& find(const std::vector<Case>& cases, const std::string& name);
 
 /// Team triad a = a * s + b over two arrays of `footprint` bytes together: the memory bandwidth that kernels
 /// of this footprint can reach.
