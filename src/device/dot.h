@@ -31,27 +31,37 @@ inline std::size_t dotScratch(int h, int w) {
 
 namespace cpu {
 
-/// Segment sums of one row: a1 * b1 + a2 * b2 over w columns into sums[0 ... segments - 1].
-TARVO_HOST_DEVICE void dotRow(const float* a1, const float* b1, const float* a2, const float* b2, int w,
-                              float* sums) {
+/// Segment sums of one row of w columns into sums[0 ... segments - 1]; row.at(x, sum) adds column x to a
+/// lane's sum.
+template <class RowOf>
+TARVO_HOST_DEVICE void sumRow(int w, float* sums, const RowOf& row) {
   for (int start = 0; start < w; start += kSegment) {
     const int end = start + kSegment < w ? start + kSegment : w;
     float lanes[kLanes] = {};
     int x = start;
     for (; x + kLanes <= end; x += kLanes) {
 #pragma omp simd
-      for (int j = 0; j < kLanes; ++j) {
-        lanes[j] = fmaf(a2[x + j], b2[x + j], fmaf(a1[x + j], b1[x + j], lanes[j]));
-      }
+      for (int j = 0; j < kLanes; ++j) lanes[j] = row.at(x + j, lanes[j]);
     }
-    for (int j = 0; x + j < end; ++j) {
-      lanes[j] = fmaf(a2[x + j], b2[x + j], fmaf(a1[x + j], b1[x + j], lanes[j]));
-    }
+    const int rest = end - x;
+#pragma omp simd
+    for (int j = 0; j < rest; ++j) lanes[j] = row.at(x + j, lanes[j]);
     for (int half = kLanes / 2; half > 0; half /= 2) {
       for (int j = 0; j < half; ++j) lanes[j] += lanes[j + half];
     }
     *sums++ = lanes[0];
   }
+}
+
+/// a1 * b1 + a2 * b2, column by column.
+struct DotRow {
+  const float *a1, *b1, *a2, *b2;
+  TARVO_HOST_DEVICE float at(int x, float sum) const { return fmaf(a2[x], b2[x], fmaf(a1[x], b1[x], sum)); }
+};
+
+TARVO_HOST_DEVICE void dotRow(const float* a1, const float* b1, const float* a2, const float* b2, int w,
+                              float* sums) {
+  sumRow(w, sums, DotRow{a1, b1, a2, b2});
 }
 
 /// The final sum of n segment sums.

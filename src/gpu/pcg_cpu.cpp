@@ -207,37 +207,36 @@ TARVO_BAND void productBand(Sweep sweep, int y0, int y1) {
   }
 }
 
-/// r -= alpha * q over one row; z goes to a scratch row for the dot product.
-TARVO_HOST_DEVICE void residualRow(const Sweep& sweep, int y, Row z) {
-  const float* a0 = sweep.matrixRow(kMatrixUU, y);
-  const float* a1 = sweep.matrixRow(kMatrixVU, y);
-  const float* a3 = sweep.matrixRow(kMatrixVV, y);
+/// One row of sweep B: r -= alpha * q, and the segment sums of r * z as device::cpu::dotRow forms them, with z
+/// in registers.
+struct ResidualRow {
+  const float *a0, *a1, *a3, *q1, *q2;
+  float *r1, *r2;
+  float alpha;
+
+  TARVO_HOST_DEVICE float at(int i, float sum) const {
+    const float first = fmaf(-alpha, q1[i], r1[i]);
+    const float second = fmaf(-alpha, q2[i], r2[i]);
+    const kernels::Pair z = kernels::blockSolve(a0[i], a1[i], a3[i], first, second);
+    r1[i] = first;
+    r2[i] = second;
+    return fmaf(second, z.second, fmaf(first, z.first, sum));
+  }
+};
+
+TARVO_HOST_DEVICE void residualRow(const Sweep& sweep, int y) {
   const Row r = sweep.row(sweep.s.r, y);
   const Row q = sweep.row(sweep.s.q, y);
-  const float alpha = sweep.alpha;
-  const int w = sweep.s.w;
-#pragma omp simd
-  for (int i = 0; i < w; ++i) {
-    const float r1 = fmaf(-alpha, q.first[i], r.first[i]);
-    const float r2 = fmaf(-alpha, q.second[i], r.second[i]);
-    const kernels::Pair pair = kernels::blockSolve(a0[i], a1[i], a3[i], r1, r2);
-    r.first[i] = r1;
-    r.second[i] = r2;
-    z.first[i] = pair.first;
-    z.second[i] = pair.second;
-  }
+  const ResidualRow row{sweep.matrixRow(kMatrixUU, y), sweep.matrixRow(kMatrixVU, y), sweep.matrixRow(kMatrixVV, y),
+                        q.first, q.second, r.first, r.second, sweep.alpha};
+  device::cpu::sumRow(sweep.s.w, sweep.sumsOf(y), row);
 }
 
 /// Sweep B; also saves the chunk's first and last row of the search direction.
 TARVO_BAND void residualBand(Sweep sweep, int y0, int y1) {
   const CpuSolve& s = sweep.s;
   const int chunk = y0 / s.rows;
-  const Row z = sweep.savedRow(chunk, SavedRow::Scratch);
-  for (int y = y0; y < y1; ++y) {
-    residualRow(sweep, y, z);
-    const Row r = sweep.row(s.r, y);
-    device::cpu::dotRow(r.first, z.first, r.second, z.second, s.w, sweep.sumsOf(y));
-  }
+  for (int y = y0; y < y1; ++y) residualRow(sweep, y);
   const auto save = [&](int y, SavedRow which) {
     const Row from = sweep.row(s.search, y);
     const Row to = sweep.savedRow(chunk, which);

@@ -12,10 +12,15 @@ struct Pair {
   float first, second;
 };
 
+/// A block is regular where |det| > 0.0001 in double precision. The nearest float, 0.0001f, lies below that and
+/// the next one above, so that a comparison in single precision says the same.
+constexpr float kLeastDeterminant = 0.0001f;
+static_assert(static_cast<double>(kLeastDeterminant) < 0.0001, "no float lies between the two");
+
 /// Inverse of the pixel's 2 x 2 block times (r1, r2), or (r1, r2) where |det| <= 0.0001 or is not a number.
 TARVO_HOST_DEVICE Pair blockSolve(float a0, float a1, float a3, float r1, float r2) {
   const float det = a0 * a3 - a1 * a1;
-  const bool regular = std::fabs(static_cast<double>(det)) > 0.0001;
+  const bool regular = std::fabs(det) > kLeastDeterminant;
   const float z1 = (a3 * r1 - a1 * r2) / det;
   const float z2 = (a0 * r2 - a1 * r1) / det;
   return {regular ? z1 : r1, regular ? z2 : r2};
