@@ -111,8 +111,7 @@ TARVO_API float aae(CTensor<float> flow, CTensor<float> reference);
 /// Writes a plane as a binary portable grey map, its smallest value as 0 and its largest as 255 (a constant
 /// plane and values that are not a number: 0), and prints "NAME, range = RANGE".
 /// @param data           height rows of width floats
-/// @param filename       an existing file is replaced when the new one is complete; a file that cannot be
-/// opened
+/// @param filename       an existing file is replaced when the new one is complete; one that cannot be opened
 ///                       is passed over silently
 /// @param height, width  below 1: the range is printed as -2000000000, and the file has no pixels
 TARVO_API void print_image_cpu(float* data, const char* filename, int height, int width);

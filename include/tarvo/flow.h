@@ -11,12 +11,13 @@
 // the second.
 //
 // Parameters:
-//   sigma                 standard deviation of the smoothing of both images beforehand [pixels]; none unless
-//   > 0 alpha                 weight of the smoothness of the flow beta                  weight of descriptor
-//   matches gamma                 weight of gradient constancy, against brightness constancy eta size ratio
-//   of consecutive pyramid levels, between 0 and 1; closer to 1 is finer and slower fixedPointIterations
-//   outer iterations per level solverIterations      iterations of the linear solver per outer iteration;
-//   doubled for the last five passes
+//   - sigma: standard deviation of the smoothing of both images beforehand [pixels]; none unless > 0
+//   - alpha: weight of the smoothness of the flow
+//   - beta: weight of the descriptor matches
+//   - gamma: weight of gradient constancy, against brightness constancy
+//   - eta: size ratio of consecutive pyramid levels, between 0 and 1; closer to 1 is finer and slower
+//   - fixedPointIterations: outer iterations per level
+//   - solverIterations: iterations of the linear solver per outer iteration; doubled for the last five passes
 //
 // Every function throws std::invalid_argument, naming the argument and its values, before anything is
 // changed: for images of other than three channels, of no pixels, of different or too large sizes, weights

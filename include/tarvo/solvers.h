@@ -9,7 +9,7 @@
 // p (see MatrixPlane), `rhs` a stack of two (b_u, b_v), h * p floats apart. The matrix is symmetric and
 // positive definite. Any device error prints its message (unit "solvers") and ends the process.
 
-/// Planes of the system matrix. The planes behind the first three couplings and plane 11 are never touched.
+/// Planes of the system matrix. The planes behind the four couplings are read by no solver.
 enum MatrixPlane {
   kMatrixUU = 0,
   kMatrixVU = 1,  ///< equal to kMatrixUV

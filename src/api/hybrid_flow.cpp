@@ -3,6 +3,7 @@
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 

@@ -51,13 +51,11 @@ std::vector<Overlap> overlapsOf(int size, int newSize) {
   return overlaps;
 }
 
-/// Adds lines side by side: sample `source` of all `count` lines lies at in + source * count, cell `cell` at
-/// out + cell * outStride.
-void addOverlaps(const std::vector<Overlap>& overlaps, const float* in, std::ptrdiff_t inStride, float* out,
-                 std::ptrdiff_t outStride, int count) {
+/// Adds `count` lines side by side: sample n of all lines lies at in + n * count, cell n at out + n * count.
+void addOverlaps(const std::vector<Overlap>& overlaps, const float* in, float* out, int count) {
   for (const Overlap& overlap : overlaps) {
-    const float* from = in + overlap.source * inStride;
-    float* to = out + overlap.cell * outStride;
+    const float* from = in + static_cast<std::ptrdiff_t>(overlap.source) * count;
+    float* to = out + static_cast<std::ptrdiff_t>(overlap.cell) * count;
 #pragma omp simd
     for (int i = 0; i < count; ++i) to[i] += from[i] * overlap.length;
   }
@@ -73,7 +71,7 @@ CMatrix<float> reduceRows(const CMatrix<float>& source, int newX) {
     const int count = source.sizeY() - y < kRowBundle ? source.sizeY() - y : kRowBundle;
     gatherRows(&source(0, y), source.sizeX(), count, lines.data());
     sums.assign(sums.size(), 0.0f);
-    addOverlaps(overlaps, lines.data(), count, sums.data(), count, count);
+    addOverlaps(overlaps, lines.data(), sums.data(), count);
     scatterRows(sums.data(), newX, count, &result(0, y));
   }
   return result;
@@ -81,9 +79,8 @@ CMatrix<float> reduceRows(const CMatrix<float>& source, int newX) {
 
 /// Sums over the cells of each column: newY rows.
 CMatrix<float> reduceColumns(const CMatrix<float>& source, int newY) {
-  const int w = source.sizeX();
-  CMatrix<float> result(w, newY, 0.0f);
-  addOverlaps(overlapsOf(source.sizeY(), newY), source.data(), w, result.data(), w, w);
+  CMatrix<float> result(source.sizeX(), newY, 0.0f);
+  addOverlaps(overlapsOf(source.sizeY(), newY), source.data(), result.data(), source.sizeX());
   return result;
 }
 

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "cpuflow/host_system.h"
+#include "device/device.h"
 #include "device/report.h"
 
 // One level of the host flow: lagged weights on the host, linear systems on the device.
@@ -98,6 +99,8 @@ void COpticFlow::nonlinearIteration(CTensor<float>& image1, CTensor<float>& warp
     requireSize(*match, image1, matchU.sizeZ());
   }
   requireSize(flow, image1, 2);
+  if (extraTerm != nullptr) requireSize(*extraTerm, image1);
+  const device::Entry entry;
   const std::clock_t start = std::clock();
   const int w = image1.sizeX(), h = image1.sizeY();
   report::print("%dx%d \n", w, h);

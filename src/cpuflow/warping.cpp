@@ -4,12 +4,15 @@
 #include <tarvo/exceptions.h>
 #include <tarvo/timers.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstddef>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
+#include "device/device.h"
 #include "device/report.h"
 
 // The coarse-to-fine scheme on the host.
@@ -90,11 +93,27 @@ float quotient(int a, int b) {
   return static_cast<float>(a) / static_cast<float>(b);
 }
 
+CTensor<float> firstPlanes(const CTensor<float>& tensor, int planes) {
+  if (tensor.sizeZ() == planes) return tensor;
+  CTensor<float> part(tensor.sizeX(), tensor.sizeY(), planes);
+  std::copy_n(tensor.data(), part.size(), part.data());
+  return part;
+}
+
 /// Copies of the pictures and the match field in the size of a pass.
 struct LevelData {
   CTensor<float> image1, image2, matchU, matchV, matchWeight;
   CMatrix<float> extraTerm;
 
+  LevelData(const CTensor<float>& first, const CTensor<float>& second, const CTensor<float>& u,
+            const CTensor<float>& v, const CTensor<float>& weight, const CMatrix<float>* extra)
+      : image1(first),
+        image2(second),
+        matchU(u),
+        matchV(firstPlanes(v, u.sizeZ())),
+        matchWeight(firstPlanes(weight, u.sizeZ())) {
+    if (extra != nullptr) extraTerm = *extra;
+  }
   void reduce(const Pass& pass) {
     const int width = image1.sizeX(), height = image1.sizeY();
     image1.downsample(pass.w, pass.h);
@@ -147,6 +166,13 @@ void requireSameSizes(const CTensor<float>& a, const CTensor<float>& b, int plan
 }
 
 template <class Value>
+void requireSameSizes(const CTensor<float>& a, const CMatrix<Value>& b) {
+  if (a.sizeX() != b.sizeX() || a.sizeY() != b.sizeY()) {
+    throw ETensorIncompatibleSize(a.sizeX(), a.sizeY(), b.sizeX(), b.sizeY());
+  }
+}
+
+template <class Value>
 void require(bool good, const char* name, const char* must, Value value) {
   if (good) return;
   std::ostringstream text;
@@ -160,9 +186,7 @@ void COpticFlow::warp(const CTensor<float>& image, CTensor<float>& warped, CMatr
                       CTensor<float>& flow) {
   requireSameSizes(image, warped, image.sizeZ());
   requireSameSizes(image, flow, 2);
-  if (outside.sizeX() != image.sizeX() || outside.sizeY() != image.sizeY()) {
-    throw ETensorIncompatibleSize(image.sizeX(), image.sizeY(), outside.sizeX(), outside.sizeY());
-  }
+  requireSameSizes(image, outside);
   for (int y = 0; y < image.sizeY(); ++y) {
     for (int x = 0; x < image.sizeX(); ++x) {
       Cell cell;
@@ -183,9 +207,14 @@ void COpticFlow::warpingGeometric(CTensor<float> image1, CTensor<float> image2, 
   for (CTensor<float>* match : {&matchU, &matchV, &matchWeight}) {
     requireSameSizes(image1, *match, matchU.sizeZ());
   }
+  if (extraTerm != nullptr) requireSameSizes(image1, *extraTerm);
   require(image1.size() > 0, "image1", "at least 1 x 1 x 1", image1.size());
+  constexpr int kMatrixPlanes = 12;
+  require(image1.sizeX() * image1.sizeY() <= INT_MAX / kMatrixPlanes, "image1", "at most 178 million pixels",
+          image1.sizeX() * image1.sizeY());
   require(eta > 0.0f && eta <= 1.0f, "eta", "greater than 0 and at most 1", eta);
   require(solverIterations <= INT_MAX / 2, "solverIterations", "less than 2^30", solverIterations);
+  const device::Entry entry;
   const int width = image1.sizeX(), height = image1.sizeY();
   const int scales = scalesOf(width, height, static_cast<double>(eta));
   report::print("# scales = %d\n", scales);
@@ -193,28 +222,28 @@ void COpticFlow::warpingGeometric(CTensor<float> image1, CTensor<float> image2, 
     smoothPicture(image1, sigma);
     smoothPicture(image2, sigma);
   }
-  flow = CTensor<float>(width, height, 2, 0.0f);
+  CTensor<float> current(width, height, 2, 0.0f);  // the caller's stays as it is if something fails
 
   for (int index = scales; index >= -kFinalPasses; --index) {
     const Pass pass = passOf(index, width, height, static_cast<double>(eta));
     if (!pass.skipped()) {
-      LevelData level{image1, image2, matchU, matchV, matchWeight, {}};
-      if (extraTerm != nullptr) level.extraTerm = *extraTerm;
+      LevelData level(image1, image2, matchU, matchV, matchWeight, extraTerm);
       if (index >= 1) level.reduce(pass);
-      if (pass.clamped == scales && index >= 1) flow = CTensor<float>(pass.w, pass.h, 2, 0.0f);
-      if (pass.clamped < scales && index >= 0) carryFlow(flow, pass);
+      if (pass.clamped == scales && index >= 1) current = CTensor<float>(pass.w, pass.h, 2, 0.0f);
+      if (pass.clamped < scales && index >= 0) carryFlow(current, pass);
       CMatrix<float> valid(pass.w, pass.h, 1.0f);
-      CTensor<float> warped = pass.clamped == scales ? level.image2 : warpedPicture(level, flow, valid);
-      if (index < 0) level.matchWeight = CTensor<float>(pass.w, pass.h, matchWeight.sizeZ(), 0.0f);
+      CTensor<float> warped = pass.clamped == scales ? level.image2 : warpedPicture(level, current, valid);
+      if (index < 0) level.matchWeight = CTensor<float>(pass.w, pass.h, matchU.sizeZ(), 0.0f);
       const auto levelGamma =
           static_cast<float>(static_cast<double>(gamma) * std::pow(static_cast<double>(eta), pass.clamped));
-      nonlinearIteration(level.image1, warped, valid, level.matchU, level.matchV, level.matchWeight, flow,
+      const int sweeps = index < 0 && solverIterations > 0 ? 2 * solverIterations : solverIterations;
+      nonlinearIteration(level.image1, warped, valid, level.matchU, level.matchV, level.matchWeight, current,
                          extraTerm != nullptr ? &level.extraTerm : nullptr, alpha, beta, levelGamma,
-                         extraWeight, fixedPointIterations,
-                         index < 0 ? 2 * solverIterations : solverIterations, omega, pass.clamped);
+                         extraWeight, fixedPointIterations, sweeps, omega, pass.clamped);
     }
     report::progress(scales - index + 1, scales + 1 + kFinalPasses);
   }
+  flow = std::move(current);
   report::print("time in matrix setup = %lf\n", setup_time / kTicksPerSecond);
   report::print("time in matrix solve = %lf\n", sortimer / kTicksPerSecond);
 }

@@ -18,7 +18,7 @@ struct Columns {
 
   TARVO_HOST_DEVICE void set(int x0, int outW, int inW) {
     const float scale = static_cast<float>(inW) / static_cast<float>(outW);
-    count = std::min(kSide, outW - x0);
+    count = outW - x0 < kSide ? outW - x0 : kSide;
     most = 0;
     for (int k = 0; k < count; ++k) {
       const kernels::Footprint footprint(x0 + k, scale, inW);

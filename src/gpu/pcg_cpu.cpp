@@ -207,8 +207,8 @@ TARVO_BAND void productBand(Sweep sweep, int y0, int y1) {
   }
 }
 
-/// One row of sweep B: r -= alpha * q, and the segment sums of r * z as device::cpu::dotRow forms them, with z
-/// in registers.
+/// One row of sweep B: r -= alpha * q, and the segment sums of r * z as device::cpu::dotRow forms them, with
+/// z in registers.
 struct ResidualRow {
   const float *a0, *a1, *a3, *q1, *q2;
   float *r1, *r2;
@@ -227,8 +227,14 @@ struct ResidualRow {
 TARVO_HOST_DEVICE void residualRow(const Sweep& sweep, int y) {
   const Row r = sweep.row(sweep.s.r, y);
   const Row q = sweep.row(sweep.s.q, y);
-  const ResidualRow row{sweep.matrixRow(kMatrixUU, y), sweep.matrixRow(kMatrixVU, y), sweep.matrixRow(kMatrixVV, y),
-                        q.first, q.second, r.first, r.second, sweep.alpha};
+  const ResidualRow row{sweep.matrixRow(kMatrixUU, y),
+                        sweep.matrixRow(kMatrixVU, y),
+                        sweep.matrixRow(kMatrixVV, y),
+                        q.first,
+                        q.second,
+                        r.first,
+                        r.second,
+                        sweep.alpha};
   device::cpu::sumRow(sweep.s.w, sweep.sumsOf(y), row);
 }
 

@@ -1,7 +1,7 @@
 #include <tarvo/solvers.h>
 #include <tarvo/timers.h>
 
-#include <algorithm>
+#include <cstddef>
 #include <ctime>
 
 #include "device/launch.h"
@@ -27,7 +27,8 @@ TARVO_HOST_DEVICE void relaxInner(const Relaxation& r, int x0, int x1, int y) {
   float* dv = r.dv + static_cast<long>(y) * r.p;
   float u[kBlock], v[kBlock];
   for (; x0 < x1; x0 += 2 * kBlock) {
-    const int count = std::min(kBlock, (x1 - x0 + 1) / 2);
+    const int left = (x1 - x0 + 1) / 2;
+    const int count = left < kBlock ? left : kBlock;
 #pragma omp simd
     for (int k = 0; k < count; ++k) {
       const int x = x0 + 2 * k;

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "device/kernel.h"
+#include "gpu/solver_kernels.h"
 
 namespace kernels {
 
@@ -46,7 +47,7 @@ struct SORiteration_mem_opt_kernel {
     if (y < h - 1) decouple(matrix[i + kMatrixSouth * n], i + p, ru, rv);
     const float a0 = matrix[i], a2 = matrix[i + kMatrixUV * n], a3 = matrix[i + kMatrixVV * n];
     const float det = a0 * a3 - a2 * a2;
-    const bool regular = std::fabs(static_cast<double>(det)) > 0.0001;
+    const bool regular = std::fabs(det) > kLeastDeterminant;  // as in blockSolve
     const float nu = (a3 * ru - a2 * rv) / det;
     const float nv = (a0 * rv - a2 * ru) / det;
     return {fmaf(regular ? nu : 0.0f, omega, (1.0f - omega) * du[i]),

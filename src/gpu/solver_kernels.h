@@ -12,8 +12,8 @@ struct Pair {
   float first, second;
 };
 
-/// A block is regular where |det| > 0.0001 in double precision. The nearest float, 0.0001f, lies below that and
-/// the next one above, so that a comparison in single precision says the same.
+/// A block is regular where |det| > 0.0001 in double precision. The nearest float, 0.0001f, lies below that
+/// and the next one above, so that a comparison in single precision says the same.
 constexpr float kLeastDeterminant = 0.0001f;
 static_assert(static_cast<double>(kLeastDeterminant) < 0.0001, "no float lies between the two");
 

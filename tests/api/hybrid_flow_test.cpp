@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <functional>
 #include <limits>
 #include <stdexcept>
 #include <thread>
 
+#include "api/cross_check.h"
 #include "match/pictures.h"
 #include "support/library_state.h"
 #include "support/scene.h"
@@ -82,17 +84,116 @@ TEST(HybridFlow, ReportsNoDisplacementWhereBothSearchesFindTheSame) {
   const Planes image = picture(80, 90, textured);
   const Outcome same = hybrid(image, image, 0.0f, 0.8f, 1);
   EXPECT_EQ(same.linesWith("Error U") + same.linesWith("Error V"), 0);
-  // Without any device match every point that the host matches is an error.
   const Planes moved = picture(80, 90, textured, 4, 2);
   const Outcome shifted = hybrid(image, moved, 0.0f, 0.8f, 1);
   EXPECT_EQ(shifted.linesWith("Error U") + shifted.linesWith("Error V"), 0);
 }
 
+TEST(CrossChecking, PrintsWhatDiffersFromTheHostsMatches) {
+  const CTensor<float> first = tensorOf(picture(80, 90, textured)),
+                       second = tensorOf(picture(80, 90, textured, 4, 2));
+  const api::HostFeatures features(first, second);
+  const CTensor<float> none(90, 80, 1, 0.0f);
+  Outcome empty, shifted;
+  {
+    const Report report;
+    api::crossCheck(features, none, none, none);
+    empty.lines = report.lines();
+  }
+  // Points whose match lies inside the window are found at exactly (4, 2), with the same neighbourhood.
+  int points = 0;
+  for (int y = 12; y < 80 - 12 - 2; y += 4) {
+    for (int x = 12; x < 90 - 12 - 4; x += 4) {
+      if (!(0.125 * static_cast<double>(features.meanConfidence) >
+            static_cast<double>(features.confidence(x, y)))) {
+        ++points;
+      }
+    }
+  }
+  EXPECT_GT(points, 150);
+  EXPECT_EQ(empty.linesWith("Error U"), points);
+  EXPECT_EQ(empty.linesWith("Error V"), points);
+  EXPECT_EQ(empty.linesWith("Error W"), points);
+  int single = 0, several = 0;  // points with one acceptable candidate, and with more
+  for (const std::string& line : empty.lines) {
+    int x, y, f, from, back, d, secondX, secondY;
+    float u;
+    double weight, expected, d1, d2;
+    if (std::sscanf(line.c_str(), "Error U %d %d : %d %d %d %d %f %d %d\n", &x, &y, &f, &from, &back, &d, &u,
+                    &secondX, &secondY) == 9) {
+      EXPECT_TRUE(f == x + 4 && from == x && back == x && d == 4 && u == 0.0f) << line;
+      const bool alone = secondX == 0 && secondY == 0;
+      (alone ? single : several) += 1;
+      EXPECT_TRUE(alone || (secondX >= 12 && secondX < 78 && secondY >= 12 && secondY < 68)) << line;
+      EXPECT_FALSE(secondX == x + 4 && secondY == y + 2) << line;
+    } else if (std::sscanf(line.c_str(), "Error V %d %d : %d %d %d %f\n", &x, &y, &f, &from, &d, &u) == 6) {
+      EXPECT_TRUE(f == y + 2 && from == y && d == 2 && u == 0.0f) << line;
+    } else if (std::sscanf(line.c_str(), "Error W %d %d : %lf %lf %lf %lf\n", &x, &y, &weight, &expected, &d1,
+                           &d2) == 6) {
+      EXPECT_TRUE(weight == 0.0 && d1 < d2) << line;
+      EXPECT_NEAR(expected, (d2 - d1) / (d1 + 1e-6), 0.02 * expected) << line;
+    }
+  }
+  EXPECT_TRUE(single > 0 && several > single);
+  {
+    const Report report;  // the right displacements: only the weights are still missing
+    api::crossCheck(features, CTensor<float>(90, 80, 1, 4.0f), CTensor<float>(90, 80, 1, 2.0f), none);
+    shifted.lines = report.lines();
+  }
+  EXPECT_EQ(shifted.linesWith("Error U") + shifted.linesWith("Error V"), 0);
+  EXPECT_EQ(shifted.linesWith("Error W"), points);
+}
+
+TEST(CrossChecking, IsGatedByTheConfidenceAsItIs) {
+  const CTensor<float> first = tensorOf(picture(60, 64, textured)),
+                       second = tensorOf(picture(60, 64, textured, 1, 1));
+  api::HostFeatures features(first, second);
+  const CTensor<float> none(64, 60, 1, 0.0f);
+  const auto errorsWith = [&](float confidence, float mean) {
+    features.confidence = CMatrix<float>(64, 60, confidence);
+    features.meanConfidence = mean;
+    const Report report;
+    api::crossCheck(features, none, none, none);
+    return Outcome{{}, report.lines()}.linesWith("Error U");
+  };
+  EXPECT_GT(errorsWith(0.125f, 1.0f), 0) << "not truncated to an integer";
+  EXPECT_EQ(errorsWith(std::nextafter(0.125f, 0.0f), 1.0f), 0);
+}
+
+TEST(HybridFlow, IsTheSchemeOnTheDevicesMatches) {
+  const Planes first = picture(210, 112, textured), second = picture(210, 112, textured, 3, 1);
+  const CTensor<float> image1 = tensorOf(first), image2 = tensorOf(second);
+  const api::HostFeatures features(image1, image2);
+  const Outcome outcome = hybrid(first, second, 0.0f, 0.8f, 2);
+  CTensor<float> u(112, 210, 1), v(u), weight(u), flow;
+  const Silence silence;
+  HOGMatch(image1.data(), image2.data(), features.hog1.data(), features.hog2.data(),
+           features.confidence.data(), weight.data(), u.data(), v.data(), 112, 210);
+  COpticFlow::warpingGeometric(image1, image2, flow, u, v, weight, nullptr, 0.0f, 30.0f, 300.0f, 5.0f, 0.0f,
+                               0.8f, 2, 10, 1.85f);
+  EXPECT_TRUE(exact(outcome.flow, planesOf(flow)));
+
+  char lines[2][200];
+  std::snprintf(lines[0], sizeof lines[0], "avg = %f \n", static_cast<double>(features.meanConfidence));
+  std::snprintf(lines[1], sizeof lines[1], "108,108: E1=%f E2=%f E2'=%f \n",
+                static_cast<double>(features.energy1(108, 108)),
+                static_cast<double>(features.energy2(108, 108)),
+                static_cast<double>(features.energy2(72, 206)));
+  EXPECT_EQ(outcome.linesWith(lines[0]), 1);
+  EXPECT_GE(outcome.linesWith(lines[1]), 1);
+}
+
 TEST(HybridFlow, MatchesOnlyIfMatchingIsOn) {
   const Planes first = picture(60, 70, textured), second = picture(60, 70, textured, 2, 0);
-  NMatching::enable(false);
-  const Outcome off = hybrid(first, second);
-  NMatching::enable(true);
+  struct Restore {
+    ~Restore() { NMatching::enable(true); }
+  };
+  Outcome off;
+  {
+    const Restore restore;
+    NMatching::enable(false);
+    off = hybrid(first, second);
+  }
   EXPECT_EQ(off.linesWith("avg") + off.linesWith("GPU Match"), 0);
   EXPECT_FALSE(exact(off.flow, hybrid(first, second).flow));
 }
@@ -181,7 +282,9 @@ TEST(HybridFlow, PassesDeviceErrorsOnAndReleasesEverything) {
   const std::size_t inUse = NDevice::memoryUse().inUse;
   for (long call = 1; call <= calls; call += 3) {
     NDevice::failCall(call);
-    EXPECT_THROW(compute(), DeviceFailure) << call;
+    CTensor<float> a = tensorOf(first), b = tensorOf(second), flow(2, 2, 1, 7.0f);
+    EXPECT_THROW(runFlow(a, b, flow, 0.0f, 30.0f, 300.0f, 5.0f, 0.5f, 1, 1), DeviceFailure) << call;
+    EXPECT_TRUE(exact(planesOf(flow), Planes(2, 2, 1, 7.0f)));
     EXPECT_EQ(NDevice::memoryUse().inUse, inUse) << call;
   }
   EXPECT_TRUE(exact(compute(), expected));

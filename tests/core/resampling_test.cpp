@@ -93,6 +93,16 @@ TEST(Downsample, SpreadsWeightedElements) {
   EXPECT_FLOAT_EQ(values(1, 0), 20);
   EXPECT_TRUE(sameElements(weights, kept));
 
+  // 3 x 4 to 2 x 2: columns at 0, 2/3, 4/3 and rows at 0, 1/2, 1, 3/2; what would fall outside is dropped.
+  CMatrix<float> plane = matrix(3, 4, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
+  CMatrix<float> one = matrix(3, 4, {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 4});
+  plane.downsample(2, 2, one);
+  // Value 5 at (2/3, 1/2), 9 at (4/3, 1), 12 at (4/3, 3/2).
+  EXPECT_NEAR(plane(0, 0), (1 * 1 + 5 * 2 / 6.0) / (1 + 2 / 6.0), 1e-5);
+  EXPECT_NEAR(plane(1, 0), 5, 1e-5);
+  EXPECT_NEAR(plane(0, 1), 5, 1e-5);
+  EXPECT_NEAR(plane(1, 1), (5 * 2 / 3.0 + 9 * 3 * 2 / 3.0 + 12 * 4 / 3.0) / (2 / 3.0 + 2 + 4 / 3.0), 1e-4);
+
   CMatrix<float> unseen = patternMatrix(9, 8);
   CMatrix<float> nothing = matrix(9, 8, std::vector<float>(72, std::nanf("")));
   unseen.downsample(4, 3, nothing);

@@ -210,6 +210,34 @@ TEST(HostDiffusivity, IsTheInverseGradientOfTheTotalFlow) {
   EXPECT_EQ(report.lines(), std::vector<std::string>{"DF\n"});
 }
 
+TEST(HostIteration, AssemblesAndRelaxesInTurns) {
+  Level level(22, 18, 2);
+  const Level before(level);
+  level.iterate(3);
+  const Silence silence;
+  Level twin(before);
+  CTensor<float> increment(22, 18, 2, 0.0f);
+  CMatrix<float> diffX(22, 18), diffY(22, 18);
+  const cpuflow::DataTerms data(twin.image1, twin.warped2, twin.gconf);
+  for (int k = 0; k < 3; ++k) {
+    COpticFlow::diffusivity(twin.flow, increment, diffX, diffY, nullptr, 0.0f);
+    cpuflow::HostSystem system(22, 18);
+    const float a = 1.0f / 30.0f;
+    system.assemble({data,
+                     {twin.matchU, twin.matchV, twin.matchWeight},
+                     twin.flow,
+                     increment,
+                     diffX,
+                     diffY,
+                     {a, a * 5.0f, a * 300.0f}});
+    SORIterations(system.matrix.data(), system.rhs.data(), &increment(0, 0, 0), &increment(0, 0, 1),
+                  increment.data(), 18, 22, 1.85f, 5);
+  }
+  Planes expected = planesOf(twin.flow);
+  for (std::size_t i = 0; i < expected.values.size(); ++i) expected.values[i] += increment.data()[i];
+  EXPECT_TRUE(exact(planesOf(level.flow), expected));
+}
+
 TEST(HostIteration, LeavesWhatNothingPulls) {
   Level same(21, 17);
   same.warped2 = same.image1;
@@ -257,12 +285,22 @@ TEST(HostIteration, AddsUpCandidatesAndTakesExtraTerms) {
 }
 
 TEST(HostIteration, RefusesSizesThatDoNotFitAndKeepsTheFlow) {
-  Level level(8, 9);
-  const Planes before = planesOf(level.flow);
-  level.matchWeight = CTensor<float>(8, 8, 1, 1.0f);
-  EXPECT_THROW(level.iterate(1), ETensorIncompatibleSize);
-  level = Level(8, 9);
-  level.gconf = CMatrix<float>(9, 8, 1.0f);
-  EXPECT_THROW(level.iterate(1), ETensorIncompatibleSize);
-  EXPECT_TRUE(exact(planesOf(level.flow), before));
+  const auto refuses = [](auto&& change) {
+    Level level(8, 9);
+    CMatrix<float> term(8, 9, 1.0f);
+    change(level, term);
+    const Planes before = planesOf(level.flow);
+    const Report report;
+    EXPECT_THROW(COpticFlow::nonlinearIteration(level.image1, level.warped2, level.gconf, level.matchU,
+                                                level.matchV, level.matchWeight, level.flow, &term, 30.0f,
+                                                300.0f, 5.0f, 0.0f, 1, 5, 1.85f, 0),
+                 ETensorIncompatibleSize);
+    EXPECT_TRUE(exact(planesOf(level.flow), before));
+    EXPECT_TRUE(report.lines().empty());
+  };
+  refuses([](Level& level, auto&) { level.matchWeight = CTensor<float>(8, 8, 1, 1.0f); });
+  refuses([](Level& level, auto&) { level.warped2 = CTensor<float>(8, 9, 2, 1.0f); });
+  refuses([](Level& level, auto&) { level.gconf = CMatrix<float>(9, 8, 1.0f); });
+  refuses([](Level& level, auto&) { level.flow = CTensor<float>(8, 9, 1, 1.0f); });
+  refuses([](Level&, CMatrix<float>& term) { term = CMatrix<float>(8, 8, 1.0f); });
 }

@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 #include <tarvo/COpticFlow.h>
 #include <tarvo/exceptions.h>
+#include <tarvo/timers.h>
 
+#include <climits>
 #include <cmath>
+#include <ctime>
 #include <limits>
 #include <stdexcept>
 
+#include "reference/host_flow_reference.h"
 #include "support/library_state.h"
 #include "support/scene.h"
 #include "support/tolerance.h"
@@ -18,28 +22,36 @@ using tolerance::exact;
 
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
-/// A match field and the parameters of a computation.
-struct Input {
-  CTensor<float> image1, image2, matchU, matchV, matchWeight;
-  float sigma = 0.0f, eta = 0.9f;
-  int fixedPointIterations = 5;
-
-  Input(const Planes& first, const Planes& second)
-      : image1(tensorOf(first)),
-        image2(tensorOf(second)),
-        matchU(first.w, first.h, 1, 0.0f),
-        matchV(matchU),
-        matchWeight(matchU) {}
+struct Input : reference::HostFlowInput {
+  Input(const Planes& first, const Planes& second) {
+    image1 = tensorOf(first);
+    image2 = tensorOf(second);
+    matchU = matchV = matchWeight = CTensor<float>(first.w, first.h, 1, 0.0f);
+    fixedPointIterations = 5;
+    solverIterations = 10;
+  }
 
   Planes flow(std::vector<std::string>* lines = nullptr) {
     const Report report;
     CTensor<float> result(2, 2, 7, 9.0f);
-    COpticFlow::warpingGeometric(image1, image2, result, matchU, matchV, matchWeight, nullptr, sigma, 30.0f,
-                                 300.0f, 5.0f, 0.0f, eta, fixedPointIterations, 10, 1.85f);
+    COpticFlow::warpingGeometric(image1, image2, result, matchU, matchV, matchWeight,
+                                 extraTerm.size() > 0 ? &extraTerm : nullptr, sigma, alpha, beta, gamma,
+                                 extraWeight, eta, fixedPointIterations, solverIterations, omega);
     if (lines) *lines = report.lines();
     return planesOf(result);
   }
 };
+
+/// Pictures with motion, some of it out of the picture, and sparse matches of two candidates.
+Input busyInput(int w, int h) {
+  Input input(render(h, w, 0, 0), render(h, w, 3.2, -1.7));
+  input.matchU = tensorOf(randomPlanes(h, w, 2, 1, -4.0f, 4.0f));
+  input.matchV = tensorOf(randomPlanes(h, w, 2, 2, -4.0f, 4.0f));
+  input.matchWeight = tensorOf(randomPlanes(h, w, 2, 3, -8.0f, 2.0f));
+  input.fixedPointIterations = 2;
+  input.solverIterations = 3;
+  return input;
+}
 
 }  // namespace
 
@@ -79,11 +91,35 @@ TEST(HostFlow, FollowsASmoothShiftAndSaysWhatItDoes) {
   for (std::size_t k = 12; k < 18; ++k) EXPECT_EQ(lines[k], "64x48 \n");
   EXPECT_EQ(lines[18].rfind("time in matrix setup = ", 0), 0u);
   EXPECT_EQ(lines[19].rfind("time in matrix solve = ", 0), 0u);
+  EXPECT_NEAR(std::stod(lines[18].substr(23)), setup_time / CLOCKS_PER_SEC, 1e-5);
+  EXPECT_NEAR(std::stod(lines[19].substr(23)), sortimer / CLOCKS_PER_SEC, 1e-5);
   EXPECT_EQ(progress.calls().size(), 17u);
   EXPECT_EQ(progress.calls().back().done, progress.calls().back().total);
 }
 
-TEST(HostFlow, FollowsMatchesOnEveryLevelButNotInTheFinalPasses) {
+TEST(HostFlow, GivesEveryPassWhatThePlainSchemeDoes) {
+  const auto expectTwin = [](Input input, const char* what) {
+    const Planes result = input.flow();
+    const Silence silence;
+    EXPECT_TRUE(exact(result, planesOf(reference::hostFlow(input)))) << what;
+  };
+  Input input = busyInput(52, 37);
+  expectTwin(input, "matches");
+  input.sigma = 1.3f;
+  expectTwin(input, "smoothed beforehand");
+  input.sigma = 0.0f;
+  input.extraTerm = CMatrix<float>(52, 37);
+  for (int i = 0; i < input.extraTerm.size(); ++i)
+    input.extraTerm.data()[i] = static_cast<float>(i % 52) * 0.1f;
+  input.extraWeight = 0.7f;
+  expectTwin(input, "an extra term");
+  input = busyInput(31, 20);
+  input.eta = 0.97f;
+  expectTwin(input, "passes of equal size in one direction or both");
+  expectTwin(busyInput(14, 13), "full resolution at once: the passes add up");
+}
+
+TEST(HostFlow, IsPulledByMatchesAlone) {
   // No texture: only matches act, and they say the same everywhere.
   Input input(Planes(40, 56, 3, 100.0f), Planes(40, 56, 3, 100.0f));
   EXPECT_TRUE(exact(input.flow(), Planes(40, 56, 2, 0.0f)));
@@ -92,25 +128,13 @@ TEST(HostFlow, FollowsMatchesOnEveryLevelButNotInTheFinalPasses) {
   for (int y = 2; y < 40; y += 4) {
     for (int x = 2; x < 56; x += 4) input.matchWeight(x, y, 0) = 1.0f;
   }
-  const Planes flow = input.flow();
-  EXPECT_TRUE(tolerance::flow(flow, uniformFlow(40, 56, 6.0f, -3.0f), 0, 0.05));
-  // A picture that is full resolution at once: matches in the first of six passes only.
-  Input tiny(Planes(12, 15, 3, 100.0f), Planes(12, 15, 3, 100.0f));
-  tiny.matchU = CTensor<float>(15, 12, 1, 1.0f);
-  tiny.matchWeight = tiny.matchU;
-  std::vector<std::string> lines;
-  EXPECT_TRUE(tolerance::flow(tiny.flow(&lines), uniformFlow(12, 15, 1.0f, 0.0f), 0, 0.05));
-  EXPECT_EQ(lines[0], "# scales = 0\n");
-  EXPECT_EQ(lines.size(), 1u + 6u + 2u);
-}
-
-TEST(HostFlow, SmoothsBeforehandAsItsMaskDoes) {
-  Input input(render(20, 24, 0, 0), render(20, 24, 0.5, 0.5));
-  const Planes plain = input.flow();
-  input.sigma = kNan;
-  EXPECT_TRUE(exact(input.flow(), plain));
-  input.sigma = 1.0f;
-  EXPECT_FALSE(exact(input.flow(), plain));
+  EXPECT_TRUE(tolerance::flow(input.flow(), uniformFlow(40, 56, 6.0f, -3.0f), 0, 0.05));
+  // Planes behind those of matchU are not looked at.
+  const Planes expected = input.flow();
+  CTensor<float> more(56, 40, 2, 77.0f);
+  std::copy_n(input.matchV.data(), 56 * 40, more.data());
+  input.matchV = more;
+  EXPECT_TRUE(exact(input.flow(), expected));
 }
 
 TEST(HostFlow, ReturnsForEverySizeAndForPassesOfEqualSize) {
@@ -134,10 +158,29 @@ TEST(HostFlow, ReturnsForEverySizeAndForPassesOfEqualSize) {
 TEST(HostFlow, RefusesWhatDoesNotFit) {
   const Input good(render(8, 9, 0, 0), render(8, 9, 0, 0));
   const auto with = [&](auto&& change) {
-    Input input(good);
-    change(input);
-    input.flow();
+    Input in(good);
+    change(in);
+    CTensor<float> flow(2, 2, 7, 9.0f);
+    const auto compute = [&] {
+      COpticFlow::warpingGeometric(in.image1, in.image2, flow, in.matchU, in.matchV, in.matchWeight,
+                                   in.extraTerm.data() ? &in.extraTerm : nullptr, in.sigma, in.alpha, in.beta,
+                                   in.gamma, in.extraWeight, in.eta, 1, in.solverIterations, in.omega);
+    };
+    const Report report;
+    try {
+      compute();
+    } catch (...) {
+      EXPECT_TRUE(exact(planesOf(flow), Planes(2, 2, 7, 9.0f)));
+      EXPECT_TRUE(report.lines().empty());
+      throw;
+    }
   };
+  EXPECT_THROW(with([](Input& in) { in.extraTerm = CMatrix<float>(9, 7, 1.0f); }), ETensorIncompatibleSize);
+  EXPECT_THROW(with([](Input& in) { in.extraTerm = CMatrix<float>(100, 80, 1.0f); }),
+               ETensorIncompatibleSize);
+  EXPECT_THROW(with([](Input& in) { in.matchU = CTensor<float>(9, 8, 2, 0.0f); }), ETensorIncompatibleSize);
+  EXPECT_THROW(with([](Input& in) { in.solverIterations = INT_MAX; }), std::invalid_argument);
+  EXPECT_NO_THROW(with([](Input& in) { in.solverIterations = INT_MIN; }));
   EXPECT_THROW(with([](Input& in) { in.image2 = CTensor<float>(9, 7, 3, 0.0f); }), ETensorIncompatibleSize);
   EXPECT_THROW(with([](Input& in) { in.matchV = CTensor<float>(8, 8, 1, 0.0f); }), ETensorIncompatibleSize);
   for (const float eta : {0.0f, -1.0f, 1.5f, kNan}) {

@@ -126,4 +126,38 @@ inline Planes solve(const Planes& A, const Planes& rhs, Planes x, int iterations
   return x;
 }
 
+/// `sweeps` red-black relaxations from `x`.
+inline Planes relax(const Planes& A, const Planes& rhs, Planes x, float omega, int sweeps) {
+  const auto value = [](const Planes& planes, int column, int row, int k) {
+    const bool inside = column >= 0 && row >= 0 && column < planes.w && row < planes.h;
+    return inside ? planes.at(column, row, k) : 0.0f;
+  };
+  for (int half = 0; half < 2 * sweeps; ++half) {
+    const Planes old = x;
+    for (int row = 0; row < x.h; ++row) {
+      for (int column = 0; column < x.w; ++column) {
+        if ((column + row) % 2 != half % 2) continue;
+        float r[2];
+        for (int k = 0; k < 2; ++k) {
+          r[k] = rhs.at(column, row, k);
+          if (row > 0) r[k] -= A.at(column, row, kMatrixNorth) * value(old, column, row - 1, k);
+          if (column > 0) r[k] -= A.at(column, row, kMatrixWest) * value(old, column - 1, row, k);
+          if (column < x.w - 1) r[k] -= A.at(column, row, kMatrixEast) * value(old, column + 1, row, k);
+          if (row < x.h - 1) r[k] -= A.at(column, row, kMatrixSouth) * value(old, column, row + 1, k);
+        }
+        const float a = A.at(column, row, kMatrixUU), b = A.at(column, row, kMatrixUV),
+                    c = A.at(column, row, kMatrixVV);
+        const float det = a * c - b * b;
+        const bool regular = std::fabs(static_cast<double>(det)) > 0.0001;
+        const float solution[] = {regular ? (c * r[0] - b * r[1]) / det : 0.0f,
+                                  regular ? (a * r[1] - b * r[0]) / det : 0.0f};
+        for (int k = 0; k < 2; ++k) {
+          x.at(column, row, k) = std::fmaf(solution[k], omega, (1.0f - omega) * old.at(column, row, k));
+        }
+      }
+    }
+  }
+  return x;
+}
+
 }  // namespace reference
