@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "device/cpu/launch.h"
+#include "match/match_codes.h"
 
 // The search of a point on the CPU, with exactly the results of kernels::HOGMatch_kernel.
 //
@@ -30,10 +31,6 @@ namespace {
 
 constexpr int kLanes = 16;  // a cell's bins and one zero
 constexpr int kGroup = 8;   // bytes looked at together, candidates measured together
-constexpr int kPaddedColumns = (kMostColumns + kGroup - 1) / kGroup * kGroup;
-constexpr int kParts = 3;  // sums of a cell, over five bins each
-constexpr int kBinsOfPart = kHogBins / kParts;
-constexpr int kBlock = 32;  // columns tested together
 constexpr int kMostKept = 512;
 constexpr int kPointsPerChunk = 32;
 
@@ -44,44 +41,27 @@ TARVO_HOST_DEVICE float loosened(float value) {
 
 struct Job {
   kernels::HOGMatch_kernel m;
-  const float* cells;  // image B: at pixel y * w + x its 15 bins and a zero
-  const float* sums;   // kParts dense planes: sums of absolute values
+  float* cells;  // image B: at pixel y * w + x its 15 bins and a zero
+  Codes codes;
 };
 
 /// The point that is searched.
 struct Point {
   alignas(64) float cells[kCells][kLanes];
-  float sums[kCells][kParts];
-  float sumsNorm;
-  float colour[kColours];
-  float leastEnergy, mostEnergy;  // of acceptable candidates
+  PointCodes codes;
   Window window;
 };
 
-/// The limits that make comparisons in single precision equal to those of doubled energies in double.
-TARVO_HOST_DEVICE void setEnergyLimits(Point& point, float energy) {
-  constexpr float kMost = std::numeric_limits<float>::max();
-  point.mostEnergy = energy <= kMost ? std::min(2.0f * energy, kMost) : energy;
-  float half = 0.5f * energy;
-  if (static_cast<double>(half) < 0.5 * static_cast<double>(energy)) {
-    half += std::numeric_limits<float>::denorm_min();  // a halved denormal was rounded down
-  }
-  point.leastEnergy = half;
-}
-
-TARVO_HOST_DEVICE void loadPoint(Point& point, const kernels::HOGMatch_kernel& m, int ax, int ay) {
-  std::memset(point.sums, 0, sizeof point.sums);
-  point.sumsNorm = 0.0f;
+TARVO_HOST_DEVICE void loadPoint(Point& point, const Job& job, int ax, int ay) {
+  const kernels::HOGMatch_kernel& m = job.m;
   for (int k = 0; k < kCells; ++k) {
-    for (int b = 0; b < kHogBins; ++b) {
-      point.cells[k][b] = m.element(m.hogA, ax, ay, k, b);
-      point.sums[k][b / kBinsOfPart] += std::fabs(point.cells[k][b]);
-    }
+    for (int b = 0; b < kHogBins; ++b) point.cells[k][b] = m.element(m.hogA, ax, ay, k, b);
     point.cells[k][kHogBins] = 0.0f;
-    for (float sum : point.sums[k]) point.sumsNorm += sum;
+    point.codes.setCell(job.codes, k, point.cells[k]);
   }
-  for (int c = 0; c < kColours; ++c) point.colour[c] = m.imageA[m.plane(c) + m.at(ax, ay)];
-  setEnergyLimits(point, m.energyA[m.at(ax, ay)]);
+  float colour[kColours];
+  for (int c = 0; c < kColours; ++c) colour[c] = m.imageA[m.plane(c) + m.at(ax, ay)];
+  point.codes.setAcceptable(colour, m.energyA[m.at(ax, ay)]);
   point.window = windowAround(ax, ay, m.h, m.w);
 }
 
@@ -157,122 +137,25 @@ struct Squares {
 /// State of one point's search.
 struct Search {
   const Job& job;
+  const int ax, ay;
   Point point;
   Outcome outcome;
   Limit limit;
+  Bounds bounds;
+  float boundsOf = -1.0f;  // the limit that `bounds` belong to
   int kept = 0;
   Candidate candidates[kMostKept];
-  unsigned char passing[kPaddedColumns];
+  alignas(32) unsigned char passing[kBandRows * kPaddedColumns];
   int listed = 0;
-  int columns[kMostColumns];
+  int places[kBandRows * kPaddedColumns + kGroup];  // in `passing`
 
-  TARVO_HOST_DEVICE explicit Search(const Job& theJob) : job(theJob) {}
+  TARVO_HOST_DEVICE Search(const Job& theJob, int pointX, int pointY) : job(theJob), ax(pointX), ay(pointY) {
+    loadPoint(point, job, ax, ay);
+  }
 
   TARVO_HOST_DEVICE const float* cellAt(int x, int y, int k) const {
     const long pixel = static_cast<long>(y + cellRow(k)) * job.m.w + x + cellColumn(k);
     return job.cells + pixel * kLanes;
-  }
-
-  /// Largest sum of squared differences of sums that the limit allows. The sums are known to 1e-6 of
-  /// themselves, so their differences to 1e-5 of the point's sums and of the differences.
-  TARVO_HOST_DEVICE float mostOfSums() const {
-    const float root = std::sqrt(static_cast<float>(kBinsOfPart) * limit.most) + 1e-5f * point.sumsNorm;
-    return root * root * 1.001f;
-  }
-
-  /// passing[i] for `count` columns from `first` of the window on: 1 where no test rejects.
-  TARVO_HOST_DEVICE void testColumns(int first, int count, int y) {
-    const kernels::HOGMatch_kernel& m = job.m;
-    const long start = m.at(point.window.x0 + first, y);
-    const float* energy = m.energyB + start;
-    const float* red = m.imageB + start;
-    const float* green = red + m.plane(1);
-    const float* blue = red + m.plane(2);
-    const float r = point.colour[0], g = point.colour[1], b = point.colour[2];
-    const float least = point.leastEnergy, most = point.mostEnergy;
-    unsigned char* out = passing + first;
-#pragma omp simd
-    for (int i = 0; i < count; ++i) {
-      const float d0 = r - red[i], d1 = g - green[i], d2 = b - blue[i];
-      const float colours = d0 * d0 + d1 * d1 + d2 * d2;
-      const bool rejected = (energy[i] > most) | (energy[i] < least) | (colours > kColourThreshold);
-      out[i] = rejected ? 0 : 1;
-    }
-  }
-
-  /// Clears passing[i] of the block from `first` of the window on where the bound exceeds what matters.
-  TARVO_HOST_DEVICE void boundBlock(int first, int y, float mostSums) {
-    std::uint64_t groups[kBlock / kGroup];
-    std::memcpy(groups, passing + first, sizeof groups);
-    if ((groups[0] | groups[1] | groups[2] | groups[3]) == 0) return;
-    const long plane = static_cast<long>(job.m.h) * job.m.w;
-    const long row = static_cast<long>(kSpacing) * job.m.w;
-    const float* above = job.sums + static_cast<long>(y) * job.m.w + point.window.x0 + first - row;
-    const float* below = above + 2 * row;
-    const auto& own = point.sums;
-    float squares[kBlock];
-#pragma omp simd
-    for (int i = 0; i < kBlock; ++i) {
-      float sum = 0.0f;
-      for (int part = 0; part < kParts; ++part) {
-        const float d0 = own[0][part] - above[part * plane + i - kSpacing];
-        const float d2 = own[2][part] - above[part * plane + i + kSpacing];
-        const float d6 = own[6][part] - below[part * plane + i - kSpacing];
-        const float d8 = own[8][part] - below[part * plane + i + kSpacing];
-        sum += (d0 * d0 + d2 * d2) + (d6 * d6 + d8 * d8);
-      }
-      squares[i] = sum;
-    }
-    unsigned char* out = passing + first;
-#pragma omp simd
-    for (int i = 0; i < kBlock; ++i) {
-      out[i] = static_cast<unsigned char>(squares[i] > mostSums ? 0 : out[i]);
-    }
-  }
-
-  /// passing[x - window.x0] for columns x0 ... x1 of row y, zeros around them up to whole groups.
-  TARVO_HOST_DEVICE void testRow(int x0, int x1, int y) {
-    const int first = x0 - point.window.x0;
-    const int end = x1 + 1 - point.window.x0;
-    for (int i = first / kGroup * kGroup; i < first; ++i) passing[i] = 0;
-    if (end - first < kBlock) {
-      testColumns(first, end - first, y);
-    } else {
-      const float mostSums = mostOfSums();
-      for (int i = first; i < end; i += kBlock) {
-        const int start = std::min(i, end - kBlock);
-        testColumns(start, kBlock, y);
-        boundBlock(start, y, mostSums);
-      }
-    }
-    for (int i = end; i % kGroup != 0; ++i) passing[i] = 0;
-  }
-
-  /// Lists the columns among x0 ... x1 that pass the tests in row y.
-  TARVO_HOST_DEVICE void listRow(int x0, int x1, int y) {
-    testRow(x0, x1, y);
-    listed = 0;
-    const int end = x1 + 1 - point.window.x0;
-    for (int i = (x0 - point.window.x0) / kGroup * kGroup; i < end; i += kGroup) {
-      std::uint64_t group;
-      std::memcpy(&group, passing + i, sizeof group);
-      for (; group != 0; group &= group - 1) {
-        columns[listed++] = point.window.x0 + i + __builtin_ctzll(group) / 8;
-      }
-    }
-  }
-
-  /// Keeps those listed columns whose centre cell alone does not exceed the limit.
-  TARVO_HOST_DEVICE void screenRow(int y) {
-    int left = 0;
-    for (int i = 0; i < listed; ++i) {
-      const int x = columns[i];
-      Squares squares;
-      squares.addCell(point.cells[kCentreCell], cellAt(x, y, kCentreCell));
-      columns[left] = x;
-      left += squares.sum() <= limit.most ? 1 : 0;
-    }
-    listed = left;
   }
 
   /// Estimate of the distance of (x, y), or of a part of it that exceeds the limit.
@@ -342,28 +225,92 @@ struct Search {
   /// Tightens the limit with the candidates around (x, y), where the match is likely.
   TARVO_HOST_DEVICE void lookAround(int x, int y) {
     const Window& window = point.window;
-    const int x0 = std::max(window.x0, x - 1), x1 = std::min(window.x1, x + 1);
-    if (x0 > x1) return;
     for (int row = std::max(window.y0, y - 1); row <= std::min(window.y1, y + 1); ++row) {
-      listRow(x0, x1, row);
-      for (int i = 0; i < listed; ++i) limit.see(estimate(columns[i], row));
+      for (int column = std::max(window.x0, x - 1); column <= std::min(window.x1, x + 1); ++column) {
+        if (job.m.acceptable(ax, ay, column, row)) limit.see(estimate(column, row));
+      }
+    }
+  }
+
+  /// The candidates of columns x0 ... x1 and rows y ... y + rows - 1 that the byte tests leave. Lists instead
+  /// of branches: what passes is hard to predict.
+  TARVO_HOST_DEVICE void listBand(int x0, int x1, int y, int rows) {
+    const int count = x1 + 1 - x0;
+    const int padded = (count + kBlock - 1) / kBlock * kBlock;
+    int blocks[kBandRows * kPaddedColumns / kBlock], groups[kBandRows * kPaddedColumns / kGroup];
+    int blockCount = 0, groupCount = 0, found = 0;
+    for (int row = 0; row < rows; ++row) {
+      unsigned char* rowPassing = passing + row * kPaddedColumns;
+      testColumns(job.codes, point.codes, x0, y + row, padded, rowPassing);
+      for (int i = count; i < padded; ++i) rowPassing[i] = 0;
+      for (int first = 0; first < padded; first += kBlock) {
+        std::uint64_t words[kBlock / sizeof(std::uint64_t)];
+        std::memcpy(words, rowPassing + first, sizeof words);
+        blocks[blockCount] = row * kPaddedColumns + first;
+        blockCount += (words[0] | words[1] | words[2] | words[3]) != 0 ? 1 : 0;
+      }
+    }
+    for (int i = 0; i < blockCount; ++i) {
+      const int row = blocks[i] / kPaddedColumns, first = blocks[i] % kPaddedColumns;
+      boundBlock(job.codes, bounds, x0 + first, y + row, passing + blocks[i]);
+      for (int g = 0; g < kBlock; g += kGroup) {
+        std::uint64_t group;
+        std::memcpy(&group, passing + blocks[i] + g, sizeof group);
+        groups[groupCount] = blocks[i] + g;
+        groupCount += group != 0 ? 1 : 0;
+      }
+    }
+    for (int i = 0; i < groupCount; ++i) {
+      for (int lane = groups[i]; lane < groups[i] + kGroup; ++lane) {
+        places[found] = lane;
+        found += passing[lane] & 1;
+      }
+    }
+    listed = found;
+  }
+
+  /// Keeps what the fine codes leave.
+  TARVO_HOST_DEVICE void screenBand(int x0, int y) {
+    const std::uint16_t* row = job.codes.fineRow(y - kSpacing);
+    const long length = Codes::fineLength(job.codes.w);
+    const int* offsets = job.codes.cellOffsets + x0 - kSpacing;
+    const unsigned most = bounds.mostFine;
+    const int count = listed;
+    int left = 0;
+    Shorts own[3];
+    std::memcpy(own, point.codes.fine, sizeof own);
+    for (int i = 0; i < count; ++i) {
+      const int place = places[i];
+      const std::uint16_t* cells = row + place / kPaddedColumns * length + offsets[place % kPaddedColumns];
+      places[left] = place;
+      left += fineDistance(cells, kSpacing * length, own) <= most ? 1 : 0;
+    }
+    listed = left;
+  }
+
+  TARVO_HOST_DEVICE void searchBand(int x0, int x1, int y, int rows) {
+    if (limit.most != boundsOf) {
+      boundsOf = limit.most;
+      bounds.set(job.codes, point.codes, boundsOf);
+    }
+    listBand(x0, x1, y, rows);
+    screenBand(x0, y);
+    for (int i = 0; i < listed; ++i) {
+      const int column = x0 + places[i] % kPaddedColumns, row = y + places[i] / kPaddedColumns;
+      const float value = estimate(column, row);
+      if (!(value <= limit.most) || !job.m.acceptable(ax, ay, column, row)) continue;
+      limit.see(value);
+      keep(value, column, row);
     }
   }
 
   TARVO_HOST_DEVICE void searchWindow() {
     const Window& window = point.window;
     int x1 = window.x1;
-    for (int y = window.y0; y <= window.y1; ++y) {
+    for (int y = window.y0; y <= window.y1; y += kBandRows) {
       if (outcome.second == 0.0f) x1 = std::min(x1, outcome.x - 1);  // only an earlier column matters now
       if (window.x0 > x1) break;
-      listRow(window.x0, x1, y);
-      screenRow(y);
-      for (int i = 0; i < listed; ++i) {
-        const float value = estimate(columns[i], y);
-        if (!(value <= limit.most)) continue;
-        limit.see(value);
-        keep(value, columns[i], y);
-      }
+      searchBand(window.x0, x1, y, std::min(kBandRows, window.y1 + 1 - y));
     }
     measure();
   }
@@ -377,8 +324,7 @@ TARVO_BAND void matchBand(Job job, int k0, int k1) {
     const int ax = m.pointX[k];
     const int ay = m.pointY[k];
     if (!m.searched(ax, ay)) continue;
-    Search search(job);
-    loadPoint(search.point, m, ax, ay);
+    Search search(job, ax, ay);
     search.lookAround(ax + u, ay + v);
     if (u != 0 || v != 0) search.lookAround(ax, ay);
     search.searchWindow();
@@ -391,36 +337,80 @@ TARVO_BAND void matchBand(Job job, int k0, int k1) {
   }
 }
 
-/// Rows y0 ... y1 - 1 of the histograms of image B, from planes to pixels, with their sums.
-TARVO_BAND void collectBand(kernels::HOGMatch_kernel m, float* cells, float* sums, int y0, int y1) {
+/// Rows y0 ... y1 - 1 of image B: histograms from planes to pixels, and codes.
+TARVO_BAND void collectBand(Job job, int y0, int y1) {
+  const kernels::HOGMatch_kernel& m = job.m;
   for (int y = y0; y < y1; ++y) {
-    float* row = cells + static_cast<long>(y) * m.w * kLanes;
+    float* row = job.cells + static_cast<long>(y) * m.w * kLanes;
     for (int x = 0; x < m.w; ++x) row[x * kLanes + kHogBins] = 0.0f;
-    for (int part = 0; part < kParts; ++part) {
-      float* sumsRow = sums + (static_cast<long>(part) * m.h + y) * m.w;
-      std::fill(sumsRow, sumsRow + m.w, 0.0f);
-      for (int b = part * kBinsOfPart; b < (part + 1) * kBinsOfPart; ++b) {
-        const float* bins = m.hogB + m.plane(b) + m.at(0, y);
-        for (int x = 0; x < m.w; ++x) {
-          row[x * kLanes + b] = bins[x];
-          sumsRow[x] += std::fabs(bins[x]);
-        }
-      }
+    for (int b = 0; b < kHogBins; ++b) {
+      const float* bins = m.hogB + m.plane(b) + m.at(0, y);
+      for (int x = 0; x < m.w; ++x) row[x * kLanes + b] = bins[x];
+    }
+    codeRow(job.codes, m, y);
+  }
+}
+
+/// Mean energy of some pixels of image B, for the scale of the codes: any value is right, not every one fast.
+float typicalEnergy(const kernels::HOGMatch_kernel& m) {
+  constexpr int kStep = 7;
+  float sum = 0.0f;
+  int count = 0;
+  for (int y = 0; y < m.h; y += kStep) {
+    for (int x = 0; x < m.w; x += kStep) {
+      const float energy = m.energyB[m.at(x, y)];
+      if (!(energy > 1e-9f && energy < 1e9f)) continue;
+      sum += energy;
+      ++count;
     }
   }
+  return count != 0 ? sum / static_cast<float>(count) : 1.0f;
+}
+
+/// Parts of the scratch, in floats.
+struct Layout {
+  std::size_t cells, offsets, fine, planes, open;
+
+  Layout(int h, int w) {
+    const auto rows = static_cast<std::size_t>(h), pixels = rows * static_cast<std::size_t>(w);
+    const auto floats = [](std::size_t bytes) { return (bytes + Codes::kSlack) / sizeof(float) + 1; };
+    cells = pixels * kLanes;
+    offsets = static_cast<std::size_t>(w);
+    fine = floats(rows * static_cast<std::size_t>(Codes::fineLength(w)) * sizeof(std::uint16_t));
+    planes = floats(pixels * Codes::kPlanes);
+    open = floats(rows);
+  }
+};
+
+Job jobOf(const kernels::HOGMatch_kernel& m, float* scratch) {
+  const Layout layout(m.h, m.w);
+  const float energy = typicalEnergy(m);
+  float* offsets = scratch + layout.cells;
+  float* fine = offsets + layout.offsets;
+  float* planes = fine + layout.fine;
+  float* open = planes + layout.planes;
+  const Codes codes{m.h,
+                    m.w,
+                    kCoarsePerEnergy / energy,
+                    kFinePerEnergy / energy,
+                    reinterpret_cast<unsigned char*>(planes),
+                    reinterpret_cast<unsigned char*>(open),
+                    reinterpret_cast<std::uint16_t*>(fine),
+                    reinterpret_cast<int*>(offsets)};
+  for (int x = 0; x < m.w; ++x) codes.cellOffsets[x] = static_cast<int>(codes.fineCell(x));
+  return {m, scratch, codes};
 }
 
 }  // namespace
 
 std::size_t cpuMatchScratch(int h, int w) {
-  return static_cast<std::size_t>(h) * static_cast<std::size_t>(w) * (kLanes + kParts);
+  const Layout layout(h, w);
+  return layout.cells + layout.offsets + layout.fine + layout.planes + layout.open;
 }
 
 void cpuMatch(const kernels::HOGMatch_kernel& search, float* scratch) {
-  float* sums = scratch + static_cast<long>(search.h) * search.w * kLanes;
-  device::cpu::forBands(search.h, search.w,
-                        [&](int y0, int y1) { collectBand(search, scratch, sums, y0, y1); });
-  const Job job{search, scratch, sums};
+  const Job job = jobOf(search, scratch);
+  device::cpu::forBands(search.h, search.w, [&](int y0, int y1) { collectBand(job, y0, y1); });
   const int chunks = (search.outW + kPointsPerChunk - 1) / kPointsPerChunk;
   device::cpu::runChunks(
       chunks,
