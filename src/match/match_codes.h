@@ -71,14 +71,14 @@ struct Codes {
   static constexpr int kPlanes = kColours + 1 + kCoarseParts;
   int h, w;
   float coarseScale, fineScale;  ///< codes per grey level
-  unsigned char* planes;         ///< colours, energy, coarse sums
+  unsigned char* planes;         ///< of each row: colours, energy, coarse sums
   unsigned char* open;           ///< of each row: 1 where a colour or an energy is not a number
   std::uint16_t* fine;  ///< of each row the columns 0, 4, ..., then 1, 5, ..., of a column kFineParts
   int* cellOffsets;     ///< of each column: fineCell
 
   static constexpr int kSlack = 2 * kPaddedColumns;  // read behind the last candidate, and not used
   TARVO_HOST_DEVICE unsigned char* planeRow(int k, int y) const {
-    return planes + (static_cast<long>(k) * h + y) * w;
+    return planes + (static_cast<long>(y) * kPlanes + k) * w;
   }
   TARVO_HOST_DEVICE std::uint16_t* fineRow(int y) const { return fine + y * fineLength(w); }
   TARVO_HOST_DEVICE long fineCell(int x) const {
@@ -132,23 +132,31 @@ struct PointCodes {
 
 /// Limits of the sums for one distance.
 struct Bounds {
-  unsigned char width;  // of coarse codes
+  unsigned char width;     // of coarse codes
+  bool squares;            // whether their squares are tested: what `width` leaves does not overflow
+  std::uint16_t reach;     // half the width
+  std::uint16_t mostCoarse;  // sum of squared differences of coarse codes
   unsigned mostFine;    // sum of squared differences of fine codes
   Bytes least[kCorners][kCoarseParts];
 
   /// No distance up to `most` is rejected, where a distance may be known to a factor of 1.0001 and 1e-30.
   TARVO_HOST_DEVICE void set(const Codes& codes, const PointCodes& point, float most) {
     const float distance = most * 1.001f + 1e-30f;
-    const float coarse = std::sqrt(kHogBins / kCoarseParts * distance) * codes.coarseScale + kCodeError;
+    const float root = std::sqrt(kHogBins / kCoarseParts * distance) * codes.coarseScale;
+    const float coarse = root + kCodeError;
     const float errors = kCodeError * std::sqrt(static_cast<float>(kCells * kFineParts));
     const float fine = std::sqrt(kHogBins / kFineParts * distance) * codes.fineScale + errors;
     constexpr float kMostSum = static_cast<float>(kCells * kFineParts) * kMostFine * kMostFine;
     mostFine = static_cast<unsigned>(std::min(fine * fine * 1.001f, kMostSum)) + 1;
-    const int reach = coarse < 127.0f ? static_cast<int>(coarse) : 0;
-    width = reach != 0 ? static_cast<unsigned char>(2 * reach) : kAll;
+    const int wide = coarse < 127.0f ? static_cast<int>(coarse) : 0;
+    width = wide != 0 ? static_cast<unsigned char>(2 * wide) : kAll;
+    reach = static_cast<std::uint16_t>(wide);
+    const float sum = root + kCodeError * std::sqrt(static_cast<float>(kCorners * kCoarseParts));
+    squares = wide != 0 && kCorners * kCoarseParts * wide * wide < 65536;
+    mostCoarse = static_cast<std::uint16_t>(std::min(sum * sum * 1.001f + 1.0f, 65535.0f));
     for (int k = 0; k < kCorners; ++k) {
       for (int part = 0; part < kCoarseParts; ++part) {
-        std::memset(&least[k][part], point.coarse[k][part] - reach, kBlock);
+        std::memset(&least[k][part], point.coarse[k][part] - wide, kBlock);
       }
     }
   }
@@ -162,38 +170,65 @@ TARVO_HOST_DEVICE void compare(Bytes& apart, const unsigned char* block, const B
   apart = own > apart ? own : apart;
 }
 
-/// passing[i] of `count` columns, whole blocks, from (x, y) on: 255 where colours and energy may be
+/// passing[i] of `count` columns, whole blocks, from codes[0] on: 255 where colours and energy may be
 /// acceptable, else 0.
-TARVO_HOST_DEVICE void testColumns(const Codes& codes, const PointCodes& point, int x, int y, int count,
-                                   unsigned char* passing) {
-  const long plane = static_cast<long>(codes.h) * codes.w;
-  const unsigned char* first = codes.planeRow(0, y) + x;
-  const unsigned char width = codes.open[y] != 0 ? kAll : point.acceptable;
-  for (int i = 0; i < count; i += kBlock) {
+/// @param plane from a plane of codes to the next
+TARVO_HOST_DEVICE void testColumns(const unsigned char* codes, long plane, const PointCodes& point, bool open,
+                                   unsigned count, unsigned char* passing) {
+  const unsigned char width = open ? kAll : point.acceptable;
+  for (unsigned i = 0; i < count; i += kBlock) {
     Bytes apart = {};
-    for (int k = 0; k <= kColours; ++k) compare(apart, first + k * plane + i, point.least[k]);
+    for (int k = 0; k <= kColours; ++k) compare(apart, codes + k * plane + i, point.least[k]);
     const auto passed = reinterpret_cast<Bytes>(apart <= width);
     std::memcpy(passing + i, &passed, sizeof passed);
   }
 }
 
-/// Clears passing[i] of a block from (x, y) on where a coarse sum rejects.
-TARVO_HOST_DEVICE void boundBlock(const Codes& codes, const Bounds& bounds, int x, int y,
+/// Clears passing[i] of a block where a coarse sum rejects.
+/// @param codes of the cells to the upper left
+/// @param down  from a row of cells to the next
+TARVO_HOST_DEVICE void boundBlock(const unsigned char* codes, long plane, long down, const Bounds& bounds,
                                   unsigned char* passing) {
-  const unsigned char* above = codes.planeRow(kColours + 1, y - kSpacing) + x;
-  const unsigned char* below = above + static_cast<long>(2 * kSpacing) * codes.w;
-  const long plane = static_cast<long>(codes.h) * codes.w;
   Bytes apart = {};
   TARVO_UNROLL
   for (int part = 0; part < kCoarseParts; ++part) {
-    compare(apart, above + part * plane - kSpacing, bounds.least[0][part]);
-    compare(apart, above + part * plane + kSpacing, bounds.least[1][part]);
-    compare(apart, below + part * plane - kSpacing, bounds.least[2][part]);
-    compare(apart, below + part * plane + kSpacing, bounds.least[3][part]);
+    const unsigned char* cells = codes + part * plane;
+    compare(apart, cells, bounds.least[0][part]);
+    compare(apart, cells + 2 * kSpacing, bounds.least[1][part]);
+    compare(apart, cells + 2 * down, bounds.least[2][part]);
+    compare(apart, cells + 2 * down + 2 * kSpacing, bounds.least[3][part]);
   }
   Bytes passed;
   std::memcpy(&passed, passing, sizeof passed);
   passed &= reinterpret_cast<Bytes>(apart <= bounds.width);
+  std::memcpy(passing, &passed, sizeof passed);
+}
+
+/// Clears passing[i] of a block that boundBlock has left where the squares of the coarse sums reject. They do
+/// not overflow there: see Bounds::squares.
+TARVO_HOST_DEVICE void boundSquares(const unsigned char* codes, long plane, long down, const Bounds& bounds,
+                                    unsigned char* passing) {
+  Shorts even = {}, odd = {};
+  TARVO_UNROLL
+  for (int part = 0; part < kCoarseParts; ++part) {
+    TARVO_UNROLL
+    for (int k = 0; k < kCorners; ++k) {
+      Bytes own;
+      std::memcpy(&own, codes + part * plane + k / 2 * 2 * down + k % 2 * 2 * kSpacing, sizeof own);
+      own -= bounds.least[k][part];
+      const auto pairs = reinterpret_cast<Shorts>(own);
+      const Shorts low = (pairs & std::uint16_t{255}) - bounds.reach;
+      const Shorts high = (pairs >> 8) - bounds.reach;
+      even += low * low;
+      odd += high * high;
+    }
+  }
+  const auto evenPassed = reinterpret_cast<Shorts>(even <= bounds.mostCoarse);
+  const auto oddPassed = reinterpret_cast<Shorts>(odd <= bounds.mostCoarse);
+  const Shorts both = (evenPassed & std::uint16_t{0x00ff}) | (oddPassed & std::uint16_t{0xff00});
+  Shorts passed;
+  std::memcpy(&passed, passing, sizeof passed);
+  passed &= both;
   std::memcpy(passing, &passed, sizeof passed);
 }
 

@@ -31,6 +31,7 @@ namespace {
 
 constexpr int kLanes = 16;  // a cell's bins and one zero
 constexpr int kGroup = 8;   // bytes looked at together, candidates measured together
+constexpr unsigned kCrowded = 2;  // groups of a block from which on its squares are worth their time
 constexpr int kMostKept = 512;
 constexpr int kPointsPerChunk = 32;
 
@@ -146,8 +147,8 @@ struct Search {
   int kept = 0;
   Candidate candidates[kMostKept];
   alignas(32) unsigned char passing[kBandRows * kPaddedColumns];
-  int listed = 0;
-  int places[kBandRows * kPaddedColumns + kGroup];  // in `passing`
+  unsigned listed = 0;
+  unsigned places[kBandRows * kPaddedColumns + kGroup];  // in `passing`
 
   TARVO_HOST_DEVICE Search(const Job& theJob, int pointX, int pointY) : job(theJob), ax(pointX), ay(pointY) {
     loadPoint(point, job, ax, ay);
@@ -234,36 +235,51 @@ struct Search {
 
   /// The candidates of columns x0 ... x1 and rows y ... y + rows - 1 that the byte tests leave. Lists instead
   /// of branches: what passes is hard to predict.
-  TARVO_HOST_DEVICE void listBand(int x0, int x1, int y, int rows) {
-    const int count = x1 + 1 - x0;
-    const int padded = (count + kBlock - 1) / kBlock * kBlock;
-    int blocks[kBandRows * kPaddedColumns / kBlock], groups[kBandRows * kPaddedColumns / kGroup];
-    int blockCount = 0, groupCount = 0, found = 0;
-    for (int row = 0; row < rows; ++row) {
-      unsigned char* rowPassing = passing + row * kPaddedColumns;
-      testColumns(job.codes, point.codes, x0, y + row, padded, rowPassing);
-      for (int i = count; i < padded; ++i) rowPassing[i] = 0;
-      for (int first = 0; first < padded; first += kBlock) {
+  TARVO_HOST_DEVICE void listBand(int x0, int x1, int y, unsigned rows) {
+    const Codes codes = job.codes;
+    const long plane = codes.w, row = plane * Codes::kPlanes;
+    const auto count = static_cast<unsigned>(x1 + 1 - x0);
+    const unsigned padded = (count + kBlock - 1) / kBlock * kBlock;
+    unsigned blocks[kBandRows * kPaddedColumns / kBlock], groups[kBandRows * kPaddedColumns / kGroup];
+    unsigned blockCount = 0, groupCount = 0, found = 0;
+    const unsigned char* first = codes.planeRow(0, y) + x0;
+    for (unsigned r = 0; r < rows; ++r) {
+      unsigned char* rowPassing = passing + r * kPaddedColumns;
+      testColumns(first + r * row, plane, point.codes, codes.open[y + static_cast<int>(r)] != 0, padded, rowPassing);
+      for (unsigned i = count; i < padded; ++i) rowPassing[i] = 0;
+      for (unsigned i = 0; i < padded; i += kBlock) {
         std::uint64_t words[kBlock / sizeof(std::uint64_t)];
-        std::memcpy(words, rowPassing + first, sizeof words);
-        blocks[blockCount] = row * kPaddedColumns + first;
-        blockCount += (words[0] | words[1] | words[2] | words[3]) != 0 ? 1 : 0;
+        std::memcpy(words, rowPassing + i, sizeof words);
+        blocks[blockCount] = r * kPaddedColumns + i;
+        blockCount += ((words[0] | words[1]) | (words[2] | words[3])) != 0 ? 1 : 0;
       }
     }
-    for (int i = 0; i < blockCount; ++i) {
-      const int row = blocks[i] / kPaddedColumns, first = blocks[i] % kPaddedColumns;
-      boundBlock(job.codes, bounds, x0 + first, y + row, passing + blocks[i]);
-      for (int g = 0; g < kBlock; g += kGroup) {
-        std::uint64_t group;
-        std::memcpy(&group, passing + blocks[i] + g, sizeof group);
-        groups[groupCount] = blocks[i] + g;
-        groupCount += group != 0 ? 1 : 0;
-      }
+    const unsigned char* corner = codes.planeRow(kColours + 1, y - kSpacing) + x0 - kSpacing;
+    for (unsigned i = 0; i < blockCount; ++i) {
+      const unsigned place = blocks[i], before = groupCount;
+      const unsigned char* cells = corner + place / kPaddedColumns * row + place % kPaddedColumns;
+      const auto listGroups = [&] {
+        groupCount = before;
+        TARVO_UNROLL
+        for (unsigned g = place; g < place + kBlock; g += kGroup) {
+          std::uint64_t group;
+          std::memcpy(&group, passing + g, sizeof group);
+          groups[groupCount] = g;
+          groupCount += group != 0 ? 1 : 0;
+        }
+      };
+      boundBlock(cells, plane, kSpacing * row, bounds, passing + place);
+      listGroups();
+      if (groupCount - before < kCrowded || !bounds.squares) continue;
+      boundSquares(cells, plane, kSpacing * row, bounds, passing + place);
+      listGroups();
     }
-    for (int i = 0; i < groupCount; ++i) {
-      for (int lane = groups[i]; lane < groups[i] + kGroup; ++lane) {
-        places[found] = lane;
-        found += passing[lane] & 1;
+    for (unsigned i = 0; i < groupCount; ++i) {
+      const unsigned group = groups[i];
+      TARVO_UNROLL
+      for (unsigned lane = 0; lane < kGroup; ++lane) {
+        places[found] = group + lane;
+        found += passing[group + lane] & 1;
       }
     }
     listed = found;
@@ -275,28 +291,30 @@ struct Search {
     const long length = Codes::fineLength(job.codes.w);
     const int* offsets = job.codes.cellOffsets + x0 - kSpacing;
     const unsigned most = bounds.mostFine;
-    const int count = listed;
-    int left = 0;
+    const unsigned count = listed;
+    unsigned left = 0;
     Shorts own[3];
     std::memcpy(own, point.codes.fine, sizeof own);
-    for (int i = 0; i < count; ++i) {
-      const int place = places[i];
+    unsigned* to = places;
+    for (unsigned i = 0; i < count; ++i) {
+      const unsigned place = to[i];
       const std::uint16_t* cells = row + place / kPaddedColumns * length + offsets[place % kPaddedColumns];
-      places[left] = place;
+      to[left] = place;
       left += fineDistance(cells, kSpacing * length, own) <= most ? 1 : 0;
     }
     listed = left;
   }
 
-  TARVO_HOST_DEVICE void searchBand(int x0, int x1, int y, int rows) {
+  TARVO_HOST_DEVICE void searchBand(int x0, int x1, int y, unsigned rows) {
     if (limit.most != boundsOf) {
       boundsOf = limit.most;
       bounds.set(job.codes, point.codes, boundsOf);
     }
     listBand(x0, x1, y, rows);
     screenBand(x0, y);
-    for (int i = 0; i < listed; ++i) {
-      const int column = x0 + places[i] % kPaddedColumns, row = y + places[i] / kPaddedColumns;
+    for (unsigned i = 0; i < listed; ++i) {
+      const int column = x0 + static_cast<int>(places[i] % kPaddedColumns);
+      const int row = y + static_cast<int>(places[i] / kPaddedColumns);
       const float value = estimate(column, row);
       if (!(value <= limit.most) || !job.m.acceptable(ax, ay, column, row)) continue;
       limit.see(value);
@@ -310,7 +328,7 @@ struct Search {
     for (int y = window.y0; y <= window.y1; y += kBandRows) {
       if (outcome.second == 0.0f) x1 = std::min(x1, outcome.x - 1);  // only an earlier column matters now
       if (window.x0 > x1) break;
-      searchBand(window.x0, x1, y, std::min(kBandRows, window.y1 + 1 - y));
+      searchBand(window.x0, x1, y, static_cast<unsigned>(std::min(kBandRows, window.y1 + 1 - y)));
     }
     measure();
   }
