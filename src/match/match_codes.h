@@ -36,11 +36,10 @@ constexpr float kMostByte = 255.0f, kMostFine = 147.0f;
 constexpr float kCoarsePerEnergy = 50.0f, kFinePerEnergy = 100.0f;  // codes per typical energy
 constexpr float kCodeError = 1.01f;
 constexpr int kCorners = 4;
-constexpr int kBlock = 32;           // columns tested together
-constexpr int kRowOfCells = 16;      // fine codes of three cells side by side, and one that does not count
-constexpr int kBandRows = 8;         // rows of the window tested together
-constexpr int kPaddedColumns = 256;  // at least the columns, in whole blocks; a power of two divides fast
-constexpr unsigned char kAll = 255;  // a width that no difference exceeds
+constexpr int kBlock = 32;       // columns tested together
+constexpr int kRowOfCells = 16;  // fine codes of three cells side by side, and one that does not count
+constexpr unsigned kPaddedColumns = 256;  // whole blocks, at least kMostColumns; powers of two divide fast
+constexpr unsigned char kAll = 255;       // a width that no difference exceeds
 
 /// Vectors that the compiler keeps in the registers of the instruction set.
 using Bytes = unsigned char __attribute__((vector_size(kBlock)));
@@ -76,7 +75,7 @@ struct Codes {
   std::uint16_t* fine;  ///< of each row the columns 0, 4, ..., then 1, 5, ..., of a column kFineParts
   int* cellOffsets;     ///< of each column: fineCell
 
-  static constexpr int kSlack = 2 * kPaddedColumns;  // read behind the last candidate, and not used
+  static constexpr std::size_t kSlack = 2 * kPaddedColumns;  // read behind the last candidate, and not used
   TARVO_HOST_DEVICE unsigned char* planeRow(int k, int y) const {
     return planes + (static_cast<long>(y) * kPlanes + k) * w;
   }
@@ -132,11 +131,11 @@ struct PointCodes {
 
 /// Limits of the sums for one distance.
 struct Bounds {
-  unsigned char width;     // of coarse codes
-  bool squares;            // whether their squares are tested: what `width` leaves does not overflow
-  std::uint16_t reach;     // half the width
+  unsigned char width;       // of coarse codes
+  bool squares;              // whether their squares are tested: what `width` leaves does not overflow
+  std::uint16_t reach;       // half the width
   std::uint16_t mostCoarse;  // sum of squared differences of coarse codes
-  unsigned mostFine;    // sum of squared differences of fine codes
+  unsigned mostFine;         // sum of squared differences of fine codes
   Bytes least[kCorners][kCoarseParts];
 
   /// No distance up to `most` is rejected, where a distance may be known to a factor of 1.0001 and 1e-30.

@@ -11,27 +11,31 @@
 
 // The search of a point on the CPU, with exactly the results of kernels::HOGMatch_kernel.
 //
-// Row by row of the window, all in order:
-//  1. energy and colour test of the whole row side by side; in blocks where something passes also a bound: by
-//     Cauchy and Schwarz the squared differences of sums over five bins of the corner cells add up to at most
-//     five distances; the passing columns are listed;
-//  2. estimate of each one's distance, cell by cell with the bins side by side, given up once it is too
-//     large: first the centre cell, then the others;
+// Some rows of the window at a time:
+//  1. tests of whole rows in bytes (match_codes.h), each for what the one before has left: colours and
+//  energy;
+//     sums over parts of the corner cells; where many pass, the squares of these. The rest is listed;
+//  2. one candidate after the other: distance of its codes; estimate of the distance, cell by cell with the
+//     bins side by side, given up once it is too large; the energy and colour test itself;
 //  3. what is left at the end of the window, a few candidates, is measured in the fixed order.
 //
 // Why this is exact. With m the smallest distance, the second distance T is m if some column reaches m twice,
 // else the smallest distance greater than m: both are values of the set of all candidates, whatever their
 // order. A candidate with a distance greater than T changes neither. Distance and estimate add the same 135
 // rounded squares in different orders, so they differ by less than a factor of 1 + 1e-5 and, where squares
-// underflow, 1e-40: a candidate whose estimate exceeds loosened(b), b the estimate of any candidate surely
-// farther than m, is farther than T. An estimate of 0 is a distance of 0.
+// underflow, 1e-40: a candidate whose estimate exceeds loosened(b), b the estimate of any acceptable
+// candidate surely farther than m, is farther than T. An estimate of 0 is a distance of 0. The tests in bytes
+// leave every acceptable candidate whose estimate does not exceed the limit that they were set for; limits
+// only fall.
 
 namespace match {
 namespace {
 
-constexpr int kLanes = 16;  // a cell's bins and one zero
-constexpr int kGroup = 8;   // bytes looked at together, candidates measured together
+constexpr int kLanes = 16;        // a cell's bins and one zero
+constexpr int kGroup = 8;         // bytes looked at together, candidates measured together
 constexpr unsigned kCrowded = 2;  // groups of a block from which on its squares are worth their time
+constexpr int kBandRows = 8;
+constexpr unsigned kPlaces = kBandRows * kPaddedColumns;
 constexpr int kMostKept = 512;
 constexpr int kPointsPerChunk = 32;
 
@@ -135,6 +139,19 @@ struct Squares {
   }
 };
 
+/// Rows of the window that are tested together.
+struct Band {
+  int x0, y;  // upper left candidate
+  unsigned columns, rows;
+};
+
+/// Places in Search::passing. Lists instead of branches: what passes is hard to predict. A list has room for
+/// one more, since the next is written before it is known whether it counts.
+struct List {
+  unsigned* places;
+  unsigned count;
+};
+
 /// State of one point's search.
 struct Search {
   const Job& job;
@@ -146,9 +163,8 @@ struct Search {
   float boundsOf = -1.0f;  // the limit that `bounds` belong to
   int kept = 0;
   Candidate candidates[kMostKept];
-  alignas(32) unsigned char passing[kBandRows * kPaddedColumns];
-  unsigned listed = 0;
-  unsigned places[kBandRows * kPaddedColumns + kGroup];  // in `passing`
+  alignas(32) unsigned char passing[kPlaces];  // of a band: row after row, kPaddedColumns each
+  unsigned places[kPlaces + 1];
 
   TARVO_HOST_DEVICE Search(const Job& theJob, int pointX, int pointY) : job(theJob), ax(pointX), ay(pointY) {
     loadPoint(point, job, ax, ay);
@@ -233,92 +249,103 @@ struct Search {
     }
   }
 
-  /// The candidates of columns x0 ... x1 and rows y ... y + rows - 1 that the byte tests leave. Lists instead
-  /// of branches: what passes is hard to predict.
-  TARVO_HOST_DEVICE void listBand(int x0, int x1, int y, unsigned rows) {
-    const Codes codes = job.codes;
-    const long plane = codes.w, row = plane * Codes::kPlanes;
-    const auto count = static_cast<unsigned>(x1 + 1 - x0);
-    const unsigned padded = (count + kBlock - 1) / kBlock * kBlock;
-    unsigned blocks[kBandRows * kPaddedColumns / kBlock], groups[kBandRows * kPaddedColumns / kGroup];
-    unsigned blockCount = 0, groupCount = 0, found = 0;
-    const unsigned char* first = codes.planeRow(0, y) + x0;
-    for (unsigned r = 0; r < rows; ++r) {
-      unsigned char* rowPassing = passing + r * kPaddedColumns;
-      testColumns(first + r * row, plane, point.codes, codes.open[y + static_cast<int>(r)] != 0, padded, rowPassing);
-      for (unsigned i = count; i < padded; ++i) rowPassing[i] = 0;
+  /// Blocks of the band where colours and energy pass.
+  TARVO_HOST_DEVICE List testBand(const Band& band, unsigned* blocks) {
+    const Codes& codes = job.codes;
+    const unsigned padded = (band.columns + kBlock - 1) / kBlock * kBlock;
+    unsigned count = 0;
+    for (unsigned r = 0; r < band.rows; ++r) {
+      unsigned char* row = passing + r * kPaddedColumns;
+      const int y = band.y + static_cast<int>(r);
+      testColumns(codes.planeRow(0, y) + band.x0, codes.w, point.codes, codes.open[y] != 0, padded, row);
+      for (unsigned i = band.columns; i < padded; ++i) row[i] = 0;
       for (unsigned i = 0; i < padded; i += kBlock) {
-        std::uint64_t words[kBlock / sizeof(std::uint64_t)];
-        std::memcpy(words, rowPassing + i, sizeof words);
-        blocks[blockCount] = r * kPaddedColumns + i;
-        blockCount += ((words[0] | words[1]) | (words[2] | words[3])) != 0 ? 1 : 0;
+        std::uint64_t words[kBlock / kGroup];
+        std::memcpy(words, row + i, sizeof words);
+        blocks[count] = r * kPaddedColumns + i;
+        count += ((words[0] | words[1]) | (words[2] | words[3])) != 0 ? 1 : 0;
       }
     }
-    const unsigned char* corner = codes.planeRow(kColours + 1, y - kSpacing) + x0 - kSpacing;
-    for (unsigned i = 0; i < blockCount; ++i) {
-      const unsigned place = blocks[i], before = groupCount;
-      const unsigned char* cells = corner + place / kPaddedColumns * row + place % kPaddedColumns;
-      const auto listGroups = [&] {
-        groupCount = before;
-        TARVO_UNROLL
-        for (unsigned g = place; g < place + kBlock; g += kGroup) {
-          std::uint64_t group;
-          std::memcpy(&group, passing + g, sizeof group);
-          groups[groupCount] = g;
-          groupCount += group != 0 ? 1 : 0;
-        }
-      };
-      boundBlock(cells, plane, kSpacing * row, bounds, passing + place);
-      listGroups();
-      if (groupCount - before < kCrowded || !bounds.squares) continue;
-      boundSquares(cells, plane, kSpacing * row, bounds, passing + place);
-      listGroups();
-    }
-    for (unsigned i = 0; i < groupCount; ++i) {
-      const unsigned group = groups[i];
-      TARVO_UNROLL
-      for (unsigned lane = 0; lane < kGroup; ++lane) {
-        places[found] = group + lane;
-        found += passing[group + lane] & 1;
-      }
-    }
-    listed = found;
+    return {blocks, count};
   }
 
-  /// Keeps what the fine codes leave.
-  TARVO_HOST_DEVICE void screenBand(int x0, int y) {
-    const std::uint16_t* row = job.codes.fineRow(y - kSpacing);
-    const long length = Codes::fineLength(job.codes.w);
-    const int* offsets = job.codes.cellOffsets + x0 - kSpacing;
+  /// Lists the groups of a block where something passes; returns how many the list now has.
+  TARVO_HOST_DEVICE unsigned listGroups(unsigned block, unsigned* groups, unsigned count) const {
+    TARVO_UNROLL
+    for (unsigned g = block; g < block + kBlock; g += kGroup) {
+      std::uint64_t group;
+      std::memcpy(&group, passing + g, sizeof group);
+      groups[count] = g;
+      count += group != 0 ? 1 : 0;
+    }
+    return count;
+  }
+
+  /// Groups of these blocks where the coarse sums pass.
+  TARVO_HOST_DEVICE List boundBand(const Band& band, const List& blocks, unsigned* groups) {
+    const long plane = job.codes.w, row = plane * Codes::kPlanes;
+    const unsigned char* first = job.codes.planeRow(kColours + 1, band.y - kSpacing) + band.x0 - kSpacing;
+    unsigned count = 0;
+    for (unsigned i = 0; i < blocks.count; ++i) {
+      const unsigned block = blocks.places[i];
+      const unsigned char* cells = first + block / kPaddedColumns * row + block % kPaddedColumns;
+      boundBlock(cells, plane, kSpacing * row, bounds, passing + block);
+      unsigned after = listGroups(block, groups, count);
+      if (after - count >= kCrowded && bounds.squares) {
+        boundSquares(cells, plane, kSpacing * row, bounds, passing + block);
+        after = listGroups(block, groups, count);
+      }
+      count = after;
+    }
+    return {groups, count};
+  }
+
+  /// What passes in these groups.
+  TARVO_HOST_DEVICE List listBand(const List& groups) {
+    unsigned count = 0;
+    for (unsigned i = 0; i < groups.count; ++i) {
+      const unsigned group = groups.places[i];
+      TARVO_UNROLL
+      for (unsigned place = group; place < group + kGroup; ++place) {
+        places[count] = place;
+        count += passing[place] & 1;
+      }
+    }
+    return {places, count};
+  }
+
+  /// Those of the list whose fine codes pass, in its place.
+  TARVO_HOST_DEVICE List screenBand(const Band& band, const List& list) const {
+    const std::uint16_t* first = job.codes.fineRow(band.y - kSpacing);
+    const long row = Codes::fineLength(job.codes.w);
+    const int* cells = job.codes.cellOffsets + band.x0 - kSpacing;
     const unsigned most = bounds.mostFine;
-    const unsigned count = listed;
-    unsigned left = 0;
     Shorts own[3];
     std::memcpy(own, point.codes.fine, sizeof own);
-    unsigned* to = places;
-    for (unsigned i = 0; i < count; ++i) {
-      const unsigned place = to[i];
-      const std::uint16_t* cells = row + place / kPaddedColumns * length + offsets[place % kPaddedColumns];
-      to[left] = place;
-      left += fineDistance(cells, kSpacing * length, own) <= most ? 1 : 0;
+    unsigned left = 0;
+    for (unsigned i = 0; i < list.count; ++i) {
+      const unsigned place = list.places[i];
+      const std::uint16_t* at = first + place / kPaddedColumns * row + cells[place % kPaddedColumns];
+      list.places[left] = place;
+      left += fineDistance(at, kSpacing * row, own) <= most ? 1 : 0;
     }
-    listed = left;
+    return {list.places, left};
   }
 
-  TARVO_HOST_DEVICE void searchBand(int x0, int x1, int y, unsigned rows) {
+  TARVO_HOST_DEVICE void searchBand(const Band& band) {
     if (limit.most != boundsOf) {
       boundsOf = limit.most;
       bounds.set(job.codes, point.codes, boundsOf);
     }
-    listBand(x0, x1, y, rows);
-    screenBand(x0, y);
-    for (unsigned i = 0; i < listed; ++i) {
-      const int column = x0 + static_cast<int>(places[i] % kPaddedColumns);
-      const int row = y + static_cast<int>(places[i] / kPaddedColumns);
-      const float value = estimate(column, row);
-      if (!(value <= limit.most) || !job.m.acceptable(ax, ay, column, row)) continue;
+    unsigned blocks[kBandRows * kPaddedColumns / kBlock + 1], groups[kPlaces / kGroup + 1];
+    const List list = screenBand(band, listBand(boundBand(band, testBand(band, blocks), groups)));
+    for (unsigned i = 0; i < list.count; ++i) {
+      const int x = band.x0 + static_cast<int>(list.places[i] % kPaddedColumns);
+      const int y = band.y + static_cast<int>(list.places[i] / kPaddedColumns);
+      const float value = estimate(x, y);
+      if (!(value <= limit.most) || !job.m.acceptable(ax, ay, x, y)) continue;
       limit.see(value);
-      keep(value, column, row);
+      keep(value, x, y);
     }
   }
 
@@ -328,7 +355,8 @@ struct Search {
     for (int y = window.y0; y <= window.y1; y += kBandRows) {
       if (outcome.second == 0.0f) x1 = std::min(x1, outcome.x - 1);  // only an earlier column matters now
       if (window.x0 > x1) break;
-      searchBand(window.x0, x1, y, static_cast<unsigned>(std::min(kBandRows, window.y1 + 1 - y)));
+      searchBand({window.x0, y, static_cast<unsigned>(x1 + 1 - window.x0),
+                  static_cast<unsigned>(std::min(kBandRows, window.y1 + 1 - y))});
     }
     measure();
   }
