@@ -121,6 +121,7 @@ struct PointCodes {
     for (int part = 0; part < kFineParts; ++part) {
       fine[k / 3][k % 3 * kFineParts + part] = codeOf(fineSums[part] * codes.fineScale, kMostFine);
     }
+    fine[k / 3][kRowOfCells - 1] = 0;
     if (k % 2 != 0 || k == kCentreCell) return;
     const int corner = k / 6 * 2 + k % 3 / 2;
     for (int part = 0; part < kCoarseParts; ++part) {
@@ -246,10 +247,10 @@ TARVO_HOST_DEVICE unsigned fineDistance(const std::uint16_t* cells, long down, c
   const Words words = reinterpret_cast<Words>(squares);
   const Words high = (words >> 16) & Words{~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, 0};
   const Words pairs = (words & 0xffffu) + high;
-  HalfWords sums =
-      __builtin_shufflevector(pairs, pairs, 0, 1, 2, 3) + __builtin_shufflevector(pairs, pairs, 4, 5, 6, 7);
-  sums += __builtin_shufflevector(sums, sums, 2, 3, 0, 1);
-  return sums[0] + sums[1];
+  HalfWords halves[2];
+  std::memcpy(halves, &pairs, sizeof halves);
+  const HalfWords sums = halves[0] + halves[1];
+  return (sums[0] + sums[2]) + (sums[1] + sums[3]);
 }
 
 /// Codes of `count` columns from (x0, y) on; count at most kChunk.
@@ -308,6 +309,22 @@ TARVO_HOST_DEVICE void codeRow(const Codes& codes, const kernels::HOGMatch_kerne
   }
   codes.open[y] = open;
   for (int x = 0; x < codes.w; x += kChunk) codeHistograms(codes, m, x, y, std::min(kChunk, codes.w - x));
+}
+
+/// Mean energy of some pixels of image B, for the scale of the codes: any value is right, not every one fast.
+inline float typicalEnergy(const kernels::HOGMatch_kernel& m) {
+  constexpr int kStep = 7;
+  float sum = 0.0f;
+  int count = 0;
+  for (int y = 0; y < m.h; y += kStep) {
+    for (int x = 0; x < m.w; x += kStep) {
+      const float energy = m.energyB[m.at(x, y)];
+      if (!(energy > 1e-9f && energy < 1e9f)) continue;
+      sum += energy;
+      ++count;
+    }
+  }
+  return count != 0 ? sum / static_cast<float>(count) : 1.0f;
 }
 
 }  // namespace match

@@ -1,13 +1,12 @@
 #include "match/match_cpu.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <limits>
 
 #include "device/cpu/launch.h"
 #include "match/match_codes.h"
+#include "match/match_outcome.h"
 
 // The search of a point on the CPU, with exactly the results of kernels::HOGMatch_kernel.
 //
@@ -39,11 +38,6 @@ constexpr unsigned kPlaces = kBandRows * kPaddedColumns;
 constexpr int kMostKept = 512;
 constexpr int kPointsPerChunk = 32;
 
-/// A distance whose estimate exceeds this surely exceeds one with the estimate `value`.
-TARVO_HOST_DEVICE float loosened(float value) {
-  return value * 1.0001f + 1e-30f;
-}
-
 struct Job {
   kernels::HOGMatch_kernel m;
   float* cells;  // image B: at pixel y * w + x its 15 bins and a zero
@@ -69,46 +63,6 @@ TARVO_HOST_DEVICE void loadPoint(Point& point, const Job& job, int ax, int ay) {
   point.codes.setAcceptable(colour, m.energyA[m.at(ax, ay)]);
   point.window = windowAround(ax, ay, m.h, m.w);
 }
-
-/// The result so far, of candidates in any order.
-struct Outcome {
-  float best = kRejected, second = kRejected;
-  int x = 0, y = 0;
-  std::uint64_t nearest[(kMostColumns + 63) / 64] = {};  // columns that reach `best`
-
-  TARVO_HOST_DEVICE void add(float d, int newX, int newY, int x0) {
-    std::uint64_t& word = nearest[(newX - x0) / 64];
-    const std::uint64_t bit = std::uint64_t{1} << ((newX - x0) % 64);
-    if (d < best) {
-      second = best;
-      best = d;
-      x = newX, y = newY;
-      std::memset(nearest, 0, sizeof nearest);
-      word = bit;
-    } else if (d == best && best < kRejected) {
-      if ((word & bit) != 0) second = best;
-      if (newX < x || (newX == x && newY < y)) x = newX, y = newY;
-      word |= bit;
-    } else if (d < second) {
-      second = d;
-    }
-  }
-};
-
-/// Largest estimate that still matters, from the estimates seen so far; each candidate may be seen again.
-struct Limit {
-  float least = kRejected;
-  float most = loosened(kRejected);
-
-  TARVO_HOST_DEVICE void see(float estimate) {
-    if (estimate < least) {
-      if (least > loosened(estimate)) most = std::min(most, loosened(least));
-      least = estimate;
-    } else if (estimate > loosened(least)) {
-      most = std::min(most, loosened(estimate));
-    }
-  }
-};
 
 struct Candidate {
   float estimate;
@@ -395,22 +349,6 @@ TARVO_BAND void collectBand(Job job, int y0, int y1) {
     }
     codeRow(job.codes, m, y);
   }
-}
-
-/// Mean energy of some pixels of image B, for the scale of the codes: any value is right, not every one fast.
-float typicalEnergy(const kernels::HOGMatch_kernel& m) {
-  constexpr int kStep = 7;
-  float sum = 0.0f;
-  int count = 0;
-  for (int y = 0; y < m.h; y += kStep) {
-    for (int x = 0; x < m.w; x += kStep) {
-      const float energy = m.energyB[m.at(x, y)];
-      if (!(energy > 1e-9f && energy < 1e9f)) continue;
-      sum += energy;
-      ++count;
-    }
-  }
-  return count != 0 ? sum / static_cast<float>(count) : 1.0f;
 }
 
 /// Parts of the scratch, in floats.
