@@ -133,7 +133,7 @@ struct PointCodes {
 /// Limits of the sums for one distance.
 struct Bounds {
   unsigned char width;       // of coarse codes
-  bool squares;              // whether their squares are tested: what `width` leaves does not overflow
+  bool squares;              // whether their squares are tested, too: wherever the width rejects
   std::uint16_t reach;       // half the width
   std::uint16_t mostCoarse;  // sum of squared differences of coarse codes
   unsigned mostFine;         // sum of squared differences of fine codes
@@ -152,7 +152,7 @@ struct Bounds {
     width = wide != 0 ? static_cast<unsigned char>(2 * wide) : kAll;
     reach = static_cast<std::uint16_t>(wide);
     const float sum = root + kCodeError * std::sqrt(static_cast<float>(kCorners * kCoarseParts));
-    squares = wide != 0 && kCorners * kCoarseParts * wide * wide < 65536;
+    squares = wide != 0;
     mostCoarse = static_cast<std::uint16_t>(std::min(sum * sum * 1.001f + 1.0f, 65535.0f));
     for (int k = 0; k < kCorners; ++k) {
       for (int part = 0; part < kCoarseParts; ++part) {
@@ -204,8 +204,8 @@ TARVO_HOST_DEVICE void boundBlock(const unsigned char* codes, long plane, long d
   std::memcpy(passing, &passed, sizeof passed);
 }
 
-/// Clears passing[i] of a block that boundBlock has left where the squares of the coarse sums reject. They do
-/// not overflow there: see Bounds::squares.
+/// Clears passing[i] of a block that boundBlock has left where the squares of the coarse sums reject. Sums
+/// are modulo 2^16: what exceeds that may pass.
 TARVO_HOST_DEVICE void boundSquares(const unsigned char* codes, long plane, long down, const Bounds& bounds,
                                     unsigned char* passing) {
   Shorts even = {}, odd = {};

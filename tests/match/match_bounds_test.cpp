@@ -61,27 +61,36 @@ TEST(MatchBounds, KeepCandidatesWhoseDifferenceIsInWholeSums) {
   }
 }
 
-TEST(MatchBounds, KeepTheRunnerUpThatIsHardlyFarther) {
-  // Differences of single sums at single cells, where the second distance is within rounding of the next.
+TEST(MatchBounds, KeepTheRunnerUpThatIsHardlyNearer) {
+  // Once two candidates are known, one comes that is a little nearer than the farther of them. Its difference
+  // lies in whole sums of one cell, or of each of them alike, where no bound is larger than the distance.
   Random random(6);
-  for (const int together : {5, 3, 1}) {
-    for (int trial = 0; trial < 12; ++trial) {
-      Planted planted;
-      const float base = random.next(0.0f, 30.0f), root = random.next(0.01f, 40.0f);
-      for (Planes* hog : {&planted.in.hogA, &planted.in.hogB}) {
-        std::fill(hog->values.begin(), hog->values.end(), base);
-      }
-      for (int i = 0; i < 40; ++i) {
-        const int x = 20 + i % 8 * 20, y = 20 + i / 8 * 30;
-        const int cellX = x + 4 * (i % 3 - 1), cellY = y + 4 * (i / 3 % 3 - 1);
-        const int first = (i + trial) % (15 / together) * together;
-        const float share =
-            root * (1.0f + 1e-6f * random.next(0.0f, 20.0f)) / std::sqrt(static_cast<float>(together));
-        planted.in.energyB.at(x, y) = 1.0f;
-        for (int b = first; b < first + together; ++b) planted.in.hogB.at(cellX, cellY, b) += share;
-      }
-      planted.match();
+  for (int trial = 0; trial < 240; ++trial) {
+    const int together = trial % 3 == 0 ? 3 : 5, cells = trial % 2 == 0 ? 1 : 9;
+    Planted planted;
+    const float base = random.next(0.0f, 2.0f);
+    for (Planes* hog : {&planted.in.hogA, &planted.in.hogB}) {
+      std::fill(hog->values.begin(), hog->values.end(), base);
     }
+    const float root = std::exp(random.next(-4.0f, 2.5f));
+    const auto place = [&](int x, int y, float distance) {
+      planted.in.energyB.at(x, y) = 1.0f;
+      const int first = static_cast<int>(random.next(0, 14.99f)) / together * together;
+      const int only = static_cast<int>(random.next(0, 8.99f));
+      const int bins = cells == 1 ? together : 15;
+      const float share = distance / std::sqrt(static_cast<float>(bins * cells));
+      for (int k = 0; k < 9; ++k) {
+        if (cells == 1 && k != only) continue;
+        for (int b = 0; b < 15; ++b) {
+          if (cells == 1 && b / together * together != first) continue;
+          planted.in.hogB.at(x + 4 * (k % 3 - 1), y + 4 * (k / 3 - 1), b) += share;
+        }
+      }
+    };
+    place(50, 40, root * 1.00001f);
+    place(90, 80, root * 0.5f);
+    place(130, 120, root);
+    EXPECT_EQ(planted.match().y, 80);
   }
 }
 
