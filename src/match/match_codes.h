@@ -32,6 +32,7 @@
 namespace match {
 
 constexpr int kCoarseParts = 3, kFineParts = 5;  // of a cell, over 5 and over 3 bins
+constexpr int kBinsOfCoarse = kHogBins / kCoarseParts, kBinsOfFine = kHogBins / kFineParts;
 constexpr float kMostByte = 255.0f, kMostFine = 147.0f;
 constexpr float kCoarsePerEnergy = 50.0f, kFinePerEnergy = 100.0f;  // codes per typical energy
 constexpr float kCodeError = 1.01f;
@@ -115,8 +116,8 @@ struct PointCodes {
   TARVO_HOST_DEVICE void setCell(const Codes& codes, int k, const float* bins) {
     float coarseSums[kCoarseParts] = {}, fineSums[kFineParts] = {};
     for (int b = 0; b < kHogBins; ++b) {
-      coarseSums[b * kCoarseParts / kHogBins] += std::fabs(bins[b]);
-      fineSums[b * kFineParts / kHogBins] += std::fabs(bins[b]);
+      coarseSums[b / kBinsOfCoarse] += std::fabs(bins[b]);
+      fineSums[b / kBinsOfFine] += std::fabs(bins[b]);
     }
     for (int part = 0; part < kFineParts; ++part) {
       fine[k / 3][k % 3 * kFineParts + part] = codeOf(fineSums[part] * codes.fineScale, kMostFine);
@@ -142,10 +143,10 @@ struct Bounds {
   /// No distance up to `most` is rejected, where a distance may be known to a factor of 1.0001 and 1e-30.
   TARVO_HOST_DEVICE void set(const Codes& codes, const PointCodes& point, float most) {
     const float distance = most * 1.001f + 1e-30f;
-    const float root = std::sqrt(kHogBins / kCoarseParts * distance) * codes.coarseScale;
+    const float root = std::sqrt(static_cast<float>(kBinsOfCoarse) * distance) * codes.coarseScale;
     const float coarse = root + kCodeError;
     const float errors = kCodeError * std::sqrt(static_cast<float>(kCells * kFineParts));
-    const float fine = std::sqrt(kHogBins / kFineParts * distance) * codes.fineScale + errors;
+    const float fine = std::sqrt(static_cast<float>(kBinsOfFine) * distance) * codes.fineScale + errors;
     constexpr float kMostSum = static_cast<float>(kCells * kFineParts) * kMostFine * kMostFine;
     mostFine = static_cast<unsigned>(std::min(fine * fine * 1.001f, kMostSum)) + 1;
     const int wide = coarse < 127.0f ? static_cast<int>(coarse) : 0;
@@ -257,7 +258,6 @@ TARVO_HOST_DEVICE unsigned fineDistance(const std::uint16_t* cells, long down, c
 constexpr int kChunk = 64;
 TARVO_HOST_DEVICE void codeHistograms(const Codes& codes, const kernels::HOGMatch_kernel& m, int x0, int y,
                                       int count) {
-  constexpr int kBinsOfFine = kHogBins / kFineParts, kBinsOfCoarse = kHogBins / kCoarseParts;
   float bins[kHogBins][kChunk] = {};
   for (int b = 0; b < kHogBins; ++b) {
     std::memcpy(bins[b], m.hogB + m.plane(b) + m.at(x0, y), static_cast<std::size_t>(count) * sizeof(float));
