@@ -1,129 +1,68 @@
 #include "match/match_cpu.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <limits>
 
 #include "device/cpu/launch.h"
+#include "match/match_codes.h"
+#include "match/match_outcome.h"
 
 // The search of a point on the CPU, with exactly the results of kernels::HOGMatch_kernel.
 //
-// Row by row of the window, all in order:
-//  1. energy and colour test of the whole row side by side; in blocks where something passes also a bound: by
-//     Cauchy and Schwarz the squared differences of sums over five bins of the corner cells add up to at most
-//     five distances; the passing columns are listed;
-//  2. estimate of each one's distance, cell by cell with the bins side by side, given up once it is too
-//     large: first the centre cell, then the others;
+// Some rows of the window at a time:
+//  1. tests of whole rows in bytes (match_codes.h), each for what the one before has left: colours and
+//  energy;
+//     sums over parts of the corner cells; where many pass, the squares of these. The rest is listed;
+//  2. one candidate after the other: distance of its codes; estimate of the distance, cell by cell with the
+//     bins side by side, given up once it is too large; the energy and colour test itself;
 //  3. what is left at the end of the window, a few candidates, is measured in the fixed order.
 //
 // Why this is exact. With m the smallest distance, the second distance T is m if some column reaches m twice,
 // else the smallest distance greater than m: both are values of the set of all candidates, whatever their
 // order. A candidate with a distance greater than T changes neither. Distance and estimate add the same 135
 // rounded squares in different orders, so they differ by less than a factor of 1 + 1e-5 and, where squares
-// underflow, 1e-40: a candidate whose estimate exceeds loosened(b), b the estimate of any candidate surely
-// farther than m, is farther than T. An estimate of 0 is a distance of 0.
+// underflow, 1e-40: a candidate whose estimate exceeds loosened(b), b the estimate of any acceptable
+// candidate surely farther than m, is farther than T. An estimate of 0 is a distance of 0. The tests in bytes
+// leave every acceptable candidate whose estimate does not exceed the limit that they were set for; limits
+// only fall.
 
 namespace match {
 namespace {
 
-constexpr int kLanes = 16;  // a cell's bins and one zero
-constexpr int kGroup = 8;   // bytes looked at together, candidates measured together
-constexpr int kPaddedColumns = (kMostColumns + kGroup - 1) / kGroup * kGroup;
-constexpr int kParts = 3;  // sums of a cell, over five bins each
-constexpr int kBinsOfPart = kHogBins / kParts;
-constexpr int kBlock = 32;  // columns tested together
+constexpr int kLanes = 16;        // a cell's bins and one zero
+constexpr int kGroup = 8;         // bytes looked at together, candidates measured together
+constexpr unsigned kCrowded = 2;  // groups of a block from which on its squares are worth their time
+constexpr int kBandRows = 8;
+constexpr unsigned kPlaces = kBandRows * kPaddedColumns;
 constexpr int kMostKept = 512;
 constexpr int kPointsPerChunk = 32;
 
-/// A distance whose estimate exceeds this surely exceeds one with the estimate `value`.
-TARVO_HOST_DEVICE float loosened(float value) {
-  return value * 1.0001f + 1e-30f;
-}
-
 struct Job {
   kernels::HOGMatch_kernel m;
-  const float* cells;  // image B: at pixel y * w + x its 15 bins and a zero
-  const float* sums;   // kParts dense planes: sums of absolute values
+  float* cells;  // image B: at pixel y * w + x its 15 bins and a zero
+  Codes codes;
 };
 
 /// The point that is searched.
 struct Point {
   alignas(64) float cells[kCells][kLanes];
-  float sums[kCells][kParts];
-  float sumsNorm;
-  float colour[kColours];
-  float leastEnergy, mostEnergy;  // of acceptable candidates
+  PointCodes codes;
   Window window;
 };
 
-/// The limits that make comparisons in single precision equal to those of doubled energies in double.
-TARVO_HOST_DEVICE void setEnergyLimits(Point& point, float energy) {
-  constexpr float kMost = std::numeric_limits<float>::max();
-  point.mostEnergy = energy <= kMost ? std::min(2.0f * energy, kMost) : energy;
-  float half = 0.5f * energy;
-  if (static_cast<double>(half) < 0.5 * static_cast<double>(energy)) {
-    half += std::numeric_limits<float>::denorm_min();  // a halved denormal was rounded down
-  }
-  point.leastEnergy = half;
-}
-
-TARVO_HOST_DEVICE void loadPoint(Point& point, const kernels::HOGMatch_kernel& m, int ax, int ay) {
-  std::memset(point.sums, 0, sizeof point.sums);
-  point.sumsNorm = 0.0f;
+TARVO_HOST_DEVICE void loadPoint(Point& point, const Job& job, int ax, int ay) {
+  const kernels::HOGMatch_kernel& m = job.m;
   for (int k = 0; k < kCells; ++k) {
-    for (int b = 0; b < kHogBins; ++b) {
-      point.cells[k][b] = m.element(m.hogA, ax, ay, k, b);
-      point.sums[k][b / kBinsOfPart] += std::fabs(point.cells[k][b]);
-    }
+    for (int b = 0; b < kHogBins; ++b) point.cells[k][b] = m.element(m.hogA, ax, ay, k, b);
     point.cells[k][kHogBins] = 0.0f;
-    for (float sum : point.sums[k]) point.sumsNorm += sum;
+    point.codes.setCell(job.codes, k, point.cells[k]);
   }
-  for (int c = 0; c < kColours; ++c) point.colour[c] = m.imageA[m.plane(c) + m.at(ax, ay)];
-  setEnergyLimits(point, m.energyA[m.at(ax, ay)]);
+  float colour[kColours];
+  for (int c = 0; c < kColours; ++c) colour[c] = m.imageA[m.plane(c) + m.at(ax, ay)];
+  point.codes.setAcceptable(colour, m.energyA[m.at(ax, ay)]);
   point.window = windowAround(ax, ay, m.h, m.w);
 }
-
-/// The result so far, of candidates in any order.
-struct Outcome {
-  float best = kRejected, second = kRejected;
-  int x = 0, y = 0;
-  std::uint64_t nearest[(kMostColumns + 63) / 64] = {};  // columns that reach `best`
-
-  TARVO_HOST_DEVICE void add(float d, int newX, int newY, int x0) {
-    std::uint64_t& word = nearest[(newX - x0) / 64];
-    const std::uint64_t bit = std::uint64_t{1} << ((newX - x0) % 64);
-    if (d < best) {
-      second = best;
-      best = d;
-      x = newX, y = newY;
-      std::memset(nearest, 0, sizeof nearest);
-      word = bit;
-    } else if (d == best && best < kRejected) {
-      if ((word & bit) != 0) second = best;
-      if (newX < x || (newX == x && newY < y)) x = newX, y = newY;
-      word |= bit;
-    } else if (d < second) {
-      second = d;
-    }
-  }
-};
-
-/// Largest estimate that still matters, from the estimates seen so far; each candidate may be seen again.
-struct Limit {
-  float least = kRejected;
-  float most = loosened(kRejected);
-
-  TARVO_HOST_DEVICE void see(float estimate) {
-    if (estimate < least) {
-      if (least > loosened(estimate)) most = std::min(most, loosened(least));
-      least = estimate;
-    } else if (estimate > loosened(least)) {
-      most = std::min(most, loosened(estimate));
-    }
-  }
-};
 
 struct Candidate {
   float estimate;
@@ -154,125 +93,40 @@ struct Squares {
   }
 };
 
+/// Rows of the window that are tested together.
+struct Band {
+  int x0, y;  // upper left candidate
+  unsigned columns, rows;
+};
+
+/// Places in Search::passing. Lists instead of branches: what passes is hard to predict. A list has room for
+/// one more, since the next is written before it is known whether it counts.
+struct List {
+  unsigned* places;
+  unsigned count;
+};
+
 /// State of one point's search.
 struct Search {
   const Job& job;
+  const int ax, ay;
   Point point;
   Outcome outcome;
   Limit limit;
+  Bounds bounds;
+  float boundsOf = -1.0f;  // the limit that `bounds` belong to
   int kept = 0;
   Candidate candidates[kMostKept];
-  unsigned char passing[kPaddedColumns];
-  int listed = 0;
-  int columns[kMostColumns];
+  alignas(32) unsigned char passing[kPlaces];  // of a band: row after row, kPaddedColumns each
+  unsigned places[kPlaces + 1];
 
-  TARVO_HOST_DEVICE explicit Search(const Job& theJob) : job(theJob) {}
+  TARVO_HOST_DEVICE Search(const Job& theJob, int pointX, int pointY) : job(theJob), ax(pointX), ay(pointY) {
+    loadPoint(point, job, ax, ay);
+  }
 
   TARVO_HOST_DEVICE const float* cellAt(int x, int y, int k) const {
     const long pixel = static_cast<long>(y + cellRow(k)) * job.m.w + x + cellColumn(k);
     return job.cells + pixel * kLanes;
-  }
-
-  /// Largest sum of squared differences of sums that the limit allows. The sums are known to 1e-6 of
-  /// themselves, so their differences to 1e-5 of the point's sums and of the differences.
-  TARVO_HOST_DEVICE float mostOfSums() const {
-    const float root = std::sqrt(static_cast<float>(kBinsOfPart) * limit.most) + 1e-5f * point.sumsNorm;
-    return root * root * 1.001f;
-  }
-
-  /// passing[i] for `count` columns from `first` of the window on: 1 where no test rejects.
-  TARVO_HOST_DEVICE void testColumns(int first, int count, int y) {
-    const kernels::HOGMatch_kernel& m = job.m;
-    const long start = m.at(point.window.x0 + first, y);
-    const float* energy = m.energyB + start;
-    const float* red = m.imageB + start;
-    const float* green = red + m.plane(1);
-    const float* blue = red + m.plane(2);
-    const float r = point.colour[0], g = point.colour[1], b = point.colour[2];
-    const float least = point.leastEnergy, most = point.mostEnergy;
-    unsigned char* out = passing + first;
-#pragma omp simd
-    for (int i = 0; i < count; ++i) {
-      const float d0 = r - red[i], d1 = g - green[i], d2 = b - blue[i];
-      const float colours = d0 * d0 + d1 * d1 + d2 * d2;
-      const bool rejected = (energy[i] > most) | (energy[i] < least) | (colours > kColourThreshold);
-      out[i] = rejected ? 0 : 1;
-    }
-  }
-
-  /// Clears passing[i] of the block from `first` of the window on where the bound exceeds what matters.
-  TARVO_HOST_DEVICE void boundBlock(int first, int y, float mostSums) {
-    std::uint64_t groups[kBlock / kGroup];
-    std::memcpy(groups, passing + first, sizeof groups);
-    if ((groups[0] | groups[1] | groups[2] | groups[3]) == 0) return;
-    const long plane = static_cast<long>(job.m.h) * job.m.w;
-    const long row = static_cast<long>(kSpacing) * job.m.w;
-    const float* above = job.sums + static_cast<long>(y) * job.m.w + point.window.x0 + first - row;
-    const float* below = above + 2 * row;
-    const auto& own = point.sums;
-    float squares[kBlock];
-#pragma omp simd
-    for (int i = 0; i < kBlock; ++i) {
-      float sum = 0.0f;
-      for (int part = 0; part < kParts; ++part) {
-        const float d0 = own[0][part] - above[part * plane + i - kSpacing];
-        const float d2 = own[2][part] - above[part * plane + i + kSpacing];
-        const float d6 = own[6][part] - below[part * plane + i - kSpacing];
-        const float d8 = own[8][part] - below[part * plane + i + kSpacing];
-        sum += (d0 * d0 + d2 * d2) + (d6 * d6 + d8 * d8);
-      }
-      squares[i] = sum;
-    }
-    unsigned char* out = passing + first;
-#pragma omp simd
-    for (int i = 0; i < kBlock; ++i) {
-      out[i] = static_cast<unsigned char>(squares[i] > mostSums ? 0 : out[i]);
-    }
-  }
-
-  /// passing[x - window.x0] for columns x0 ... x1 of row y, zeros around them up to whole groups.
-  TARVO_HOST_DEVICE void testRow(int x0, int x1, int y) {
-    const int first = x0 - point.window.x0;
-    const int end = x1 + 1 - point.window.x0;
-    for (int i = first / kGroup * kGroup; i < first; ++i) passing[i] = 0;
-    if (end - first < kBlock) {
-      testColumns(first, end - first, y);
-    } else {
-      const float mostSums = mostOfSums();
-      for (int i = first; i < end; i += kBlock) {
-        const int start = std::min(i, end - kBlock);
-        testColumns(start, kBlock, y);
-        boundBlock(start, y, mostSums);
-      }
-    }
-    for (int i = end; i % kGroup != 0; ++i) passing[i] = 0;
-  }
-
-  /// Lists the columns among x0 ... x1 that pass the tests in row y.
-  TARVO_HOST_DEVICE void listRow(int x0, int x1, int y) {
-    testRow(x0, x1, y);
-    listed = 0;
-    const int end = x1 + 1 - point.window.x0;
-    for (int i = (x0 - point.window.x0) / kGroup * kGroup; i < end; i += kGroup) {
-      std::uint64_t group;
-      std::memcpy(&group, passing + i, sizeof group);
-      for (; group != 0; group &= group - 1) {
-        columns[listed++] = point.window.x0 + i + __builtin_ctzll(group) / 8;
-      }
-    }
-  }
-
-  /// Keeps those listed columns whose centre cell alone does not exceed the limit.
-  TARVO_HOST_DEVICE void screenRow(int y) {
-    int left = 0;
-    for (int i = 0; i < listed; ++i) {
-      const int x = columns[i];
-      Squares squares;
-      squares.addCell(point.cells[kCentreCell], cellAt(x, y, kCentreCell));
-      columns[left] = x;
-      left += squares.sum() <= limit.most ? 1 : 0;
-    }
-    listed = left;
   }
 
   /// Estimate of the distance of (x, y), or of a part of it that exceeds the limit.
@@ -342,28 +196,121 @@ struct Search {
   /// Tightens the limit with the candidates around (x, y), where the match is likely.
   TARVO_HOST_DEVICE void lookAround(int x, int y) {
     const Window& window = point.window;
-    const int x0 = std::max(window.x0, x - 1), x1 = std::min(window.x1, x + 1);
-    if (x0 > x1) return;
     for (int row = std::max(window.y0, y - 1); row <= std::min(window.y1, y + 1); ++row) {
-      listRow(x0, x1, row);
-      for (int i = 0; i < listed; ++i) limit.see(estimate(columns[i], row));
+      for (int column = std::max(window.x0, x - 1); column <= std::min(window.x1, x + 1); ++column) {
+        if (job.m.acceptable(ax, ay, column, row)) limit.see(estimate(column, row));
+      }
+    }
+  }
+
+  /// Blocks of the band where colours and energy pass.
+  TARVO_HOST_DEVICE List testBand(const Band& band, unsigned* blocks) {
+    const Codes& codes = job.codes;
+    const unsigned padded = (band.columns + kBlock - 1) / kBlock * kBlock;
+    unsigned count = 0;
+    for (unsigned r = 0; r < band.rows; ++r) {
+      unsigned char* row = passing + r * kPaddedColumns;
+      const int y = band.y + static_cast<int>(r);
+      testColumns(codes.planeRow(0, y) + band.x0, codes.w, point.codes, codes.open[y] != 0, padded, row);
+      for (unsigned i = band.columns; i < padded; ++i) row[i] = 0;
+      for (unsigned i = 0; i < padded; i += kBlock) {
+        std::uint64_t words[kBlock / kGroup];
+        std::memcpy(words, row + i, sizeof words);
+        blocks[count] = r * kPaddedColumns + i;
+        count += ((words[0] | words[1]) | (words[2] | words[3])) != 0 ? 1 : 0;
+      }
+    }
+    return {blocks, count};
+  }
+
+  /// Lists the groups of a block where something passes; returns how many the list now has.
+  TARVO_HOST_DEVICE unsigned listGroups(unsigned block, unsigned* groups, unsigned count) const {
+    TARVO_UNROLL
+    for (unsigned g = block; g < block + kBlock; g += kGroup) {
+      std::uint64_t group;
+      std::memcpy(&group, passing + g, sizeof group);
+      groups[count] = g;
+      count += group != 0 ? 1 : 0;
+    }
+    return count;
+  }
+
+  /// Groups of these blocks where the coarse sums pass.
+  TARVO_HOST_DEVICE List boundBand(const Band& band, const List& blocks, unsigned* groups) {
+    const long plane = job.codes.w, row = plane * Codes::kPlanes;
+    const unsigned char* first = job.codes.planeRow(kColours + 1, band.y - kSpacing) + band.x0 - kSpacing;
+    unsigned count = 0;
+    for (unsigned i = 0; i < blocks.count; ++i) {
+      const unsigned block = blocks.places[i];
+      const unsigned char* cells = first + block / kPaddedColumns * row + block % kPaddedColumns;
+      boundBlock(cells, plane, kSpacing * row, bounds, passing + block);
+      unsigned after = listGroups(block, groups, count);
+      if (after - count >= kCrowded && bounds.squares) {
+        boundSquares(cells, plane, kSpacing * row, bounds, passing + block);
+        after = listGroups(block, groups, count);
+      }
+      count = after;
+    }
+    return {groups, count};
+  }
+
+  /// What passes in these groups.
+  TARVO_HOST_DEVICE List listBand(const List& groups) {
+    unsigned count = 0;
+    for (unsigned i = 0; i < groups.count; ++i) {
+      const unsigned group = groups.places[i];
+      TARVO_UNROLL
+      for (unsigned place = group; place < group + kGroup; ++place) {
+        places[count] = place;
+        count += passing[place] & 1;
+      }
+    }
+    return {places, count};
+  }
+
+  /// Those of the list whose fine codes pass, in its place.
+  TARVO_HOST_DEVICE List screenBand(const Band& band, const List& list) const {
+    const std::uint16_t* first = job.codes.fineRow(band.y - kSpacing);
+    const long row = Codes::fineLength(job.codes.w);
+    const int* cells = job.codes.cellOffsets + band.x0 - kSpacing;
+    const unsigned most = bounds.mostFine;
+    Shorts own[3];
+    std::memcpy(own, point.codes.fine, sizeof own);
+    unsigned left = 0;
+    for (unsigned i = 0; i < list.count; ++i) {
+      const unsigned place = list.places[i];
+      const std::uint16_t* at = first + place / kPaddedColumns * row + cells[place % kPaddedColumns];
+      list.places[left] = place;
+      left += fineDistance(at, kSpacing * row, own) <= most ? 1 : 0;
+    }
+    return {list.places, left};
+  }
+
+  TARVO_HOST_DEVICE void searchBand(const Band& band) {
+    if (limit.most != boundsOf) {
+      boundsOf = limit.most;
+      bounds.set(job.codes, point.codes, boundsOf);
+    }
+    unsigned blocks[kBandRows * kPaddedColumns / kBlock + 1], groups[kPlaces / kGroup + 1];
+    const List list = screenBand(band, listBand(boundBand(band, testBand(band, blocks), groups)));
+    for (unsigned i = 0; i < list.count; ++i) {
+      const int x = band.x0 + static_cast<int>(list.places[i] % kPaddedColumns);
+      const int y = band.y + static_cast<int>(list.places[i] / kPaddedColumns);
+      const float value = estimate(x, y);
+      if (!(value <= limit.most) || !job.m.acceptable(ax, ay, x, y)) continue;
+      limit.see(value);
+      keep(value, x, y);
     }
   }
 
   TARVO_HOST_DEVICE void searchWindow() {
     const Window& window = point.window;
     int x1 = window.x1;
-    for (int y = window.y0; y <= window.y1; ++y) {
+    for (int y = window.y0; y <= window.y1; y += kBandRows) {
       if (outcome.second == 0.0f) x1 = std::min(x1, outcome.x - 1);  // only an earlier column matters now
       if (window.x0 > x1) break;
-      listRow(window.x0, x1, y);
-      screenRow(y);
-      for (int i = 0; i < listed; ++i) {
-        const float value = estimate(columns[i], y);
-        if (!(value <= limit.most)) continue;
-        limit.see(value);
-        keep(value, columns[i], y);
-      }
+      searchBand({window.x0, y, static_cast<unsigned>(x1 + 1 - window.x0),
+                  static_cast<unsigned>(std::min(kBandRows, window.y1 + 1 - y))});
     }
     measure();
   }
@@ -377,8 +324,7 @@ TARVO_BAND void matchBand(Job job, int k0, int k1) {
     const int ax = m.pointX[k];
     const int ay = m.pointY[k];
     if (!m.searched(ax, ay)) continue;
-    Search search(job);
-    loadPoint(search.point, m, ax, ay);
+    Search search(job, ax, ay);
     search.lookAround(ax + u, ay + v);
     if (u != 0 || v != 0) search.lookAround(ax, ay);
     search.searchWindow();
@@ -391,36 +337,64 @@ TARVO_BAND void matchBand(Job job, int k0, int k1) {
   }
 }
 
-/// Rows y0 ... y1 - 1 of the histograms of image B, from planes to pixels, with their sums.
-TARVO_BAND void collectBand(kernels::HOGMatch_kernel m, float* cells, float* sums, int y0, int y1) {
+/// Rows y0 ... y1 - 1 of image B: histograms from planes to pixels, and codes.
+TARVO_BAND void collectBand(Job job, int y0, int y1) {
+  const kernels::HOGMatch_kernel& m = job.m;
   for (int y = y0; y < y1; ++y) {
-    float* row = cells + static_cast<long>(y) * m.w * kLanes;
+    float* row = job.cells + static_cast<long>(y) * m.w * kLanes;
     for (int x = 0; x < m.w; ++x) row[x * kLanes + kHogBins] = 0.0f;
-    for (int part = 0; part < kParts; ++part) {
-      float* sumsRow = sums + (static_cast<long>(part) * m.h + y) * m.w;
-      std::fill(sumsRow, sumsRow + m.w, 0.0f);
-      for (int b = part * kBinsOfPart; b < (part + 1) * kBinsOfPart; ++b) {
-        const float* bins = m.hogB + m.plane(b) + m.at(0, y);
-        for (int x = 0; x < m.w; ++x) {
-          row[x * kLanes + b] = bins[x];
-          sumsRow[x] += std::fabs(bins[x]);
-        }
-      }
+    for (int b = 0; b < kHogBins; ++b) {
+      const float* bins = m.hogB + m.plane(b) + m.at(0, y);
+      for (int x = 0; x < m.w; ++x) row[x * kLanes + b] = bins[x];
     }
+    codeRow(job.codes, m, y);
   }
+}
+
+/// Parts of the scratch, in floats.
+struct Layout {
+  std::size_t cells, offsets, fine, planes, open;
+
+  Layout(int h, int w) {
+    const auto rows = static_cast<std::size_t>(h), pixels = rows * static_cast<std::size_t>(w);
+    const auto floats = [](std::size_t bytes) { return (bytes + Codes::kSlack) / sizeof(float) + 1; };
+    cells = pixels * kLanes;
+    offsets = static_cast<std::size_t>(w);
+    fine = floats(rows * static_cast<std::size_t>(Codes::fineLength(w)) * sizeof(std::uint16_t));
+    planes = floats(pixels * Codes::kPlanes);
+    open = floats(rows);
+  }
+};
+
+Job jobOf(const kernels::HOGMatch_kernel& m, float* scratch) {
+  const Layout layout(m.h, m.w);
+  const float energy = typicalEnergy(m);
+  float* offsets = scratch + layout.cells;
+  float* fine = offsets + layout.offsets;
+  float* planes = fine + layout.fine;
+  float* open = planes + layout.planes;
+  const Codes codes{m.h,
+                    m.w,
+                    kCoarsePerEnergy / energy,
+                    kFinePerEnergy / energy,
+                    reinterpret_cast<unsigned char*>(planes),
+                    reinterpret_cast<unsigned char*>(open),
+                    reinterpret_cast<std::uint16_t*>(fine),
+                    reinterpret_cast<int*>(offsets)};
+  for (int x = 0; x < m.w; ++x) codes.cellOffsets[x] = static_cast<int>(codes.fineCell(x));
+  return {m, scratch, codes};
 }
 
 }  // namespace
 
 std::size_t cpuMatchScratch(int h, int w) {
-  return static_cast<std::size_t>(h) * static_cast<std::size_t>(w) * (kLanes + kParts);
+  const Layout layout(h, w);
+  return layout.cells + layout.offsets + layout.fine + layout.planes + layout.open;
 }
 
 void cpuMatch(const kernels::HOGMatch_kernel& search, float* scratch) {
-  float* sums = scratch + static_cast<long>(search.h) * search.w * kLanes;
-  device::cpu::forBands(search.h, search.w,
-                        [&](int y0, int y1) { collectBand(search, scratch, sums, y0, y1); });
-  const Job job{search, scratch, sums};
+  const Job job = jobOf(search, scratch);
+  device::cpu::forBands(search.h, search.w, [&](int y0, int y1) { collectBand(job, y0, y1); });
   const int chunks = (search.outW + kPointsPerChunk - 1) / kPointsPerChunk;
   device::cpu::runChunks(
       chunks,

@@ -6,7 +6,7 @@
 
 namespace match {
 
-/// Floats of scratch for cpuMatch: image B's histograms, pixel by pixel.
+/// Floats of scratch for cpuMatch: image B as histograms, pixel by pixel, and in codes (match_codes.h).
 std::size_t cpuMatchScratch(int h, int w);
 
 /// HOGMatch_kernel's form on the CPU device, with the same results. See match_cpu.cpp.

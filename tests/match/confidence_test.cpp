@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <tarvo/NFilter.h>
+#include <tarvo/filters.h>
 #include <tarvo/hog.h>
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -107,6 +109,49 @@ TEST(Confidence, HostFollowsItsRecipe) {
     const Planes image = randomPlanes(size.h, size.w, 3, 33);
     EXPECT_TRUE(tolerance::exact(hostConfidenceOf(image), hostReference(image))) << size.h << " x " << size.w;
   }
+}
+
+TEST(Confidence, HostAndDeviceDifferByTheirSmoothing) {
+  // The smaller eigenvalue of a symmetric matrix changes by no more than the norm of the matrix's change,
+  // here that between a tensor smoothed by the recursion and one smoothed by the Gaussian. Single precision
+  // adds the root of its rounding where the eigenvalues are nearly equal.
+  const int h = 120, w = 160, border = 32;  // 8 standard deviations
+  Planes image = render(h, w, 0, 0);
+  for (float& value : image.values) value = std::round(value);
+  const Planes gx = reference::correlate(image, {-0.5f, 0.0f, 0.5f}, 1, 0);
+  const Planes gy = reference::correlate(image, {-0.5f, 0.0f, 0.5f}, 0, 1);
+  Planes tensor(h, w, 3);
+  for (std::size_t i = 0; i < gx.values.size(); ++i) {
+    const std::size_t plane = tensor.values.size() / 3, pixel = i % plane;
+    tensor.values[pixel] += gx.values[i] * gx.values[i];
+    tensor.values[pixel + plane] += gx.values[i] * gy.values[i];
+    tensor.values[pixel + 2 * plane] += gy.values[i] * gy.values[i];
+  }
+  CTensor<float> recursive = tensorOf(tensor);
+  NFilter::recursiveSmoothX(recursive, 4.0f);
+  NFilter::recursiveSmoothY(recursive, 4.0f);
+  int size = 0;
+  const std::unique_ptr<float[]> taps(GaussianFilterCreate(4.0f, size));
+  const std::vector<float> mask(taps.get(), taps.get() + size);
+  const Planes gaussian = reference::correlate(reference::correlate(tensor, mask, 1, 0), mask, 0, 1);
+
+  const Planes device = confidenceOf(image), host = hostConfidenceOf(image);
+  double worst = 0.0, most = 0.0;
+  for (int y = border; y < h - border; ++y) {
+    for (int x = border; x < w - border; ++x) {
+      const double dxx = recursive(x, y, 0) - gaussian.at(x, y, 0),
+                   dxy = recursive(x, y, 1) - gaussian.at(x, y, 1),
+                   dyy = recursive(x, y, 2) - gaussian.at(x, y, 2);
+      const double change = std::sqrt(dxx * dxx + 2.0 * dxy * dxy + dyy * dyy);
+      const double rounding = 1e-3 * (recursive(x, y, 0) + recursive(x, y, 2));
+      const double magnitude = std::sqrt(tensor.at(x, y, 0) + tensor.at(x, y, 2));
+      const double difference = std::fabs(static_cast<double>(device.at(x, y)) - host.at(x, y));
+      ASSERT_LE(difference, magnitude * (change + rounding)) << x << ", " << y;
+      worst = std::max(worst, difference);
+      most = std::max(most, static_cast<double>(device.at(x, y)));
+    }
+  }
+  EXPECT_LT(worst, 0.06 * most);  // both kernels have the same width: 0.041 on this picture
 }
 
 TEST(Confidence, FindsCornersOnly) {
