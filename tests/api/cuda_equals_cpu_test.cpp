@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "gpu/systems.h"
 #include "support/device_planes.h"
 #include "support/library_state.h"
 #include "support/scene.h"
@@ -139,6 +140,26 @@ TEST_F(CudaEqualsCpu, OnFixedPointStepsAndTheirSolver) {
                          300.0f, 5.0f, 3, solverIterations, 1.0f);
       return flow;
     });
+  }
+}
+
+TEST_F(CudaEqualsCpu, OnSolversOfEitherKind) {
+  for (const Size size : {Size{1, 1}, Size{9, 1}, Size{15, 17}, Size{33, 300}, Size{483, 637}}) {
+    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    const TestSystem system(size.h, size.w, 12);
+    for (const int iterations : {1, 2, 30}) {
+      compare([&] {
+        const DeviceSystem device(system);
+        device.solve(iterations);
+        return device.x.values();
+      });
+      compare([&] {
+        Planes x = system.start;
+        SORIterations(system.matrix.data(), system.rhs.data(), x.data(), x.data() + size.h * size.w, x.data(),
+                      size.h, size.w, 1.85f, iterations);
+        return x;
+      });
+    }
   }
 }
 
