@@ -65,6 +65,7 @@ TARVO_API float gObjectiveValue(float* image1, float* image2, float* u, float* v
 /// @param image1, warped2 `channels` stacked planes; warped2 is the second image warped by (u, v)
 /// @param gconf           validity of the warp: 1 inside, 0 outside
 /// @param gamma           the level's gradient weight
+/// @param matchWeightIn        in: weights; null means no matches, and matchU and matchV are not read
 /// @param candidates, reserved no effect
 /// @param cg, fp          scratch; contents lost
 TARVO_API void gNonLinearIteration(float* image1, float* warped2, float* gconf, float* matchU, float* matchV,

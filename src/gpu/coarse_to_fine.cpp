@@ -120,13 +120,13 @@ void CoarseToFine::buildLevel(const Level& level) {
 }
 
 void CoarseToFine::buildMatches(const Level& level) {
+  if (input_.matchWeight == nullptr || level.index < 0) {
+    levelU_ = levelV_ = levelWeight_ = nullptr;  // no match counts
+    return;
+  }
   levelU_ = matchU_.get();
   levelV_ = matchV_.get();
   levelWeight_ = matchWeight_.get();
-  if (input_.matchWeight == nullptr || level.index < 0) {
-    setValue_kernel(matchWeight_.get(), level.h, level.w, p_, 0.0f);  // no match counts
-    return;
-  }
   if (level.index == 0) {
     levelU_ = input_.matchU;
     levelV_ = input_.matchV;

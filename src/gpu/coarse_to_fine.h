@@ -61,7 +61,7 @@ class CoarseToFine {
   int p_ = 0;
   device::Buffer level1_, level2_, gconf_, warped_;
   const float *image1_ = nullptr, *image2_ = nullptr, *second_ = nullptr;
-  const float *levelU_ = nullptr, *levelV_ = nullptr, *levelWeight_ = nullptr;
+  const float *levelU_ = nullptr, *levelV_ = nullptr, *levelWeight_ = nullptr;  // null: no matches
 
   // The flow, of pitch flowPitch_; empty before the first pass.
   device::Buffer u_, v_;

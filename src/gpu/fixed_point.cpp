@@ -55,10 +55,13 @@ void MakeMatrix_dummy_kernel(float* matrix, float* rhs, const float* dataFactor,
                                           alpha});
 }
 
-void gpu::assembleSystem(const Assembly& assembly, const FPtmp& fp, int h, int w, int p) {
+namespace {
+
+template <bool kMatches>
+void launchAssembly(const gpu::Assembly& assembly, const FPtmp& fp, int h, int w, int p) {
   const float* du = fp.increment;
   const float* dv = fp.increment + static_cast<long>(h) * p;
-  launch(kernels::AssembleSystem{
+  launch(kernels::AssembleSystem<kMatches>{
       {fp.matrix, fp.rhs, fp.stData, fp.stGrad, assembly.u, assembly.v, fp.diffX, fp.diffY},
       du,
       dv,
@@ -71,4 +74,14 @@ void gpu::assembleSystem(const Assembly& assembly, const FPtmp& fp, int h, int w
       assembly.alpha,
       assembly.beta,
       assembly.gamma});
+}
+
+}  // namespace
+
+void gpu::assembleSystem(const Assembly& assembly, const FPtmp& fp, int h, int w, int p) {
+  if (assembly.matchWeightIn != nullptr) {
+    launchAssembly<true>(assembly, fp, h, w, p);
+  } else {
+    launchAssembly<false>(assembly, fp, h, w, p);
+  }
 }

@@ -146,7 +146,8 @@ struct MakeMatrix_kernels {
 using MakeMatrix_kernel = MakeMatrix_kernels<true>;
 using MakeMatrix_dummy_kernel = MakeMatrix_kernels<false>;
 
-/// Factors and assembly in one visit, for one match candidate.
+/// Factors and assembly in one visit, for one match candidate, or none: then the match planes are not read.
+template <bool kMatches>
 struct AssembleSystem {
   SystemPlanes planes;
   const float *du, *dv, *matchU, *matchV, *matchWeightIn;
@@ -159,7 +160,9 @@ struct AssembleSystem {
     const float fd = tensorWeight(planes.stData, i, n, du[i], dv[i], 1.0f);
     const float fg = tensorWeight(planes.stGrad, i, n, du[i], dv[i], gamma);
     MatchSums match{0.0f, 0.0f, 0.0f};
-    match.add(planes.u[i], planes.v[i], du[i], dv[i], matchU[i], matchV[i], matchWeightIn[i], beta);
+    if (kMatches) {
+      match.add(planes.u[i], planes.v[i], du[i], dv[i], matchU[i], matchV[i], matchWeightIn[i], beta);
+    }
     const float factor = alpha;
     planes.assemble(x, y, h, w, p, fd, fg, match,
                     [factor](float diffusivity) { return diffusivity * factor; });

@@ -11,7 +11,7 @@ namespace gpu {
 void structureTensors(const float* image1, const float* warped2, const FPtmp& fp, const float* gconf, int h,
                       int w, int p, int channels);
 
-/// The match field, and the weights of an assembly.
+/// The flow, the match field (null: no matches), and the weights of an assembly.
 struct Assembly {
   const float *u, *v, *matchU, *matchV, *matchWeightIn;
   float alpha, beta, gamma;
