@@ -13,13 +13,16 @@ constexpr int kSide = 64;
 struct Columns {
   int first[kSide], last[kSide], partial[kSide];
   float start[kSide], rest[kSide];
-  int count;  ///< columns in use
-  int most;   ///< samples of the widest footprint
+  int count;                     ///< columns in use
+  int least;                     ///< samples of the narrowest footprint
+  int most;                      ///< and of the widest
+  int wider[kSide], widerCount;  ///< columns with more than the least
 
   TARVO_HOST_DEVICE void set(int x0, int outW, int inW) {
     const float scale = static_cast<float>(inW) / static_cast<float>(outW);
     count = outW - x0 < kSide ? outW - x0 : kSide;
     most = 0;
+    least = inW;
     for (int k = 0; k < count; ++k) {
       const kernels::Footprint footprint(x0 + k, scale, inW);
       first[k] = footprint.first;
@@ -27,7 +30,13 @@ struct Columns {
       partial[k] = footprint.partial;
       start[k] = footprint.start(footprint.first);
       rest[k] = footprint.rest;
-      most = std::max(most, footprint.last - footprint.first + 1);
+      const int samples = footprint.last - footprint.first + 1;
+      if (samples > most) most = samples;
+      if (samples < least) least = samples;
+    }
+    widerCount = 0;
+    for (int k = 0; k < count; ++k) {
+      if (last[k] - first[k] + 1 > least) wider[widerCount++] = k;
     }
   }
 

@@ -47,24 +47,56 @@ struct Job {
   const Columns* columns;  // for every kSide columns of the target
 };
 
-/// Adds one source row to the sums, kLanes floats for every column.
-TARVO_HOST_DEVICE void addRow(const Columns& columns, const float* row, float rowStart, float rowEnd,
-                              float* sums) {
-  const int count = columns.count;
-  float areas[kSide];
-  for (int step = 0; step < columns.most; ++step) {
+/// Adds kSteps samples of every column, from its sample `step` on, to the sums: kLanes floats for every
+/// column.
+template <int kSteps>
+TARVO_HOST_DEVICE void addSteps(const Columns& columns, const float* row, float rowStart, float rowEnd,
+                                int step, float* sums) {
+  float areas[kSteps][kSide];
+  TARVO_UNROLL
+  for (int j = 0; j < kSteps; ++j) {
 #pragma omp simd
-    for (int k = 0; k < count; ++k) areas[k] = columns.area(k, step, rowStart, rowEnd);
-    for (int k = 0; k < count; ++k) {
-      const int i = columns.first[k] + step;
-      if (i > columns.last[k]) continue;
-      const float* sample = row + static_cast<long>(i) * kLanes;
+    for (int k = 0; k < columns.count; ++k) areas[j][k] = columns.area(k, step + j, rowStart, rowEnd);
+  }
+  for (int k = 0; k < columns.count; ++k) {
+    const float* sample = row + static_cast<long>(columns.first[k] + step) * kLanes;
+    float* sum = sums + k * kLanes;
+#pragma omp simd
+    for (int lane = 0; lane < kLanes; ++lane) {
+      float value = sum[lane];
+      TARVO_UNROLL
+      for (int j = 0; j < kSteps; ++j) value = fmaf(areas[j][k], sample[j * kLanes + lane], value);
+      sum[lane] = value;
+    }
+  }
+}
+
+/// Adds the samples that only some columns have; their list stands in for a branch that could not be
+/// foretold.
+TARVO_HOST_DEVICE void addWider(const Columns& columns, const float* row, float rowStart, float rowEnd,
+                                float* sums) {
+  for (int step = columns.least; step < columns.most; ++step) {
+    for (int e = 0; e < columns.widerCount; ++e) {
+      const int k = columns.wider[e];
+      if (columns.first[k] + step > columns.last[k]) continue;  // never, where widths differ by one
+      const float area = columns.area(k, step, rowStart, rowEnd);
+      const float* sample = row + static_cast<long>(columns.first[k] + step) * kLanes;
       float* sum = sums + k * kLanes;
-      const float area = areas[k];
 #pragma omp simd
       for (int lane = 0; lane < kLanes; ++lane) sum[lane] = fmaf(area, sample[lane], sum[lane]);
     }
   }
+}
+
+/// Adds one source row to the sums.
+TARVO_HOST_DEVICE void addRow(const Columns& columns, const float* row, float rowStart, float rowEnd,
+                              float* sums) {
+  int step = 0;
+  for (; step + 4 <= columns.least; step += 4) addSteps<4>(columns, row, rowStart, rowEnd, step, sums);
+  if (columns.least - step == 3) addSteps<3>(columns, row, rowStart, rowEnd, step, sums);
+  if (columns.least - step == 2) addSteps<2>(columns, row, rowStart, rowEnd, step, sums);
+  if (columns.least - step == 1) addSteps<1>(columns, row, rowStart, rowEnd, step, sums);
+  addWider(columns, row, rowStart, rowEnd, sums);
 }
 
 /// Target rows y0 ... y1 - 1, one after the other, so that the source is read in rows.
