@@ -45,7 +45,8 @@ CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
       levels_(levelsAbove(input.height, input.width, weights.eta)),
       largest_(largestPlane(input, weights.eta, levels_)),
       scratch_((allocateMatchPlanes(), largest_)),
-      pictures_(input.image1, input.image2, input.height, input.width, input.pitch) {
+      pictures_(input.image1, input.image2, input.height, input.width, input.pitch),
+      matches_({input.matchU, input.matchV, input.matchWeight}, input.height, input.width, input.pitch) {
   reserveLevelBuffers();
 }
 
@@ -133,15 +134,7 @@ void CoarseToFine::buildMatches(const Level& level) {
     levelWeight_ = input_.matchWeight;
     return;
   }
-  const auto shrink = [&](const float* plane, float* out) {
-    downsample(plane, input_.height, input_.width, input_.pitch, out, level.h, level.w, p_,
-               input_.matchWeight);
-  };
-  shrink(input_.matchU, matchU_.get());
-  Scale_kernel(matchU_.get(), level.h, level.w, p_, level.scale);
-  shrink(input_.matchV, matchV_.get());
-  Scale_kernel(matchV_.get(), level.h, level.w, p_, level.scale);
-  shrink(input_.matchWeight, matchWeight_.get());
+  matches_.build(matchU_.get(), matchV_.get(), matchWeight_.get(), level.h, level.w, p_, level.scale);
 }
 
 void CoarseToFine::carryFlow(const Level& level, bool first) {

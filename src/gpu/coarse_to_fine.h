@@ -4,6 +4,7 @@
 
 #include "device/memory.h"
 #include "gpu/levels.h"
+#include "gpu/match_levels.h"
 #include "gpu/picture_levels.h"
 #include "gpu/scratch.h"
 
@@ -56,6 +57,7 @@ class CoarseToFine {
   device::Buffer matchU_, matchV_, matchWeight_;  // of the level; sized for the largest
   Scratch scratch_;                               // allocated behind the match planes
   PictureLevels pictures_;
+  MatchLevels matches_;
 
   // The current pass. Pictures point to the level's own buffers or, at full resolution, to the input.
   int p_ = 0;

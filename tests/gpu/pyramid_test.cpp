@@ -3,6 +3,7 @@
 
 #include <limits>
 
+#include "gpu/match_levels.h"
 #include "gpu/picture_levels.h"
 #include "gpu/pyramid_kernels.h"
 #include "reference/pyramid_reference.h"
@@ -94,6 +95,37 @@ TEST(Downsample, OfWholePicturesIsThatOfTheirPlanes) {
       NDevice::threads(threads);
       gpu::averagePictures(source.get(), source.plane(3), in.h, in.w, source.p(), target.get(),
                            target.plane(3), r.to.h, r.to.w, target.p());
+      EXPECT_TRUE(target.intact());
+      ASSERT_TRUE(exact(target.values(), expected)) << threads << " threads";
+    }
+  }
+}
+
+TEST(Downsample, OfAMatchFieldIsThatOfItsPlanesScaled) {
+  const KeepThreads keep;
+  constexpr float kScale = 0.735f;
+  for (const Resampling& r : kShrinkings) {
+    SCOPED_TRACE(testing::Message() << r.from.w << " x " << r.from.h << " to " << r.to.w << " x " << r.to.h);
+    Planes in = randomPlanes(r.from.h, r.from.w, 3, 5, -80.0f, 80.0f);
+    const std::size_t n = in.values.size() / 3;
+    for (std::size_t i = 0; i < n; ++i) {  // sparse weights, others not positive or not a number
+      float& weight = in.values[2 * n + i];
+      if (i % 7 != 0) weight = i % 3 == 0 ? 0.0f : (i % 3 == 1 ? -weight : kNan);
+    }
+    const Planes weights = in.plane(2);
+    Planes expected(r.to.h, r.to.w, 3);
+    for (int k = 0; k < 3; ++k) {
+      Planes plane = shrunk(in.plane(k), r.to, &weights);
+      if (k < 2) {
+        for (float& value : plane.values) value *= kScale;
+      }
+      std::copy(plane.values.begin(), plane.values.end(), &expected.at(0, 0, k));
+    }
+    const DevicePlanes source(in), target(r.to.h, r.to.w, 3, 2);
+    for (const int threads : {1, 3}) {
+      NDevice::threads(threads);
+      gpu::averageMatches({source.get(), source.plane(1), source.plane(2)}, in.h, in.w, source.p(),
+                          target.get(), target.plane(1), target.plane(2), r.to.h, r.to.w, target.p(), kScale);
       EXPECT_TRUE(target.intact());
       ASSERT_TRUE(exact(target.values(), expected)) << threads << " threads";
     }
