@@ -15,8 +15,8 @@
 
 namespace gpu {
 
-/// One level on the CPU device. The target columns that source column i belongs to are columns[reach[i]] ...
-/// columns[reach[i + 1] - 1], with its lengths in them.
+/// One level on the CPU device. The target columns that source column i belongs to, with its lengths in them,
+/// are shares[reach[i]] ... shares[reach[i + 1] - 1].
 struct MatchAverage {
   struct Share {
     int column;
@@ -128,10 +128,12 @@ void MatchLevels::buildOnCpu(float* u, float* v, float* weight, int outH, int ou
   });
   const MatchAverage average{matches_.data(), rows_.data(), shares.data(), reach.data(), h_,
                              {u, v, weight},  outH,         outW,          outP,         scale};
-  device::cpu::forBands(outH, outW, [&](int y0, int y1) {
-    std::vector<float> sums(static_cast<std::size_t>(outW) * MatchAverage::kSums);
-    averageBand(average, sums.data(), y0, y1);
-  });
+  // Scratch of a row for every band, since a band must not throw.
+  const int rows = device::cpu::rowsPerChunk(outH, outW);
+  const std::ptrdiff_t scratch = static_cast<std::ptrdiff_t>(outW) * MatchAverage::kSums;
+  std::vector<float> sums(static_cast<std::size_t>((outH + rows - 1) / rows * scratch));
+  device::cpu::forBands(
+      outH, outW, [&](int y0, int y1) { averageBand(average, sums.data() + y0 / rows * scratch, y0, y1); });
 }
 
 void averageMatches(const MatchField& field, int h, int w, int p, float* u, float* v, float* weight, int outH,

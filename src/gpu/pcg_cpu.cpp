@@ -29,9 +29,9 @@ struct Row {
   float *first, *second;
 };
 
-/// Scratch rows of a chunk: its first and last row of the search direction before an advance, and one for z.
-enum class SavedRow { First = 0, Last = 1, Scratch = 2 };
-constexpr int kSavedRows = 3;
+/// Scratch rows of a chunk: its first and last row of the search direction before an advance.
+enum class SavedRow { First = 0, Last = 1 };
+constexpr int kSavedRows = 2;
 
 struct Sweep {
   CpuSolve s;
