@@ -18,14 +18,7 @@ constexpr int kGridMargin = 12;
 constexpr int kPrintedPoints = 10;
 constexpr double kWeightTolerance = 0.001;
 
-/// Inclusive ranges of columns and rows.
 using match::Window;
-
-/// Up to 80 pixels around (x, y), at least `margin` from the border and one more on the right and below.
-Window windowAround(int x, int y, int w, int h, int margin) {
-  return {std::max(margin, x - match::kRadius), std::min(x + match::kRadius, w - 1 - margin),
-          std::max(margin, y - match::kRadius), std::min(y + match::kRadius, h - 1 - margin)};
-}
 
 /// One picture as the searches read it: histograms pixel by pixel.
 class Picture {
@@ -199,7 +192,7 @@ HostFeatures::HostFeatures(const CTensor<float>& first, const CTensor<float>& se
 
 void crossCheck(const HostFeatures& features, const CTensor<float>& u, const CTensor<float>& v,
                 const CTensor<float>& weight) {
-  constexpr int kForwardMargin = 12, kBackwardMargin = 4;
+  constexpr int kBackwardMargin = 4;
   const Picture first(features.image1, features.hog1, features.energy1);
   const Picture second(features.image2, features.hog2, features.energy2);
   const int w = first.w(), h = first.h();
@@ -209,14 +202,14 @@ void crossCheck(const HostFeatures& features, const CTensor<float>& u, const CTe
     const int x = grid.x[k], y = grid.y[k];
     const double gate = match::kGate * static_cast<double>(features.meanConfidence);
     if (gate > static_cast<double>(features.confidence(x, y))) continue;
-    const Nearest forward = Search(first, second, x, y).run(windowAround(x, y, w, h, kForwardMargin));
+    const Nearest forward = Search(first, second, x, y).run(match::windowAround(x, y, h, w));
     const Found& best = forward.best;
     if (printed < kPrintedPoints) {
       report::print("%d : %d %d -> %d %d %f %f \n", printed++, x, y, best.x, best.y,
                     static_cast<double>(best.distance), static_cast<double>(forward.second.distance));
     }
     if (best.x == 0 && best.y == 0) continue;
-    const Window window = windowAround(best.x, best.y, w, h, kBackwardMargin);
+    const Window window = match::windowAround(best.x, best.y, h, w, kBackwardMargin);
     const Found back = Search(second, first, best.x, best.y).run(window).best;
     if (std::abs(back.x - x) > 1 || std::abs(back.y - y) > 1) continue;
     compare(x, y, forward, back, {u(x, y, 0), v(x, y, 0), weight(x, y, 0)});

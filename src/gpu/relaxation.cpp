@@ -33,9 +33,9 @@ TARVO_HOST_DEVICE void relaxInner(const Relaxation& r, int x0, int x1, int y) {
     for (int k = 0; k < count; ++k) {
       const int x = x0 + 2 * k;
       if (x < 1 || x >= r.w - 1 || y < 1 || y >= r.h - 1) __builtin_unreachable();
-      const Relaxation::Relaxed value = r.relaxed(x, y);
-      u[k] = value.u;
-      v[k] = value.v;
+      const kernels::Pair value = r.relaxed(x, y);
+      u[k] = value.first;
+      v[k] = value.second;
     }
     for (int k = 0; k < count; ++k) {
       du[x0 + 2 * k] = u[k];

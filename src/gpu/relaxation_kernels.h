@@ -25,18 +25,14 @@ struct SORiteration_mem_opt_kernel {
     const int x = 2 * column + ((y + colour) & 1);
     if (x >= w) return;
     const int i = y * p + x;
-    const Relaxed value = relaxed(x, y);
-    du[i] = value.u;
-    dv[i] = value.v;
+    const Pair value = relaxed(x, y);
+    du[i] = value.first;
+    dv[i] = value.second;
   }
-
-  struct Relaxed {
-    float u, v;
-  };
 
   /// The pixel's new values: (1 - omega) times the old ones plus omega times the solution of its 2 x 2 block,
   /// which counts as 0 where the block is singular.
-  TARVO_HOST_DEVICE Relaxed relaxed(int x, int y) const {
+  TARVO_HOST_DEVICE Pair relaxed(int x, int y) const {
     const int i = y * p + x;
     const int n = h * p;
     float ru = rhs[i];

@@ -34,9 +34,9 @@ TARVO_HOST_DEVICE int larger(int a, int b) {
   return a > b ? a : b;
 }
 
-TARVO_HOST_DEVICE Window windowAround(int ax, int ay, int h, int w) {
-  return {larger(kWindowMargin, ax - kRadius), smaller(ax + kRadius, w - 1 - kWindowMargin),
-          larger(kWindowMargin, ay - kRadius), smaller(ay + kRadius, h - 1 - kWindowMargin)};
+TARVO_HOST_DEVICE Window windowAround(int ax, int ay, int h, int w, int margin = kWindowMargin) {
+  return {larger(margin, ax - kRadius), smaller(ax + kRadius, w - 1 - margin), larger(margin, ay - kRadius),
+          smaller(ay + kRadius, h - 1 - margin)};
 }
 
 /// Column and row of cell k relative to the descriptor's point.
