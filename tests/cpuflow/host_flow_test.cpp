@@ -61,26 +61,33 @@ Planes inner(const Planes& planes, int border) {
   return part;
 }
 
+constexpr float kAlpha = 30.0f, kBeta = 300.0f, kGamma = 5.0f;
+
+/// The system of a level at an increment.
+cpuflow::HostSystem systemOf(Level& level, CTensor<float>& increment) {
+  CMatrix<float> diffX(level.w(), level.h()), diffY(level.w(), level.h());
+  COpticFlow::diffusivity(level.flow, increment, diffX, diffY, nullptr, 0.0f);
+  const cpuflow::DataTerms data(level.image1, level.warped2, level.gconf);
+  cpuflow::HostSystem system(level.w(), level.h());
+  const float a = 1.0f / kAlpha;
+  system.assemble({data,
+                   {level.matchU, level.matchV, level.matchWeight},
+                   level.flow,
+                   increment,
+                   diffX,
+                   diffY,
+                   {a, a * kGamma, a * kBeta}});
+  return system;
+}
+
 }  // namespace
 
 TEST(HostSystem, IsTheDeviceSystemDividedByAlphaInsideTheMasksReach) {
-  constexpr float kAlpha = 30.0f, kBeta = 300.0f, kGamma = 5.0f;
   constexpr int kReach = 4;  // of the 5-tap mask applied twice
   Level level(23, 19);
   level.gconf(11, 9) = 0.0f;
-  const CTensor<float> increment = tensorOf(randomPlanes(19, 23, 2, 5, -0.5f, 0.5f));
-  CMatrix<float> diffX(23, 19), diffY(23, 19);
-  CTensor<float> added(increment);
-  COpticFlow::diffusivity(level.flow, added, diffX, diffY, nullptr, 0.0f);
-  const cpuflow::DataTerms data(level.image1, level.warped2, level.gconf);
-  cpuflow::HostSystem host(23, 19);
-  host.assemble({data,
-                 {level.matchU, level.matchV, level.matchWeight},
-                 level.flow,
-                 increment,
-                 diffX,
-                 diffY,
-                 {1 / kAlpha, kGamma / kAlpha, kBeta / kAlpha}});
+  CTensor<float> increment = tensorOf(randomPlanes(19, 23, 2, 5, -0.5f, 0.5f));
+  const cpuflow::HostSystem host = systemOf(level, increment);
 
   const Planes flow = planesOf(level.flow), step = planesOf(increment);
   Planes match(19, 23, 3);
@@ -121,19 +128,9 @@ TEST(HostSystem, IsSolvedAlikeByBothRelaxations) {
   Level level(33, 28);
   const int pixels = 33 * 28;
   CTensor<float> increment(33, 28, 2, 0.0f);
-  CMatrix<float> diffX(33, 28), diffY(33, 28);
   level.flow = CTensor<float>(33, 28, 2, 0.0f);
   for (int i = 0; i < pixels; ++i) level.flow.data()[i] = 0.05f * static_cast<float>(i % 33);
-  COpticFlow::diffusivity(level.flow, increment, diffX, diffY, nullptr, 0.0f);
-  const cpuflow::DataTerms data(level.image1, level.warped2, level.gconf);
-  cpuflow::HostSystem host(33, 28);
-  host.assemble({data,
-                 {level.matchU, level.matchV, level.matchWeight},
-                 level.flow,
-                 increment,
-                 diffX,
-                 diffY,
-                 {1 / 30.0f, 5 / 30.0f, 300 / 30.0f}});
+  const cpuflow::HostSystem host = systemOf(level, increment);
   const float *matrix = host.matrix.data(), *rhs = host.rhs.data();
   Planes A(28, 33, 12), b(28, 33, 2);
   A.values = host.matrix;
@@ -217,19 +214,8 @@ TEST(HostIteration, AssemblesAndRelaxesInTurns) {
   const Silence silence;
   Level twin(before);
   CTensor<float> increment(22, 18, 2, 0.0f);
-  CMatrix<float> diffX(22, 18), diffY(22, 18);
-  const cpuflow::DataTerms data(twin.image1, twin.warped2, twin.gconf);
   for (int k = 0; k < 3; ++k) {
-    COpticFlow::diffusivity(twin.flow, increment, diffX, diffY, nullptr, 0.0f);
-    cpuflow::HostSystem system(22, 18);
-    const float a = 1.0f / 30.0f;
-    system.assemble({data,
-                     {twin.matchU, twin.matchV, twin.matchWeight},
-                     twin.flow,
-                     increment,
-                     diffX,
-                     diffY,
-                     {a, a * 5.0f, a * 300.0f}});
+    const cpuflow::HostSystem system = systemOf(twin, increment);
     SORIterations(system.matrix.data(), system.rhs.data(), &increment(0, 0, 0), &increment(0, 0, 1),
                   increment.data(), 18, 22, 1.85f, 5);
   }
