@@ -155,7 +155,8 @@ bench::FlowRow measure(Rendering& scene, int threads, int runs) {
   const NDevice::MemoryUse memory = NDevice::memoryUse();
   row.libraryMemory = static_cast<double>(memory.inUse + memory.kept);
   compare(flow, scene, row);
-  row.triad = bench::triadBandwidth(bench::solverFootprint(static_cast<double>(row.width) * row.height));
+  row.triad = bench::triadBandwidth(
+      bench::solverFootprint(static_cast<double>(row.width) * row.height, bench::Couplings::Once));
   return row;
 }
 

@@ -30,15 +30,19 @@ double Work::memorySeconds(const std::function<double(double)>& bandwidth) const
   return seconds;
 }
 
-double solverFloats(int n) {
-  // Search direction s, solution x. The start reads x 2, rhs 2, matrix 8 and writes r 2, s 2; the product
-  // reads s 2, matrix 7 and writes q 2, and from the second iteration on updates x 2 and s 2 in the same
-  // sweep, for which it also reads r 2 and the other copy of the mixed entry 1; in all but the last iteration
-  // r 2 is updated from q 2 and matrix 3; the end updates x 2 from s 2.
-  return 16 + 11 + (n - 1) * (20 + 9) + 6;
+double solverFloats(int n, Couplings couplings) {
+  // Search direction s, solution x, matrix: three entries of the block and the couplings. The start reads x
+  // 2, rhs 2, matrix (of four couplings also the other copy of the mixed entry) and writes r 2, s 2; the
+  // product reads s 2, matrix and writes q 2, and from the second iteration on updates x 2 and s 2 in the
+  // same sweep, for which it also reads r 2; in all but the last iteration r 2 is updated from q 2 and matrix
+  // 3; the end updates x 2 from s 2.
+  const bool all = couplings == Couplings::All;
+  const double matrix = all ? 7 : 5;
+  const double product = matrix + 4;
+  return (8 + matrix + (all ? 1 : 0)) + product + (n - 1) * (product + 8 + 9) + 6;
 }
-double solverFootprint(double pixels) {
-  return 4.0 * (8 + 2 + 2 + 6) * pixels;
+double solverFootprint(double pixels, Couplings couplings) {
+  return 4.0 * ((couplings == Couplings::All ? 8 : 5) + 2 + 2 + 6) * pixels;
 }
 
 namespace {
@@ -144,11 +148,11 @@ Work diffusivity(double pixels) {
   return work;
 }
 
-/// Tensors 12, flow and increment 4, match field 3, diffusivities 2 in, matrix 8 and right-hand side 2 out.
+/// Tensors 12, flow and increment 4, match field 3, diffusivities 2 in, matrix 5 and right-hand side 2 out.
 /// Two tensor weights 34, match 18, block and right-hand side 19, four neighbours 36; three inverse roots.
 Work assembly(double pixels) {
   Work work;
-  work.add(pixels, 31, 107, 3, 31);
+  work.add(pixels, 28, 107, 3, 28);
   return work;
 }
 
@@ -161,8 +165,8 @@ Work solver(const std::vector<Pass>& passes) {
     const int n = pass.solverIterations();
     const double flops = 39 + 26.0 * n + 38.0 * (n - 1) + 4;
     for (int k = 0; k < kFixedPointIterations; ++k) {
-      work.add(n * pass.pixels(), solverFloats(n) / n, flops / n, 0, 0);
-      work.parts.back().footprint = solverFootprint(pass.pixels());
+      work.add(n * pass.pixels(), solverFloats(n, Couplings::Once) / n, flops / n, 0, 0);
+      work.parts.back().footprint = solverFootprint(pass.pixels(), Couplings::Once);
     }
   }
   return work;

@@ -67,9 +67,13 @@ inline constexpr const char* kSolver = "solver";
 /// Work of every phase for pictures of this size. The counts are those of the pictures' matching.
 std::vector<PhaseWork> phasesOf(int width, int height, const NMatching::Counts& counts);
 
+/// What a solve reads of a pixel's couplings: all four, as gPCG, or, as the fixed-point step, two, the others
+/// being those of the neighbours.
+enum class Couplings { All, Once };
+
 /// Floats per pixel that a solve of n iterations moves in the sweeps of the CPU device.
-double solverFloats(int n);
-/// Bytes that a solve touches: matrix 8, right-hand side 2, solution 2, three vectors of 2.
-double solverFootprint(double pixels);
+double solverFloats(int n, Couplings couplings);
+/// Bytes that a solve touches: matrix 8 or 5, right-hand side 2, solution 2, three vectors of 2.
+double solverFootprint(double pixels, Couplings couplings);
 
 }  // namespace bench

@@ -99,8 +99,8 @@ struct SystemPlanes {
   const float *stData, *stGrad, *u, *v, *diffX, *diffY;
 
   /// Equations of pixel (x, y) for the weights fd, fg and the match sums; a coupling is
-  /// strength(diffusivity).
-  template <class Strength>
+  /// strength(diffusivity). kOnce: what SystemLayout::once does not need is not written.
+  template <bool kOnce, class Strength>
   TARVO_HOST_DEVICE void assemble(int x, int y, int h, int w, int p, float fd, float fg,
                                   const MatchSums& match, const Strength& strength) const {
     const int i = y * p + x;
@@ -117,12 +117,14 @@ struct SystemPlanes {
     if (y < h - 1) south = pixel.couple(strength(diffY[i]), u[i + p] - u[i], v[i + p] - v[i]);
     matrix[i + kMatrixUU * n] = pixel.auu;
     matrix[i + kMatrixVU * n] = auv;
-    matrix[i + kMatrixUV * n] = auv;
     matrix[i + kMatrixVV * n] = pixel.avv;
-    matrix[i + kMatrixNorth * n] = north;
-    matrix[i + kMatrixWest * n] = west;
     matrix[i + kMatrixEast * n] = east;
     matrix[i + kMatrixSouth * n] = south;
+    if (!kOnce) {
+      matrix[i + kMatrixUV * n] = auv;
+      matrix[i + kMatrixNorth * n] = north;
+      matrix[i + kMatrixWest * n] = west;
+    }
     rhs[i] = pixel.bu;
     rhs[i + n] = pixel.bv;
   }
@@ -139,14 +141,16 @@ struct MakeMatrix_kernels {
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
     const float factor = alpha;
-    planes.assemble(x, y, h, w, p, dataFactor[i], gradFactor[i], {matchWeight[i], matchRhsU[i], matchRhsV[i]},
-                    [factor](float diffusivity) { return kScaled ? diffusivity * factor : diffusivity; });
+    planes.assemble<false>(
+        x, y, h, w, p, dataFactor[i], gradFactor[i], {matchWeight[i], matchRhsU[i], matchRhsV[i]},
+        [factor](float diffusivity) { return kScaled ? diffusivity * factor : diffusivity; });
   }
 };
 using MakeMatrix_kernel = MakeMatrix_kernels<true>;
 using MakeMatrix_dummy_kernel = MakeMatrix_kernels<false>;
 
 /// Factors and assembly in one visit, for one match candidate, or none: then the match planes are not read.
+/// The matrix is that of SystemLayout::once.
 template <bool kMatches>
 struct AssembleSystem {
   SystemPlanes planes;
@@ -164,8 +168,8 @@ struct AssembleSystem {
       match.add(planes.u[i], planes.v[i], du[i], dv[i], matchU[i], matchV[i], matchWeightIn[i], beta);
     }
     const float factor = alpha;
-    planes.assemble(x, y, h, w, p, fd, fg, match,
-                    [factor](float diffusivity) { return diffusivity * factor; });
+    planes.assemble<true>(x, y, h, w, p, fd, fg, match,
+                          [factor](float diffusivity) { return diffusivity * factor; });
   }
 };
 

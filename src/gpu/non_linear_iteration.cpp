@@ -14,9 +14,9 @@ namespace {
 constexpr const char* kUnit = units::kOpticalFlowGPU;
 
 /// Solves the assembled system for the increment.
-void solve(const FPtmp& fp, float* dv, int h, int w, int p, int iterations, const CGtmp& cg) {
+void solve(const FPtmp& fp, int h, int w, int p, int iterations, const CGtmp& cg) {
   auto solver = TARVO_STOPWATCH(solver);
-  gPCG(fp.matrix, fp.rhs, fp.increment, dv, h, w, p, iterations, cg);
+  gpu::solveSystem(fp, h, w, p, iterations, cg);
   device::synchronize();
   solver.stop();
   TARVO_LAUNCHED("Solve");
@@ -38,7 +38,7 @@ void gNonLinearIteration(float* image1, float* warped2, float* gconf, float* mat
   for (int k = 0; k < fixedPointIterations; ++k) {
     gDiffusivity(u, v, du, dv, fp.diffX, fp.diffY, h, w, p);
     gpu::assembleSystem({u, v, matchU, matchV, matchWeightIn, alpha, beta, gamma}, fp, h, w, p);
-    solve(fp, dv, h, w, p, solverIterations, cg);
+    solve(fp, h, w, p, solverIterations, cg);
   }
   TARVO_LAUNCHED("Iterations");
   Add_kernel(u, du, h, w, p);

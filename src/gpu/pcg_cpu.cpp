@@ -3,13 +3,13 @@
 // pixel and iteration, where a level is larger than the caches (a write counts its read-for-ownership):
 //
 //   sweep A   x += alpha * s of the last iteration, s = s * beta + z          x 4, s 4, r 2, block 3
-//             one row ahead of q = A * s and of s * q                         couplings 4, q 4
+//             one row ahead of q = A * s and of s * q                         couplings 2, q 4
 //   sweep B   r -= alpha * q and r * z                                        r 4, q 2, block 3
 //
-// 30 floats. The preconditioned residual z is recomputed from r and never stored; x waits for the next sweep
-// A. The product r * z at the top of an iteration is the one from the bottom of the last. The rows of s
-// beyond a chunk's ends, which other threads overwrite, are saved by sweep B and brought up to date by the
-// chunk that reads them.
+// 28 floats, or 30 where all four couplings of a pixel are read (SystemLayout). The preconditioned residual z
+// is recomputed from r and never stored; x waits for the next sweep A. The product r * z at the top of an
+// iteration is the one from the bottom of the last. The rows of s beyond a chunk's ends, which other threads
+// overwrite, are saved by sweep B and brought up to date by the chunk that reads them.
 
 #include "gpu/pcg_cpu.h"
 
@@ -42,8 +42,10 @@ struct Sweep {
     float* start = vector + static_cast<long>(y) * s.p;
     return {start, start + plane()};
   }
-  TARVO_HOST_DEVICE const float* matrixRow(int k, int y) const {
-    return s.matrix + k * plane() + static_cast<long>(y) * s.p;
+  TARVO_HOST_DEVICE const float* matrixRow(int k, int y) const { return entryRow(k * plane(), y); }
+  /// The row whose first element lies `offset` behind that of pixel (0, y) in the stack's first plane.
+  TARVO_HOST_DEVICE const float* entryRow(long offset, int y) const {
+    return s.matrix + (static_cast<long>(y) * s.p + offset);
   }
   /// A row of a chunk's own scratch.
   TARVO_HOST_DEVICE Row savedRow(int chunk, SavedRow which) const {
@@ -86,11 +88,11 @@ struct Stencil {
 
 TARVO_HOST_DEVICE Stencil stencilOf(const Sweep& sweep, int y, Row above, Row own, Row below) {
   return {sweep.matrixRow(kMatrixUU, y),
-          sweep.matrixRow(kMatrixUV, y),
+          sweep.entryRow(sweep.s.layout.uv, y),
           sweep.matrixRow(kMatrixVU, y),
           sweep.matrixRow(kMatrixVV, y),
-          sweep.matrixRow(kMatrixNorth, y),
-          sweep.matrixRow(kMatrixWest, y),
+          sweep.entryRow(sweep.s.layout.north, y),
+          sweep.entryRow(sweep.s.layout.west, y),
           sweep.matrixRow(kMatrixEast, y),
           sweep.matrixRow(kMatrixSouth, y),
           own.first,
@@ -101,7 +103,7 @@ TARVO_HOST_DEVICE Stencil stencilOf(const Sweep& sweep, int y, Row above, Row ow
           below.second};
 }
 
-/// As mvm_opt_kernel, with plane VU, which the advance of the row has just read, for the equal plane UV.
+/// As kernels::MatrixProduct, with VU, which the advance of the row has just read, for the equal entry UV.
 struct Product {
   Row out;
   template <bool kNorth, bool kWest, bool kEast, bool kSouth>
@@ -117,7 +119,7 @@ struct Product {
   }
 };
 
-/// As computeResidual_kernel, then search = z.
+/// As kernels::MatrixResidual, then search = z.
 struct Residual {
   Row rhs, r, search;
   template <bool kNorth, bool kWest, bool kEast, bool kSouth>
@@ -136,7 +138,18 @@ struct Residual {
   }
 };
 
-/// One row of a stencil operation, the border columns apart.
+/// Columns that a stencil operation takes at a time.
+constexpr int kStep = 16;
+
+/// Inner columns start ... start + kStep - 1 of a stencil operation.
+template <bool kNorth, bool kSouth, class Operation>
+TARVO_HOST_DEVICE void stencilStep(const Operation& operation, const Stencil& t, int start) {
+#pragma omp simd
+  for (int j = 0; j < kStep; ++j) operation.template at<kNorth, true, true, kSouth>(t, start + j);
+}
+
+/// One row of a stencil operation, the border columns apart. Steps start at multiples of kStep, where vectors
+/// lie within cache lines; a further one at either end takes up what is left, and some columns once more.
 template <bool kNorth, bool kSouth, class Operation>
 TARVO_HOST_DEVICE void stencilColumns(const Operation& operation, const Stencil& t, int w) {
   if (w == 1) {
@@ -144,9 +157,12 @@ TARVO_HOST_DEVICE void stencilColumns(const Operation& operation, const Stencil&
     return;
   }
   operation.template at<kNorth, false, true, kSouth>(t, 0);
-#pragma omp simd
-  for (int i = 1; i < w - 1; ++i) {
-    operation.template at<kNorth, true, true, kSouth>(t, i);
+  if (w < kStep + 2) {
+    for (int i = 1; i < w - 1; ++i) operation.template at<kNorth, true, true, kSouth>(t, i);
+  } else {
+    stencilStep<kNorth, kSouth>(operation, t, 1);
+    for (int i = kStep; i + kStep < w; i += kStep) stencilStep<kNorth, kSouth>(operation, t, i);
+    stencilStep<kNorth, kSouth>(operation, t, w - 1 - kStep);
   }
   operation.template at<kNorth, true, false, kSouth>(t, w - 1);
 }

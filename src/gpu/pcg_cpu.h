@@ -1,5 +1,7 @@
 #pragma once
 
+#include "gpu/solver_kernels.h"
+
 namespace gpu {
 
 /// gPCG's form on the CPU device: two sweeps over the rows per iteration. See pcg_cpu.cpp.
@@ -14,6 +16,7 @@ struct CpuSolve {
   float *sums, *halo;
   int h, w, p;
   int rows;  ///< rows per chunk
+  kernels::SystemLayout layout;
 };
 
 /// Rows per chunk of a solve, and the floats its halo needs.

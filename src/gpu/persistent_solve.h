@@ -6,22 +6,27 @@
 namespace kernels {
 
 /// A whole solve in one launch, as the CUDA device runs it: the same operations as the list of launches in
-/// gpu::plainPCG, in phases with a barrier of all threads behind each.
+/// gpu::plainPCG, in phases with a barrier of all threads behind each. Floats that a pixel reads and writes
+/// where the couplings stand once (SystemLayout):
 ///
-///   begin   r = rhs - A x, s = z, segment sums of r * z              reads 2 + 2 + 8, writes 4 floats a
-///   pixel then, until the stopping test or the last iteration: product q = A s, segment sums of s * q reads
-///   8 + 2,         writes 2 step    x += alpha s, r -= alpha q, segment sums of r * z        reads 3 + 8,
-///   writes 4 search  s = s * beta + z                                         reads 3 + 4,         writes 2
+///   - begin: r = rhs - A x, s = z, segment sums of r * z: reads rhs 2, x 2, A 5, writes r 2, s 2
 ///
-/// 34 floats a pixel and iteration; z is recomputed from r and never stored. A warp takes a segment (see
-/// device/dot.h), lane j its columns j, j + 32, ...; every block adds up the segment sums for itself, so all
-/// threads know the scalars and decide alike. The two products have sums of their own: while one is read,
-/// slower blocks may still write the other.
+/// then, until the stopping test or the last iteration:
+///
+///   - product: q = A s, segment sums of s * q: reads A 5, s 2, writes q 2
+///   - step: x += alpha s, r -= alpha q, segment sums of r * z: reads A 3, x, s, r and q 8, writes x, r 4
+///   - search: s = s * beta + z: reads A 3, r 2, s 2, writes s 2
+///
+/// 33 an iteration; z is recomputed from r and never stored. A warp takes a segment (see device/dot.h), lane
+/// j its columns j, j + 32, ...; every block adds up the segment sums for itself, so all threads know the
+/// scalars and decide alike. The two products have sums of their own: while one is read, slower blocks may
+/// still write the other.
 struct PersistentSolve {
   const float *matrix, *rhs;
   float *x, *r, *search, *q;  // two planes each
   float *productSums, *residualSums;
   int h, w, p, iterations;
+  SystemLayout layout;
 
   enum class Phase { Begin, Product, Step, Search };
 
@@ -31,13 +36,13 @@ struct PersistentSolve {
     const int i = row * p + column;
     const int n = h * p;
     if constexpr (kPhase == Phase::Begin) {
-      computeResidual_kernel{matrix, rhs, x, x + n, h, w, p, r}(column, row);
+      MatrixResidual{matrix, rhs, x, x + n, h, w, p, r, layout}(column, row);
       const Pair z = preconditioned(i);
       search[i] = z.first;
       search[i + n] = z.second;
       return fmaf(r[i + n], z.second, fmaf(r[i], z.first, sum));
     } else if constexpr (kPhase == Phase::Product) {
-      mvm_opt_kernel{matrix, search, search + n, h, w, p, q}(column, row);
+      MatrixProduct{matrix, search, search + n, h, w, p, q, layout, layout.uv}(column, row);
       return fmaf(search[i + n], q[i + n], fmaf(search[i], q[i], sum));
     } else if constexpr (kPhase == Phase::Step) {
       x[i] = fmaf(factor, search[i], x[i]);

@@ -26,21 +26,38 @@ TARVO_HOST_DEVICE Pair blockSolve(float a0, float a1, float a3, float r1, float 
   return {regular ? z1 : r1, regular ? z2 : r2};
 }
 
+/// Where a solver finds those entries of a symmetric matrix that the stack may hold twice: offsets from the
+/// pixel's element of the stack's first plane.
+struct SystemLayout {
+  int uv, north, west;
+
+  /// Every plane is filled, as MakeMatrix_kernel does.
+  TARVO_HOST_DEVICE static SystemLayout full(int n) {
+    return {kMatrixUV * n, kMatrixNorth * n, kMatrixWest * n};
+  }
+  /// Planes UV, north and west are not: the coupling of two neighbours stands once, as south of the upper or
+  /// east of the left one. A solve then reads 5 planes instead of 8.
+  TARVO_HOST_DEVICE static SystemLayout once(int n, int p) {
+    return {kMatrixVU * n, kMatrixSouth * n - p, kMatrixEast * n - 1};
+  }
+};
+
 /// Product with the system matrix: the block, then the neighbours north, west, east, south, every step fused.
-/// kSecondOff is the plane read as off-diagonal entry of the second equation.
-template <int kSecondOff>
-struct mvm_kernels {
+/// secondOff is the offset of the off-diagonal entry in the second equation.
+struct MatrixProduct {
   const float *matrix, *d1, *d2;
   int h, w, p;
   float* out;
+  SystemLayout layout;
+  int secondOff;
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
     const int n = h * p;
-    float out1 = fmaf(d1[i], matrix[i], d2[i] * matrix[i + kMatrixUV * n]);
-    float out2 = fmaf(d1[i], matrix[i + kSecondOff * n], d2[i] * matrix[i + kMatrixVV * n]);
-    if (y >= 1) couple(matrix[i + kMatrixNorth * n], i - p, out1, out2);
-    if (x >= 1) couple(matrix[i + kMatrixWest * n], i - 1, out1, out2);
+    float out1 = fmaf(d1[i], matrix[i], d2[i] * matrix[i + layout.uv]);
+    float out2 = fmaf(d1[i], matrix[i + secondOff], d2[i] * matrix[i + kMatrixVV * n]);
+    if (y >= 1) couple(matrix[i + layout.north], i - p, out1, out2);
+    if (x >= 1) couple(matrix[i + layout.west], i - 1, out1, out2);
     if (x < w - 1) couple(matrix[i + kMatrixEast * n], i + 1, out1, out2);
     if (y < h - 1) couple(matrix[i + kMatrixSouth * n], i + p, out1, out2);
     out[i] = out1;
@@ -51,23 +68,22 @@ struct mvm_kernels {
     out2 = fmaf(c, d2[j], out2);
   }
 };
-using mvm_opt_kernel = mvm_kernels<kMatrixUV>;
-using mvm_kernel = mvm_kernels<kMatrixVU>;
 
 /// r = rhs - matrix * (du, dv); the block's products fused, every coupling a multiplication and a
 /// subtraction.
-struct computeResidual_kernel {
+struct MatrixResidual {
   const float *matrix, *rhs, *du, *dv;
   int h, w, p;
   float* r;
+  SystemLayout layout;
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
     const int n = h * p;
-    float r1 = rhs[i] - fmaf(du[i], matrix[i], dv[i] * matrix[i + kMatrixUV * n]);
+    float r1 = rhs[i] - fmaf(du[i], matrix[i], dv[i] * matrix[i + layout.uv]);
     float r2 = rhs[i + n] - fmaf(du[i], matrix[i + kMatrixVU * n], dv[i] * matrix[i + kMatrixVV * n]);
-    if (y >= 1) decouple(matrix[i + kMatrixNorth * n], i - p, r1, r2);
-    if (x >= 1) decouple(matrix[i + kMatrixWest * n], i - 1, r1, r2);
+    if (y >= 1) decouple(matrix[i + layout.north], i - p, r1, r2);
+    if (x >= 1) decouple(matrix[i + layout.west], i - 1, r1, r2);
     if (x < w - 1) decouple(matrix[i + kMatrixEast * n], i + 1, r1, r2);
     if (y < h - 1) decouple(matrix[i + kMatrixSouth * n], i + p, r1, r2);
     r[i] = r1;

@@ -12,6 +12,7 @@
 #include "gpu/pcg_cuda.cuh"
 #include "gpu/solver_kernels.h"
 #include "gpu/solvers_plain.h"
+#include "gpu/steps.h"
 #include "gpu/units.h"
 #include "gpu/uploaded_system.h"
 
@@ -21,13 +22,14 @@ constexpr const char* kUnit = units::kSolvers;
 
 /// The CPU device's solve, in place of the kernels' launches.
 void solveOnCpu(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations,
-                CGtmp cg) {
+                CGtmp cg, kernels::SystemLayout layout) {
   const int rows = gpu::cpuSolveRows(h, w);
   device::Buffer sums, halo;
   TARVO_CALL(sums.allocate(device::dotScratch(h, w)));
   TARVO_CALL(halo.allocate(static_cast<std::size_t>(gpu::cpuHaloFloats(h, w, rows))));
   launchCpuForm([&] {
-    gpu::cpuSolve({matrix, rhs, x, cg.r, cg.search, cg.q, sums.get(), halo.get(), h, w, p, rows}, iterations);
+    gpu::cpuSolve({matrix, rhs, x, cg.r, cg.search, cg.q, sums.get(), halo.get(), h, w, p, rows, layout},
+                  iterations);
   });
   TARVO_CALL(sums.release());
   TARVO_CALL(halo.release());
@@ -35,25 +37,38 @@ void solveOnCpu(const float* matrix, const float* rhs, float* x, int h, int w, i
 
 /// The CUDA device's solve, one cooperative launch.
 void solveOnCuda(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations,
-                 CGtmp cg) {
+                 CGtmp cg, kernels::SystemLayout layout) {
   const std::size_t segments = device::dotScratch(h, w);
   device::Buffer sums;
   TARVO_CALL(sums.allocate(2 * segments));
   if (device::beginLaunch()) {
-    gpu::cuda::launchSolve(
-        {matrix, rhs, x, cg.r, cg.search, cg.q, sums.get(), sums.get() + segments, h, w, p, iterations});
+    gpu::cuda::launchSolve({matrix, rhs, x, cg.r, cg.search, cg.q, sums.get(), sums.get() + segments, h, w, p,
+                            iterations, layout});
   }
   TARVO_CALL(sums.release());
+}
+
+/// The device's own form of the solve, or, where it has none or there is nothing to iterate, the plain one.
+void solve(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations, CGtmp cg,
+           kernels::SystemLayout layout) {
+  if (iterations > 0 && !device::onCuda()) {
+    solveOnCpu(matrix, rhs, x, h, w, p, iterations, cg, layout);
+  } else if (iterations > 0 && gpu::cuda::solvesInOneLaunch()) {
+    solveOnCuda(matrix, rhs, x, h, w, p, iterations, cg, layout);
+  } else {
+    gpu::plainPCG(matrix, rhs, x, h, w, p, iterations, cg, layout);
+  }
+  TARVO_LAUNCHED("CG");
 }
 
 }  // namespace
 
 void gpu::plainPCG(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations,
-                   CGtmp cg) {
+                   CGtmp cg, kernels::SystemLayout layout) {
   const std::size_t n = device::planeFloats(h, p, 2);
   const int plane = h * p;
   for (float* vector : {cg.r, cg.z, cg.search, cg.q}) TARVO_CALL(device::clear(vector, n * sizeof(float)));
-  computeResidual_opt_kernel(matrix, rhs, x, x + plane, h, w, p, cg.r);
+  launch(kernels::MatrixResidual{matrix, rhs, x, x + plane, h, w, p, cg.r, layout});
   applyBlockJacobiPreconditioner_kernel(matrix, cg.r, cg.z, h, w, p);
   TARVO_CALL(device::copyFloats(cg.search, cg.z, n, device::Direction::OnDevice));
   if (iterations <= 0) return;
@@ -67,7 +82,7 @@ void gpu::plainPCG(const float* matrix, const float* rhs, float* x, int h, int w
   launchDot(cg.r, cg.z, h, w, p, sums.get(), product);
   launch(kernels::BeginSolve{state, product});
   for (int k = 0; k < iterations; ++k) {
-    mvm_opt_kernel(matrix, cg.search, cg.search + plane, h, w, p, cg.q);
+    launch(kernels::MatrixProduct{matrix, cg.search, cg.search + plane, h, w, p, cg.q, layout, layout.uv});
     launchDot(cg.search, cg.q, h, w, p, sums.get(), product);
     launch(kernels::SetAlpha{state, product});
     launch(kernels::StepAndPrecondition{matrix, state, x, cg.search, cg.r, cg.q, cg.z, h, w, p});
@@ -81,32 +96,31 @@ void gpu::plainPCG(const float* matrix, const float* rhs, float* x, int h, int w
 
 void gPCG(const float* matrix, const float* rhs, float* du, float* /*dv*/, int h, int w, int p,
           int iterations, CGtmp cg) {
-  if (iterations > 0 && !device::onCuda()) {
-    solveOnCpu(matrix, rhs, du, h, w, p, iterations, cg);
-  } else if (iterations > 0 && gpu::cuda::solvesInOneLaunch()) {
-    solveOnCuda(matrix, rhs, du, h, w, p, iterations, cg);
-  } else {
-    gpu::plainPCG(matrix, rhs, du, h, w, p, iterations, cg);
-  }
-  TARVO_LAUNCHED("CG");
+  solve(matrix, rhs, du, h, w, p, iterations, cg, kernels::SystemLayout::full(h * p));
+}
+
+void gpu::solveSystem(const FPtmp& fp, int h, int w, int p, int iterations, const CGtmp& cg) {
+  solve(fp.matrix, fp.rhs, fp.increment, h, w, p, iterations, cg, kernels::SystemLayout::once(h * p, p));
 }
 
 void computeResidual_opt_kernel(const float* matrix, const float* rhs, const float* du, const float* dv,
                                 int h, int w, int p, float* r) {
-  launch(kernels::computeResidual_kernel{matrix, rhs, du, dv, h, w, p, r});
+  computeResidual_kernel(matrix, rhs, du, dv, h, w, p, r);
 }
 
 void computeResidual_kernel(const float* matrix, const float* rhs, const float* du, const float* dv, int h,
                             int w, int p, float* r) {
-  launch(kernels::computeResidual_kernel{matrix, rhs, du, dv, h, w, p, r});
+  launch(kernels::MatrixResidual{matrix, rhs, du, dv, h, w, p, r, kernels::SystemLayout::full(h * p)});
 }
 
 void mvm_opt_kernel(const float* matrix, const float* d1, const float* d2, int h, int w, int p, float* out) {
-  launch(kernels::mvm_opt_kernel{matrix, d1, d2, h, w, p, out});
+  const auto layout = kernels::SystemLayout::full(h * p);
+  launch(kernels::MatrixProduct{matrix, d1, d2, h, w, p, out, layout, layout.uv});
 }
 
 void mvm_kernel(const float* matrix, const float* d1, const float* d2, int h, int w, int p, float* out) {
-  launch(kernels::mvm_kernel{matrix, d1, d2, h, w, p, out});
+  const auto layout = kernels::SystemLayout::full(h * p);
+  launch(kernels::MatrixProduct{matrix, d1, d2, h, w, p, out, layout, kMatrixVU * h * p});
 }
 
 void applyBlockJacobiPreconditioner_kernel(const float* matrix, const float* r, float* z, int h, int w,

@@ -19,7 +19,10 @@ struct Assembly {
 
 /// fp.matrix and fp.rhs from the current increment and diffusivities: as DataFactor_kernel,
 /// GradientFactor_kernel, MatchFactor_kernel with one candidate and MakeMatrix_kernel; the factors themselves
-/// are not stored.
+/// are not stored. Of the matrix only what kernels::SystemLayout::once needs is written.
 void assembleSystem(const Assembly& assembly, const FPtmp& fp, int h, int w, int p);
+
+/// As gPCG for the increment of the system that assembleSystem has made.
+void solveSystem(const FPtmp& fp, int h, int w, int p, int iterations, const CGtmp& cg);
 
 }  // namespace gpu

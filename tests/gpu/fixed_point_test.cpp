@@ -101,7 +101,9 @@ TEST(FixedPoint, StepEqualsTheReferenceBitForBit) {
       reference::System system, expectedSystem;
       const Flow result = deviceStep(step, iterations, 4, &system);
       const Flow expected = plainStep(step, iterations, 4, &expectedSystem);
-      ASSERT_TRUE(exact(system.matrix, expectedSystem.matrix));
+      for (const MatrixPlane plane : {kMatrixUU, kMatrixVU, kMatrixVV, kMatrixEast, kMatrixSouth}) {
+        ASSERT_TRUE(exact(system.matrix.plane(plane), expectedSystem.matrix.plane(plane)));
+      }
       ASSERT_TRUE(exact(system.rhs, expectedSystem.rhs));
       ASSERT_TRUE(exact(result.u, expected.u));
       ASSERT_TRUE(exact(result.v, expected.v));

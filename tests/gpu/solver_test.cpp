@@ -21,10 +21,23 @@ Planes solvedBy(const TestSystem& system, int iterations, int padding = DevicePl
   return device.x.values();
 }
 
-Planes solvedPlainly(const TestSystem& system, int iterations) {
+using kernels::SystemLayout;
+
+/// The system as SystemLayout::once needs it, not-a-number in the planes that it does without.
+TestSystem storedOnce(TestSystem system) {
+  for (const MatrixPlane plane : {kMatrixUV, kMatrixNorth, kMatrixWest}) {
+    for (int y = 0; y < system.h(); ++y) {
+      for (int x = 0; x < system.w(); ++x) system.matrix.at(x, y, plane) = kNan;
+    }
+  }
+  return system;
+}
+
+Planes solvedPlainly(const TestSystem& system, int iterations, bool once = false) {
   const DeviceSystem device(system);
-  gpu::plainPCG(device.matrix.get(), device.rhs.get(), device.x.get(), device.h, device.w, device.x.p(),
-                iterations, device.cg());
+  const int h = device.h, p = device.x.p();
+  gpu::plainPCG(device.matrix.get(), device.rhs.get(), device.x.get(), h, device.w, p, iterations,
+                device.cg(), once ? SystemLayout::once(h * p, p) : SystemLayout::full(h * p));
   EXPECT_TRUE(device.x.intact());
   return device.x.values();
 }
@@ -57,7 +70,7 @@ struct SequentialThreads {
   }
 };
 
-Planes solvedPersistently(const TestSystem& system, int iterations) {
+Planes solvedPersistently(const TestSystem& system, int iterations, bool once = false) {
   const int h = system.h(), w = system.w();
   Planes x = system.start, r(h, w, 2), search(h, w, 2), q(h, w, 2);
   std::vector<float> sums(2 * device::dotScratch(h, w));
@@ -72,7 +85,8 @@ Planes solvedPersistently(const TestSystem& system, int iterations) {
                                        h,
                                        w,
                                        w,
-                                       iterations};
+                                       iterations,
+                                       once ? SystemLayout::once(h * w, w) : SystemLayout::full(h * w)};
   SequentialThreads threads;
   solve.run(threads);
   return x;
@@ -95,11 +109,14 @@ TEST(Pcg, EqualsThePlainLaunchesAndTheReferenceBitForBit) {
   for (const Size size :
        {Size{1, 1}, Size{1, 7}, Size{9, 1}, Size{2, 3}, Size{15, 17}, Size{20, 33}, Size{13, 300}}) {
     const TestSystem system(size.h, size.w, 11);
+    const TestSystem once = storedOnce(system);
     for (int iterations = 1; iterations <= 12; ++iterations) {
       SCOPED_TRACE(testing::Message() << size.w << " x " << size.h << ", " << iterations << " iterations");
       const Planes expected = reference::solve(system.matrix, system.rhs, system.start, iterations);
       ASSERT_TRUE(exact(solvedPlainly(system, iterations), expected));
       ASSERT_TRUE(exact(solvedPersistently(system, iterations), expected)) << "the phases of one launch";
+      ASSERT_TRUE(exact(solvedPlainly(once, iterations, true), expected)) << "couplings stored once";
+      ASSERT_TRUE(exact(solvedPersistently(once, iterations, true), expected)) << "couplings stored once";
       ASSERT_TRUE(exact(solvedBy(system, iterations), expected));
       ASSERT_TRUE(exact(solvedBy(system, iterations, 0), expected)) << "without padding";
     }

@@ -106,10 +106,10 @@ const char* text(Code code) {
   }
 }
 
-/// An odd multiple of 8 floats: rows start on a vector's boundary, and the planes of a stack do not all fall
-/// onto the same cache sets (unless the height is a multiple of 128).
+/// An odd multiple of 16 floats: rows start on a cache line's boundary, and the planes of a stack do not all
+/// fall onto the same cache sets (unless the height is a multiple of 64).
 int pitch(int w) {
-  return (((w + 7) / 8) | 1) * 8;
+  return (((w + 15) / 16) | 1) * 16;
 }
 
 std::string describe() {
