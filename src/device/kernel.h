@@ -4,8 +4,10 @@
 /// operator does pixel (x, y). A kernel that reads neighbours may have in addition
 ///   static constexpr int kReach: how many columns to either side it reads, and
 ///   inside(x, y): the same as the call operator, for pixels at least kReach columns away from both side
-///   borders,
-/// so that the CPU's inner loop carries no border tests.
+///   borders and in neither the first nor the last row,
+/// so that the CPU's inner loop carries no border tests. A pixel may then be done twice, unless the kernel
+/// also has
+///   static constexpr bool kInPlace = true: what it writes is among its inputs.
 
 /// TARVO_UNROLL: the short loop that follows is written out.
 #ifdef __CUDACC__

@@ -99,8 +99,9 @@ struct SystemPlanes {
   const float *stData, *stGrad, *u, *v, *diffX, *diffY;
 
   /// Equations of pixel (x, y) for the weights fd, fg and the match sums; a coupling is
-  /// strength(diffusivity). kOnce: what SystemLayout::once does not need is not written.
-  template <bool kOnce, class Strength>
+  /// strength(diffusivity). kOnce: what SystemLayout::once does not need is not written. kInside: the pixel
+  /// is known to have all four neighbours.
+  template <bool kOnce, bool kInside, class Strength>
   TARVO_HOST_DEVICE void assemble(int x, int y, int h, int w, int p, float fd, float fg,
                                   const MatchSums& match, const Strength& strength) const {
     const int i = y * p + x;
@@ -111,10 +112,10 @@ struct SystemPlanes {
                          (-fd * stData[i + 5 * n] - fg * stGrad[i + 5 * n]) - match.rhsV};
     const float auv = fd * stData[i + 3 * n] + fg * stGrad[i + 3 * n];
     float north = 0.0f, west = 0.0f, east = 0.0f, south = 0.0f;
-    if (y >= 1) north = pixel.couple(strength(diffY[i - p]), u[i - p] - u[i], v[i - p] - v[i]);
-    if (x >= 1) west = pixel.couple(strength(diffX[i - 1]), u[i - 1] - u[i], v[i - 1] - v[i]);
-    if (x < w - 1) east = pixel.couple(strength(diffX[i]), u[i + 1] - u[i], v[i + 1] - v[i]);
-    if (y < h - 1) south = pixel.couple(strength(diffY[i]), u[i + p] - u[i], v[i + p] - v[i]);
+    if (kInside || y >= 1) north = pixel.couple(strength(diffY[i - p]), u[i - p] - u[i], v[i - p] - v[i]);
+    if (kInside || x >= 1) west = pixel.couple(strength(diffX[i - 1]), u[i - 1] - u[i], v[i - 1] - v[i]);
+    if (kInside || x < w - 1) east = pixel.couple(strength(diffX[i]), u[i + 1] - u[i], v[i + 1] - v[i]);
+    if (kInside || y < h - 1) south = pixel.couple(strength(diffY[i]), u[i + p] - u[i], v[i + p] - v[i]);
     matrix[i + kMatrixUU * n] = pixel.auu;
     matrix[i + kMatrixVU * n] = auv;
     matrix[i + kMatrixVV * n] = pixel.avv;
@@ -141,7 +142,7 @@ struct MakeMatrix_kernels {
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
     const float factor = alpha;
-    planes.assemble<false>(
+    planes.assemble<false, false>(
         x, y, h, w, p, dataFactor[i], gradFactor[i], {matchWeight[i], matchRhsU[i], matchRhsV[i]},
         [factor](float diffusivity) { return kScaled ? diffusivity * factor : diffusivity; });
   }
@@ -157,8 +158,12 @@ struct AssembleSystem {
   const float *du, *dv, *matchU, *matchV, *matchWeightIn;
   int h, w, p;
   float alpha, beta, gamma;
+  static constexpr int kReach = 1;
 
-  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+  TARVO_HOST_DEVICE void operator()(int x, int y) const { at<false>(x, y); }
+  TARVO_HOST_DEVICE void inside(int x, int y) const { at<true>(x, y); }
+  template <bool kInside>
+  TARVO_HOST_DEVICE void at(int x, int y) const {
     const int i = y * p + x;
     const int n = h * p;
     const float fd = tensorWeight(planes.stData, i, n, du[i], dv[i], 1.0f);
@@ -168,8 +173,8 @@ struct AssembleSystem {
       match.add(planes.u[i], planes.v[i], du[i], dv[i], matchU[i], matchV[i], matchWeightIn[i], beta);
     }
     const float factor = alpha;
-    planes.assemble<true>(x, y, h, w, p, fd, fg, match,
-                          [factor](float diffusivity) { return diffusivity * factor; });
+    planes.assemble<true, kInside>(x, y, h, w, p, fd, fg, match,
+                                   [factor](float diffusivity) { return diffusivity * factor; });
   }
 };
 

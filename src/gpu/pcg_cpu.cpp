@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "device/cpu/band.h"
+#include "device/cpu/steps.h"
 #include "device/cpu/team.h"
 #include "device/dot.h"
 #include "gpu/solver_kernels.h"
@@ -138,33 +139,25 @@ struct Residual {
   }
 };
 
-/// Columns that a stencil operation takes at a time.
-constexpr int kStep = 16;
-
-/// Inner columns start ... start + kStep - 1 of a stencil operation.
-template <bool kNorth, bool kSouth, class Operation>
-TARVO_HOST_DEVICE void stencilStep(const Operation& operation, const Stencil& t, int start) {
-#pragma omp simd
-  for (int j = 0; j < kStep; ++j) operation.template at<kNorth, true, true, kSouth>(t, start + j);
-}
-
-/// One row of a stencil operation, the border columns apart. Steps start at multiples of kStep, where vectors
-/// lie within cache lines; a further one at either end takes up what is left, and some columns once more.
+/// One row of a stencil operation, the border columns apart.
 template <bool kNorth, bool kSouth, class Operation>
 TARVO_HOST_DEVICE void stencilColumns(const Operation& operation, const Stencil& t, int w) {
+  using device::cpu::kStep;
   if (w == 1) {
     operation.template at<kNorth, false, false, kSouth>(t, 0);
     return;
   }
+  const int end = w - 1;
   operation.template at<kNorth, false, true, kSouth>(t, 0);
   if (w < kStep + 2) {
-    for (int i = 1; i < w - 1; ++i) operation.template at<kNorth, true, true, kSouth>(t, i);
+    for (int i = 1; i < end; ++i) operation.template at<kNorth, true, true, kSouth>(t, i);
   } else {
-    stencilStep<kNorth, kSouth>(operation, t, 1);
-    for (int i = kStep; i + kStep < w; i += kStep) stencilStep<kNorth, kSouth>(operation, t, i);
-    stencilStep<kNorth, kSouth>(operation, t, w - 1 - kStep);
+    for (int i = 1; i < end; i = device::cpu::nextStep(i, end)) {
+#pragma omp simd
+      for (int j = 0; j < kStep; ++j) operation.template at<kNorth, true, true, kSouth>(t, i + j);
+    }
   }
-  operation.template at<kNorth, true, false, kSouth>(t, w - 1);
+  operation.template at<kNorth, true, false, kSouth>(t, end);
 }
 
 template <class Operation>

@@ -91,7 +91,7 @@ class GridThreads {
   int segmentCount_ = 0;
 };
 
-static __global__ void __launch_bounds__(kThreads)
+static __global__ void __launch_bounds__(kThreads, 4)
     persistentSolveKernel(const kernels::PersistentSolve solve) {
   __shared__ float shared[kThreads];
   GridThreads threads(shared);

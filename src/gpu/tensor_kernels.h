@@ -95,6 +95,7 @@ struct SumTensors {
   float *stData, *stGrad;
   int h, w, p;
   static constexpr int kReach = 2;
+  static constexpr bool kInPlace = !kFresh;
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const { at<false>(x, y); }
   TARVO_HOST_DEVICE void inside(int x, int y) const { at<true>(x, y); }

@@ -4,6 +4,7 @@
 #include <type_traits>
 
 #include "device/cpu/band.h"
+#include "device/cpu/steps.h"
 #include "device/cpu/team.h"
 #include "device/kernel.h"
 
@@ -14,23 +15,41 @@ struct HasInside : std::false_type {};
 template <class Kernel>
 struct HasInside<Kernel, std::void_t<decltype(Kernel::kReach)>> : std::true_type {};
 
+template <class Kernel, class = void>
+struct IsInPlace : std::false_type {};
+template <class Kernel>
+struct IsInPlace<Kernel, std::enable_if_t<Kernel::kInPlace>> : std::true_type {};
+
 /// One row: the border columns singly, the ones between in vectors, where the compiler drops the border
 /// tests.
 template <class Kernel>
 TARVO_HOST_DEVICE void runRow(const Kernel& kernel, int y, int w) {
-  if constexpr (HasInside<Kernel>::value) {
-    constexpr int kReach = Kernel::kReach;
-    const int last = std::max(kReach, w - kReach);
-    for (int x = 0; x < std::min(kReach, w); ++x) kernel(x, y);
+  kernel(0, y);
 #pragma omp simd
-    for (int x = kReach; x < last; ++x) kernel.inside(x, y);
-    for (int x = last; x < w; ++x) kernel(x, y);
-  } else {
-    kernel(0, y);
-#pragma omp simd
-    for (int x = 1; x < w - 1; ++x) kernel(x, y);
-    if (w > 1) kernel(w - 1, y);
+  for (int x = 1; x < w - 1; ++x) kernel(x, y);
+  if (w > 1) kernel(w - 1, y);
+}
+
+/// The same for a kernel with `inside`, in a row that is neither the first nor the last.
+template <class Kernel>
+TARVO_HOST_DEVICE void runInnerRow(const Kernel& kernel, int y, int w) {
+  constexpr int kReach = Kernel::kReach;
+  if (w < kStep + 2 * kReach) {
+    for (int x = 0; x < w; ++x) kernel(x, y);
+    return;
   }
+  const int end = w - kReach;
+  for (int x = 0; x < kReach; ++x) kernel(x, y);
+  if constexpr (IsInPlace<Kernel>::value) {
+#pragma omp simd
+    for (int x = kReach; x < end; ++x) kernel.inside(x, y);
+  } else {
+    for (int x = kReach; x < end; x = nextStep(x, end)) {
+#pragma omp simd
+      for (int j = 0; j < kStep; ++j) kernel.inside(x + j, y);
+    }
+  }
+  for (int x = end; x < w; ++x) kernel(x, y);
 }
 
 /// Rows y0 ... y1 - 1. The kernel is taken by value and the first and last row of the plane stand apart, so
@@ -42,8 +61,12 @@ TARVO_BAND void runBand(Kernel kernel, int y0, int y1) {
   if (y0 == 0) runRow(kernel, 0, w);
   const int end = std::min(y1, h - 1);
   for (int y = std::max(y0, 1); y < end; ++y) {
-    if (y < 1 || y >= rowsOf(kernel, 0) - 1) __builtin_unreachable();
-    runRow(kernel, y, w);
+    if constexpr (HasInside<Kernel>::value) {
+      runInnerRow(kernel, y, w);
+    } else {
+      if (y < 1 || y >= rowsOf(kernel, 0) - 1) __builtin_unreachable();
+      runRow(kernel, y, w);
+    }
   }
   if (y1 == h && h > 1) runRow(kernel, h - 1, w);
 }
