@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 
 #include "device/kernel.h"
 
@@ -31,10 +32,19 @@ inline std::size_t dotScratch(int h, int w) {
 
 namespace cpu {
 
+/// The sum of a segment's lanes by halving, in registers.
+TARVO_HOST float halved(const float* lanes) {
+  using Eight = float __attribute__((vector_size(32)));
+  Eight parts[kLanes / 8];
+  std::memcpy(parts, lanes, sizeof parts);
+  const Eight s = (parts[0] + parts[2]) + (parts[1] + parts[3]);
+  return ((s[0] + s[4]) + (s[2] + s[6])) + ((s[1] + s[5]) + (s[3] + s[7]));
+}
+
 /// Segment sums of one row of w columns into sums[0 ... segments - 1]; row.at(x, sum) adds column x to a
 /// lane's sum.
 template <class RowOf>
-TARVO_HOST_DEVICE void sumRow(int w, float* sums, const RowOf& row) {
+TARVO_HOST void sumRow(int w, float* sums, const RowOf& row) {
   for (int start = 0; start < w; start += kSegment) {
     const int end = start + kSegment < w ? start + kSegment : w;
     float lanes[kLanes] = {};
@@ -46,10 +56,7 @@ TARVO_HOST_DEVICE void sumRow(int w, float* sums, const RowOf& row) {
     const int rest = end - x;
 #pragma omp simd
     for (int j = 0; j < rest; ++j) lanes[j] = row.at(x + j, lanes[j]);
-    for (int half = kLanes / 2; half > 0; half /= 2) {
-      for (int j = 0; j < half; ++j) lanes[j] += lanes[j + half];
-    }
-    *sums++ = lanes[0];
+    *sums++ = halved(lanes);
   }
 }
 
@@ -59,8 +66,8 @@ struct DotRow {
   TARVO_HOST_DEVICE float at(int x, float sum) const { return fmaf(a2[x], b2[x], fmaf(a1[x], b1[x], sum)); }
 };
 
-TARVO_HOST_DEVICE void dotRow(const float* a1, const float* b1, const float* a2, const float* b2, int w,
-                              float* sums) {
+TARVO_HOST void dotRow(const float* a1, const float* b1, const float* a2, const float* b2, int w,
+                       float* sums) {
   sumRow(w, sums, DotRow{a1, b1, a2, b2});
 }
 

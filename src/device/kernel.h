@@ -9,13 +9,16 @@
 /// also has
 ///   static constexpr bool kInPlace = true: what it writes is among its inputs.
 
+/// TARVO_HOST: a function of the CPU device alone that is always inlined.
 /// TARVO_UNROLL: the short loop that follows is written out.
 #ifdef __CUDACC__
 #define TARVO_HOST_DEVICE __host__ __device__ __forceinline__
+#define TARVO_HOST __host__ __forceinline__
 #define TARVO_UNROLL _Pragma("unroll")
 #else
 #define TARVO_UNROLL _Pragma("GCC unroll 16")
 #define TARVO_HOST_DEVICE inline __attribute__((always_inline))
+#define TARVO_HOST TARVO_HOST_DEVICE
 #endif
 
 namespace device {

@@ -23,7 +23,7 @@ struct IsInPlace<Kernel, std::enable_if_t<Kernel::kInPlace>> : std::true_type {}
 /// One row: the border columns singly, the ones between in vectors, where the compiler drops the border
 /// tests.
 template <class Kernel>
-TARVO_HOST_DEVICE void runRow(const Kernel& kernel, int y, int w) {
+TARVO_HOST void runRow(const Kernel& kernel, int y, int w) {
   kernel(0, y);
 #pragma omp simd
   for (int x = 1; x < w - 1; ++x) kernel(x, y);
@@ -32,7 +32,7 @@ TARVO_HOST_DEVICE void runRow(const Kernel& kernel, int y, int w) {
 
 /// The same for a kernel with `inside`, in a row that is neither the first nor the last.
 template <class Kernel>
-TARVO_HOST_DEVICE void runInnerRow(const Kernel& kernel, int y, int w) {
+TARVO_HOST void runInnerRow(const Kernel& kernel, int y, int w) {
   constexpr int kReach = Kernel::kReach;
   if (w < kStep + 2 * kReach) {
     for (int x = 0; x < w; ++x) kernel(x, y);
