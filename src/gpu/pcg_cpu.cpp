@@ -160,8 +160,9 @@ TARVO_HOST_DEVICE void stencilColumns(const Operation& operation, const Stencil&
   operation.template at<kNorth, true, false, kSouth>(t, end);
 }
 
+/// One row of a stencil operation. A function of its own, so that its loop has the registers to itself.
 template <class Operation>
-TARVO_HOST_DEVICE void stencilRow(const Operation& operation, const Stencil& t, int y, int h, int w) {
+TARVO_BAND void stencilRow(const Operation& operation, const Stencil& t, int y, int h, int w) {
   if (y > 0 && y < h - 1) {
     stencilColumns<true, true>(operation, t, w);
   } else if (y > 0) {
