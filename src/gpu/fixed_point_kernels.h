@@ -6,12 +6,13 @@
 
 namespace kernels {
 
-/// E = d^T J d of a six-plane tensor at element i, d = (du, dv, 1): S and T in float, 2 T + S in double,
-/// negative values counted as 0; then E + 0.000001.
+/// E = d^T J d of a six-plane tensor at element i, d = (du, dv, 1): S and T in float, 2 T + S rounded once
+/// (as it is when formed in double precision and then rounded: that has more than twice the digits), negative
+/// values counted as 0; then E + 0.000001.
 TARVO_HOST_DEVICE double tensorEnergy(const float* tensor, int i, int n, float du, float dv) {
   const float s = tensor[i] * du * du + tensor[i + n] * dv * dv + tensor[i + 2 * n];
   const float t = dv * tensor[i + 5 * n] + (du * dv * tensor[i + 3 * n] + du * tensor[i + 4 * n]);
-  const auto e = static_cast<float>(2.0 * static_cast<double>(t) + static_cast<double>(s));
+  const float e = fmaf(2.0f, t, s);
   return e < 0.0f ? kRootOffset : static_cast<double>(e) + kRootOffset;
 }
 
