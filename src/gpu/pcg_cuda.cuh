@@ -25,6 +25,7 @@ namespace gpu::cuda {
 
 constexpr int kThreads = 256;
 constexpr int kWarps = kThreads / device::kLanes;
+constexpr int kBlocksPerProcessor = 4;  // at least: 64 registers a thread, which spill nothing
 
 /// All threads of a cooperative launch. Shared memory: kThreads floats.
 class GridThreads {
@@ -91,7 +92,7 @@ class GridThreads {
   int segmentCount_ = 0;
 };
 
-static __global__ void __launch_bounds__(kThreads, 4)
+static __global__ void __launch_bounds__(kThreads, kBlocksPerProcessor)
     persistentSolveKernel(const kernels::PersistentSolve solve) {
   __shared__ float shared[kThreads];
   GridThreads threads(shared);
