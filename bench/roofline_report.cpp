@@ -74,15 +74,18 @@ std::string rowJson(const RooflineRow& row) {
 
 }  // namespace
 
+double RooflineRow::fastest() const {
+  return *std::min_element(seconds.begin(), seconds.end());
+}
 double RooflineRow::memoryShare() const {
   const auto bandwidth = [this](double footprint) { return limits->bandwidth(footprint); };
-  return phase.work.memorySeconds(bandwidth) / median(seconds);
+  return phase.work.memorySeconds(bandwidth) / fastest();
 }
 double RooflineRow::flopShare() const {
-  return 1e-9 * phase.work.flops() / limits->peak().flops / median(seconds);
+  return 1e-9 * phase.work.flops() / limits->peak().flops / fastest();
 }
 double RooflineRow::rootShare() const {
-  return 1e-9 * phase.work.roots() / limits->peak().roots / median(seconds);
+  return 1e-9 * phase.work.roots() / limits->peak().roots / fastest();
 }
 
 std::vector<std::string> limitLines(const Limits& limits) {

@@ -16,7 +16,10 @@ struct RooflineRow {
   std::vector<double> seconds;  ///< of each round, on limits->threads() threads
   const Limits* limits;
 
-  /// Shares of the limits that the median reaches: least seconds by the limit / seconds.
+  /// Seconds of the fastest round.
+  double fastest() const;
+  /// Shares of the limits that the fastest round reaches: least seconds by the limit / seconds. Of the
+  /// limits, too, the best round counts: what else the machine does lowers both.
   double memoryShare() const;
   double flopShare() const;
   double rootShare() const;

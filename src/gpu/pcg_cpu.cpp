@@ -139,6 +139,13 @@ struct Residual {
   }
 };
 
+template <bool kNorth, bool kSouth, class Operation>
+struct InnerColumns {
+  const Operation& operation;
+  const Stencil& t;
+  TARVO_HOST_DEVICE void at(int i) const { operation.template at<kNorth, true, true, kSouth>(t, i); }
+};
+
 /// One row of a stencil operation, the border columns apart.
 template <bool kNorth, bool kSouth, class Operation>
 TARVO_HOST_DEVICE void stencilColumns(const Operation& operation, const Stencil& t, int w) {
@@ -152,10 +159,7 @@ TARVO_HOST_DEVICE void stencilColumns(const Operation& operation, const Stencil&
   if (w < kStep + 2) {
     for (int i = 1; i < end; ++i) operation.template at<kNorth, true, true, kSouth>(t, i);
   } else {
-    for (int i = 1; i < end; i = device::cpu::nextStep(i, end)) {
-#pragma omp simd
-      for (int j = 0; j < kStep; ++j) operation.template at<kNorth, true, true, kSouth>(t, i + j);
-    }
+    device::cpu::forColumns(InnerColumns<kNorth, kSouth, Operation>{operation, t}, 1, end);
   }
   operation.template at<kNorth, true, false, kSouth>(t, end);
 }

@@ -111,6 +111,16 @@ TEST(FixedPoint, StepEqualsTheReferenceBitForBit) {
   }
 }
 
+TEST(FixedPoint, StepEqualsTheReferenceWhereverVectorsBeginAndEnd) {
+  for (int w = 14; w <= 52; ++w) {
+    const Step step(4, w);
+    const Flow result = deviceStep(step, 2, 3);
+    const Flow expected = plainStep(step, 2, 3);
+    ASSERT_TRUE(exact(result.u, expected.u)) << w << " columns";
+    ASSERT_TRUE(exact(result.v, expected.v)) << w << " columns";
+  }
+}
+
 TEST(FixedPoint, StepGivesTheSameBitsForAnyNumberOfThreads) {
   const KeepThreads keep;
   const Step step(121, 270);

@@ -30,6 +30,13 @@ TARVO_HOST void runRow(const Kernel& kernel, int y, int w) {
   if (w > 1) kernel(w - 1, y);
 }
 
+template <class Kernel>
+struct InnerRow {
+  const Kernel& kernel;
+  int y;
+  TARVO_HOST void at(int x) const { kernel.inside(x, y); }
+};
+
 /// The same for a kernel with `inside`, in a row that is neither the first nor the last.
 template <class Kernel>
 TARVO_HOST void runInnerRow(const Kernel& kernel, int y, int w) {
@@ -44,10 +51,7 @@ TARVO_HOST void runInnerRow(const Kernel& kernel, int y, int w) {
 #pragma omp simd
     for (int x = kReach; x < end; ++x) kernel.inside(x, y);
   } else {
-    for (int x = kReach; x < end; x = nextStep(x, end)) {
-#pragma omp simd
-      for (int j = 0; j < kStep; ++j) kernel.inside(x + j, y);
-    }
+    forColumns(InnerRow<Kernel>{kernel, y}, kReach, end);
   }
   for (int x = end; x < w; ++x) kernel(x, y);
 }

@@ -1,19 +1,24 @@
 #pragma once
 
-#include <algorithm>
-
 #include "device/kernel.h"
 
 namespace device::cpu {
 
-/// Columns that a loop over a row takes at a time: as many floats as a cache line holds.
+/// As many floats as a cache line holds.
 constexpr int kStep = 16;
 
-/// The first column of the step behind the one at x, `end` behind the last one. Steps begin at multiples of
-/// kStep, where vectors lie within cache lines, but for the first, wherever it begins, and the last, which
-/// ends at `end`; these two may visit columns of their neighbours again. Needs kStep columns or more.
-TARVO_HOST int nextStep(int x, int end) {
-  return x + kStep == end ? end : std::min((x & -kStep) + kStep, end - kStep);
+/// Runs row.at(x) for the columns from `first` to `end` - 1 in vectors: the first kStep of them; then, from
+/// column kStep on, as many whole cache lines as there are; then the last kStep, so that no column is left to
+/// be done singly. Some are done twice. Needs first <= kStep <= end - first.
+template <class Row>
+TARVO_HOST void forColumns(const Row& row, int first, int end) {
+#pragma omp simd
+  for (int j = 0; j < kStep; ++j) row.at(first + j);
+  const int whole = end & -kStep;
+#pragma omp simd
+  for (int x = kStep; x < whole; ++x) row.at(x);
+#pragma omp simd
+  for (int j = 0; j < kStep; ++j) row.at(end - kStep + j);
 }
 
 }  // namespace device::cpu
