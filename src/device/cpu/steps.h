@@ -14,7 +14,7 @@ template <class Row>
 TARVO_HOST void forColumns(const Row& row, int first, int end) {
 #pragma omp simd
   for (int j = 0; j < kStep; ++j) row.at(first + j);
-  const int whole = end & -kStep;
+  const int whole = end & -kStep;  // the last multiple of kStep
 #pragma omp simd
   for (int x = kStep; x < whole; ++x) row.at(x);
 #pragma omp simd
