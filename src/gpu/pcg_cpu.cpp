@@ -17,7 +17,7 @@
 #include <cstring>
 
 #include "device/cpu/band.h"
-#include "device/cpu/steps.h"
+#include "device/cpu/columns.h"
 #include "device/cpu/team.h"
 #include "device/dot.h"
 #include "gpu/solver_kernels.h"

@@ -4,7 +4,7 @@
 #include <type_traits>
 
 #include "device/cpu/band.h"
-#include "device/cpu/steps.h"
+#include "device/cpu/columns.h"
 #include "device/cpu/team.h"
 #include "device/kernel.h"
 
