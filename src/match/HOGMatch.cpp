@@ -21,11 +21,18 @@ constexpr int kMargin = 12;  // first grid coordinate
 std::mutex countsMutex;
 NMatching::Counts counts{};
 
-void searchOnCpu(const kernels::HOGMatch_kernel& search) {
+/// Runs form(scratch), a form of the search on the CPU.
+template <class Form>
+void searchOnCpu(const kernels::HOGMatch_kernel& search, const Form& form) {
   device::Buffer scratch;
   TARVO_CALL(scratch.allocate(match::cpuMatchScratch(search.h, search.w)));
-  launchCpuForm([&] { match::cpuMatch(search, scratch.get()); });
+  launchCpuForm([&] { form(scratch.get()); });
   TARVO_CALL(scratch.release());
+}
+
+void searchAll(const kernels::HOGMatch_kernel& search) {
+  TARVO_RETURN_FROM_CUDA_FORM(match::cuda::launchMatch(search));
+  searchOnCpu(search, [&search](float* scratch) { match::cpuMatch(search, scratch); });
 }
 
 void printTimes() {
@@ -86,8 +93,7 @@ void HOGMatch_kernel(const float* imageA, const float* imageB, const float* hogA
                                         forwardPass, energyA,      energyB,        meanConfidence, matchX,
                                         matchY,      bestDistance, secondDistance, pointX,         pointY,
                                         height,      width,        pitch,          count};
-  TARVO_RETURN_FROM_CUDA_FORM(match::cuda::launchMatch(search));
-  searchOnCpu(search);
+  searchAll(search);
 }
 
 void consistencyCheck_kernel(const int* pointX, const int* pointY, const int* forwardX, const int* forwardY,
@@ -121,7 +127,7 @@ void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, floa
 
   auto hogmatch = TARVO_STOPWATCH(hogmatch);
   features.createGates();
-  match::matchBothWays(features.pair(), records, weight, u, v);
+  match::matchBothWays(features.pair(), records, match::Backward::Home, weight, u, v);
   device::synchronize();
   hogmatch.stop();
 
@@ -133,16 +139,41 @@ void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, floa
 
 namespace match {
 
-void matchBothWays(const Pair& pair, const Records& r, float* weight, float* u, float* v) {
+void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY) {
+  TARVO_RETURN_FROM_CUDA_FORM(cuda::launchMatch(search));
+  searchOnCpu(search, [&](float* scratch) { cpuMatchHome(search, homeX, homeY, scratch); });
+}
+
+void matchBothWays(const Pair& pair, const Records& r, Backward backward, float* weight, float* u, float* v) {
   HOGMatch_kernel(pair.image1, pair.image2, pair.hog1, pair.hog2, pair.confidence, 1, pair.energy1,
                   pair.energy2, pair.meanConfidence, r.ints(Records::ForwardX), r.ints(Records::ForwardY),
                   r.floats(Records::Best), r.floats(Records::Second), r.ints(Records::PointX),
                   r.ints(Records::PointY), pair.h, pair.w, pair.p, r.count());
   TARVO_LAUNCHED("Forward HOG MATCH");
-  HOGMatch_kernel(pair.image2, pair.image1, pair.hog2, pair.hog1, pair.confidence, 0, pair.energy2,
-                  pair.energy1, pair.meanConfidence, r.ints(Records::BackwardX), r.ints(Records::BackwardY),
-                  r.floats(Records::BackBest), r.floats(Records::BackSecond), r.ints(Records::ForwardX),
-                  r.ints(Records::ForwardY), pair.h, pair.w, pair.p, r.count());
+  const kernels::HOGMatch_kernel back{pair.image2,
+                                      pair.image1,
+                                      pair.hog2,
+                                      pair.hog1,
+                                      pair.confidence,
+                                      0,
+                                      pair.energy2,
+                                      pair.energy1,
+                                      pair.meanConfidence,
+                                      r.ints(Records::BackwardX),
+                                      r.ints(Records::BackwardY),
+                                      r.floats(Records::BackBest),
+                                      r.floats(Records::BackSecond),
+                                      r.ints(Records::ForwardX),
+                                      r.ints(Records::ForwardY),
+                                      pair.h,
+                                      pair.w,
+                                      pair.p,
+                                      r.count()};
+  if (backward == Backward::Home) {
+    matchHome(back, r.ints(Records::PointX), r.ints(Records::PointY));
+  } else {
+    searchAll(back);
+  }
   TARVO_LAUNCHED("Backward HOG MATCH");
   consistencyCheck_kernel(r.ints(Records::PointX), r.ints(Records::PointY), r.ints(Records::ForwardX),
                           r.ints(Records::ForwardY), r.ints(Records::BackwardX), r.ints(Records::BackwardY),

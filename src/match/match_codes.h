@@ -7,8 +7,8 @@
 
 #include "match/match_kernels.h"
 
-// Image B in bytes, for the search on the CPU (match_cpu.cpp): tests that reject most candidates, many side
-// by side, and never one that matters.
+// Image B in bytes, for the search on the CPU (match_cpu.cpp, match_screen.cpp): tests that reject most
+// candidates, many side by side, and never one that matters.
 //
 // Every code is the integer part of a scaled value between two ends, a function that does not decrease. So a
 // value between two others has a code between theirs, and two values that differ by d have codes that differ
@@ -38,6 +38,7 @@ constexpr float kCoarsePerEnergy = 50.0f, kFinePerEnergy = 100.0f;  // codes per
 constexpr float kCodeError = 1.01f;
 constexpr int kCorners = 4;
 constexpr int kBlock = 32;       // columns tested together
+constexpr int kGroup = 8;        // columns looked at together
 constexpr int kRowOfCells = 16;  // fine codes of three cells side by side, and one that does not count
 constexpr unsigned kPaddedColumns = 256;  // whole blocks, at least kMostColumns; powers of two divide fast
 constexpr unsigned char kAll = 255;       // a width that no difference exceeds
@@ -171,16 +172,25 @@ TARVO_HOST_DEVICE void compare(Bytes& apart, const unsigned char* block, const B
   apart = own > apart ? own : apart;
 }
 
+/// 255 in the first `count` columns of a block, else 0; count at most kBlock.
+TARVO_HOST_DEVICE void setFirst(Bytes& block, unsigned count) {
+  for (unsigned i = 0; i < kBlock; ++i) block[i] = i < count ? 255 : 0;
+}
+
 /// passing[i] of `count` columns, whole blocks, from codes[0] on: 255 where colours and energy may be
 /// acceptable, else 0.
 /// @param plane from a plane of codes to the next
+/// @param last  255 in the columns of the last block that exist, else 0
 TARVO_HOST_DEVICE void testColumns(const unsigned char* codes, long plane, const PointCodes& point, bool open,
-                                   unsigned count, unsigned char* passing) {
+                                   unsigned count, const Bytes& last, unsigned char* passing) {
   const unsigned char width = open ? kAll : point.acceptable;
+  Bytes least[kColours + 1];
+  for (int k = 0; k <= kColours; ++k) least[k] = point.least[k];
   for (unsigned i = 0; i < count; i += kBlock) {
     Bytes apart = {};
-    for (int k = 0; k <= kColours; ++k) compare(apart, codes + k * plane + i, point.least[k]);
-    const auto passed = reinterpret_cast<Bytes>(apart <= width);
+    for (int k = 0; k <= kColours; ++k) compare(apart, codes + k * plane + i, least[k]);
+    auto passed = reinterpret_cast<Bytes>(apart <= width);
+    if (i + kBlock == count) passed &= last;
     std::memcpy(passing + i, &passed, sizeof passed);
   }
 }
@@ -188,20 +198,21 @@ TARVO_HOST_DEVICE void testColumns(const unsigned char* codes, long plane, const
 /// Clears passing[i] of a block where a coarse sum rejects.
 /// @param codes of the cells to the upper left
 /// @param down  from a row of cells to the next
-TARVO_HOST_DEVICE void boundBlock(const unsigned char* codes, long plane, long down, const Bounds& bounds,
+TARVO_HOST_DEVICE void boundBlock(const unsigned char* codes, long plane, long down,
+                                  const Bytes (&least)[kCorners][kCoarseParts], unsigned char width,
                                   unsigned char* passing) {
   Bytes apart = {};
   TARVO_UNROLL
   for (int part = 0; part < kCoarseParts; ++part) {
     const unsigned char* cells = codes + part * plane;
-    compare(apart, cells, bounds.least[0][part]);
-    compare(apart, cells + 2 * kSpacing, bounds.least[1][part]);
-    compare(apart, cells + 2 * down, bounds.least[2][part]);
-    compare(apart, cells + 2 * down + 2 * kSpacing, bounds.least[3][part]);
+    compare(apart, cells, least[0][part]);
+    compare(apart, cells + 2 * kSpacing, least[1][part]);
+    compare(apart, cells + 2 * down, least[2][part]);
+    compare(apart, cells + 2 * down + 2 * kSpacing, least[3][part]);
   }
   Bytes passed;
   std::memcpy(&passed, passing, sizeof passed);
-  passed &= reinterpret_cast<Bytes>(apart <= bounds.width);
+  passed &= reinterpret_cast<Bytes>(apart <= width);
   std::memcpy(passing, &passed, sizeof passed);
 }
 

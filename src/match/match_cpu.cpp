@@ -5,36 +5,39 @@
 #include <cstring>
 
 #include "device/cpu/launch.h"
-#include "match/match_codes.h"
 #include "match/match_outcome.h"
+#include "match/match_screen.h"
 
 // The search of a point on the CPU, with exactly the results of kernels::HOGMatch_kernel.
 //
 // Some rows of the window at a time:
-//  1. tests of whole rows in bytes (match_codes.h), each for what the one before has left: colours and
-//  energy;
-//     sums over parts of the corner cells; where many pass, the squares of these. The rest is listed;
-//  2. one candidate after the other: distance of its codes; estimate of the distance, cell by cell with the
-//     bins side by side, given up once it is too large; the energy and colour test itself;
-//  3. what is left at the end of the window, a few candidates, is measured in the fixed order.
+//  1. the tests in bytes (match_screen.h), which list what they leave;
+//  2. one candidate of the list after the other: estimate of the distance, cell by cell with the bins side by
+//     side, given up once it is too large; the energy and colour test itself;
+//  3. what is left at the end of the window, a few candidates, is measured in the fixed order; earlier where
+//     they become too many.
 //
-// Why this is exact. With m the smallest distance, the second distance T is m if some column reaches m twice,
-// else the smallest distance greater than m: both are values of the set of all candidates, whatever their
-// order. A candidate with a distance greater than T changes neither. Distance and estimate add the same 135
-// rounded squares in different orders, so they differ by less than a factor of 1 + 1e-5 and, where squares
-// underflow, 1e-40: a candidate whose estimate exceeds loosened(b), b the estimate of any acceptable
-// candidate surely farther than m, is farther than T. An estimate of 0 is a distance of 0. The tests in bytes
-// leave every acceptable candidate whose estimate does not exceed the limit that they were set for; limits
-// only fall.
+// Why this is exact. Distance and estimate add the same 135 rounded squares in different orders, so they
+// differ by less than a factor of 1 + 1e-5 and, where squares underflow, 1e-40: of two candidates whose
+// estimates are a and b > loosened(a) the second is surely farther. An estimate of 0 is a distance of 0. The
+// tests in bytes leave every acceptable candidate whose estimate does not exceed the limit that they were set
+// for; limits only fall.
+//
+// The search for the nearest two: with m the smallest distance, the second distance T is m if some column
+// reaches m twice, else the smallest distance greater than m; both are values of the set of all candidates,
+// whatever their order. A candidate with a distance greater than T changes neither, and one whose estimate
+// exceeds loosened(b), b the estimate of any acceptable candidate surely farther than m, is farther than T.
+//
+// matchHome: the match lies within one pixel of home if nothing in the window is nearer than the nearest
+// candidate there, or as near and before it. So the limit is that candidate's distance from the start, and
+// the search ends with the first one found nearer; an estimate e with loosened(e) below that distance proves
+// it without measuring.
 
 namespace match {
 namespace {
 
-constexpr int kLanes = 16;        // a cell's bins and one zero
-constexpr int kGroup = 8;         // bytes looked at together, candidates measured together
-constexpr unsigned kCrowded = 2;  // groups of a block from which on its squares are worth their time
-constexpr int kBandRows = 8;
-constexpr unsigned kPlaces = kBandRows * kPaddedColumns;
+constexpr int kLanes = 16;    // a cell's bins and one zero
+constexpr int kMeasured = 8;  // candidates measured together
 constexpr int kMostKept = 512;
 constexpr int kPointsPerChunk = 32;
 
@@ -42,6 +45,7 @@ struct Job {
   kernels::HOGMatch_kernel m;
   float* cells;  // image B: at pixel y * w + x its 15 bins and a zero
   Codes codes;
+  const int *homeX, *homeY;  // matchHome's alone, else null
 };
 
 /// The point that is searched.
@@ -93,32 +97,18 @@ struct Squares {
   }
 };
 
-/// Rows of the window that are tested together.
-struct Band {
-  int x0, y;  // upper left candidate
-  unsigned columns, rows;
-};
-
-/// Places in Search::passing. Lists instead of branches: what passes is hard to predict. A list has room for
-/// one more, since the next is written before it is known whether it counts.
-struct List {
-  unsigned* places;
-  unsigned count;
-};
-
-/// State of one point's search.
+/// State of one point's search for what `Goal` says (match_outcome.h).
+template <class Goal>
 struct Search {
   const Job& job;
   const int ax, ay;
   Point point;
-  Outcome outcome;
-  Limit limit;
+  Goal goal;
   Bounds bounds;
   float boundsOf = -1.0f;  // the limit that `bounds` belong to
   int kept = 0;
   Candidate candidates[kMostKept];
-  alignas(32) unsigned char passing[kPlaces];  // of a band: row after row, kPaddedColumns each
-  unsigned places[kPlaces + 1];
+  Screening screening;
 
   TARVO_HOST_DEVICE Search(const Job& theJob, int pointX, int pointY) : job(theJob), ax(pointX), ay(pointY) {
     loadPoint(point, job, ax, ay);
@@ -140,7 +130,7 @@ struct Search {
     squares.addCell(point.cells[2], centre - row + kColumn);
     squares.addCell(point.cells[6], centre + row - kColumn);
     const float part = squares.sum();
-    if (part > limit.most) return part;
+    if (part > goal.most) return part;
     squares.addCell(point.cells[1], centre - row);
     squares.addCell(point.cells[3], centre - kColumn);
     squares.addCell(point.cells[4], centre);
@@ -151,23 +141,23 @@ struct Search {
 
   TARVO_HOST_DEVICE void keep(float value, int x, int y) {
     if (value == 0.0f) {
-      outcome.add(0.0f, x, y, point.window.x0);
+      goal.add(0.0f, x, y);
       return;
     }
     candidates[kept++] = {value, x, y};
     if (kept == kMostKept) measure();
   }
 
-  /// Distances of kGroup candidates, every one in the fixed order.
+  /// Distances of kMeasured candidates, every one in the fixed order.
   TARVO_HOST_DEVICE void distances(const Candidate* group, float* sums) const {
-    const float* cells[kCells][kGroup];
+    const float* cells[kCells][kMeasured];
     for (int k = 0; k < kCells; ++k) {
-      for (int c = 0; c < kGroup; ++c) cells[k][c] = cellAt(group[c].x, group[c].y, k);
+      for (int c = 0; c < kMeasured; ++c) cells[k][c] = cellAt(group[c].x, group[c].y, k);
     }
-    for (int c = 0; c < kGroup; ++c) sums[c] = 0.0f;
+    for (int c = 0; c < kMeasured; ++c) sums[c] = 0.0f;
     for (int b = 0; b < kHogBins; ++b) {
       for (int k = 0; k < kCells; ++k) {
-        for (int c = 0; c < kGroup; ++c) {
+        for (int c = 0; c < kMeasured; ++c) {
           const float d = point.cells[k][b] - cells[k][c][b];
           sums[c] += d * d;
         }
@@ -179,135 +169,55 @@ struct Search {
   TARVO_HOST_DEVICE void measure() {
     int left = 0;
     for (int i = 0; i < kept; ++i) {
-      if (candidates[i].estimate <= limit.most) candidates[left++] = candidates[i];
+      if (candidates[i].estimate <= goal.most) candidates[left++] = candidates[i];
     }
     kept = 0;
-    for (int start = 0; start < left; start += kGroup) {
-      Candidate group[kGroup];
-      const int n = std::min(kGroup, left - start);
-      for (int c = 0; c < kGroup; ++c) group[c] = candidates[start + std::min(c, n - 1)];
-      float sums[kGroup];
+    for (int start = 0; start < left; start += kMeasured) {
+      Candidate group[kMeasured];
+      const int n = std::min(kMeasured, left - start);
+      for (int c = 0; c < kMeasured; ++c) group[c] = candidates[start + std::min(c, n - 1)];
+      float sums[kMeasured];
       distances(group, sums);
-      for (int c = 0; c < n; ++c) outcome.add(sums[c], group[c].x, group[c].y, point.window.x0);
+      for (int c = 0; c < n; ++c) goal.add(sums[c], group[c].x, group[c].y);
     }
-    limit.most = std::min(limit.most, loosened(outcome.second));
+    goal.tighten();
   }
 
-  /// Tightens the limit with the candidates around (x, y), where the match is likely.
+  /// Shows the acceptable candidates within one pixel of (x, y) to the goal, and keeps them where kKeep says
+  /// so. Where a match is likely this lowers the limit.
+  template <bool kKeep>
   TARVO_HOST_DEVICE void lookAround(int x, int y) {
     const Window& window = point.window;
     for (int row = std::max(window.y0, y - 1); row <= std::min(window.y1, y + 1); ++row) {
       for (int column = std::max(window.x0, x - 1); column <= std::min(window.x1, x + 1); ++column) {
-        if (job.m.acceptable(ax, ay, column, row)) limit.see(estimate(column, row));
+        if (!job.m.acceptable(ax, ay, column, row)) continue;
+        const float value = estimate(column, row);
+        if (kKeep && value <= goal.most) keep(value, column, row);
+        goal.see(value);
       }
     }
-  }
-
-  /// Blocks of the band where colours and energy pass.
-  TARVO_HOST_DEVICE List testBand(const Band& band, unsigned* blocks) {
-    const Codes& codes = job.codes;
-    const unsigned padded = (band.columns + kBlock - 1) / kBlock * kBlock;
-    unsigned count = 0;
-    for (unsigned r = 0; r < band.rows; ++r) {
-      unsigned char* row = passing + r * kPaddedColumns;
-      const int y = band.y + static_cast<int>(r);
-      testColumns(codes.planeRow(0, y) + band.x0, codes.w, point.codes, codes.open[y] != 0, padded, row);
-      for (unsigned i = band.columns; i < padded; ++i) row[i] = 0;
-      for (unsigned i = 0; i < padded; i += kBlock) {
-        std::uint64_t words[kBlock / kGroup];
-        std::memcpy(words, row + i, sizeof words);
-        blocks[count] = r * kPaddedColumns + i;
-        count += ((words[0] | words[1]) | (words[2] | words[3])) != 0 ? 1 : 0;
-      }
-    }
-    return {blocks, count};
-  }
-
-  /// Lists the groups of a block where something passes; returns how many the list now has.
-  TARVO_HOST_DEVICE unsigned listGroups(unsigned block, unsigned* groups, unsigned count) const {
-    TARVO_UNROLL
-    for (unsigned g = block; g < block + kBlock; g += kGroup) {
-      std::uint64_t group;
-      std::memcpy(&group, passing + g, sizeof group);
-      groups[count] = g;
-      count += group != 0 ? 1 : 0;
-    }
-    return count;
-  }
-
-  /// Groups of these blocks where the coarse sums pass.
-  TARVO_HOST_DEVICE List boundBand(const Band& band, const List& blocks, unsigned* groups) {
-    const long plane = job.codes.w, row = plane * Codes::kPlanes;
-    const unsigned char* first = job.codes.planeRow(kColours + 1, band.y - kSpacing) + band.x0 - kSpacing;
-    unsigned count = 0;
-    for (unsigned i = 0; i < blocks.count; ++i) {
-      const unsigned block = blocks.places[i];
-      const unsigned char* cells = first + block / kPaddedColumns * row + block % kPaddedColumns;
-      boundBlock(cells, plane, kSpacing * row, bounds, passing + block);
-      unsigned after = listGroups(block, groups, count);
-      if (after - count >= kCrowded && bounds.squares) {
-        boundSquares(cells, plane, kSpacing * row, bounds, passing + block);
-        after = listGroups(block, groups, count);
-      }
-      count = after;
-    }
-    return {groups, count};
-  }
-
-  /// What passes in these groups.
-  TARVO_HOST_DEVICE List listBand(const List& groups) {
-    unsigned count = 0;
-    for (unsigned i = 0; i < groups.count; ++i) {
-      const unsigned group = groups.places[i];
-      TARVO_UNROLL
-      for (unsigned place = group; place < group + kGroup; ++place) {
-        places[count] = place;
-        count += passing[place] & 1;
-      }
-    }
-    return {places, count};
-  }
-
-  /// Those of the list whose fine codes pass, in its place.
-  TARVO_HOST_DEVICE List screenBand(const Band& band, const List& list) const {
-    const std::uint16_t* first = job.codes.fineRow(band.y - kSpacing);
-    const long row = Codes::fineLength(job.codes.w);
-    const int* cells = job.codes.cellOffsets + band.x0 - kSpacing;
-    const unsigned most = bounds.mostFine;
-    Shorts own[3];
-    std::memcpy(own, point.codes.fine, sizeof own);
-    unsigned left = 0;
-    for (unsigned i = 0; i < list.count; ++i) {
-      const unsigned place = list.places[i];
-      const std::uint16_t* at = first + place / kPaddedColumns * row + cells[place % kPaddedColumns];
-      list.places[left] = place;
-      left += fineDistance(at, kSpacing * row, own) <= most ? 1 : 0;
-    }
-    return {list.places, left};
   }
 
   TARVO_HOST_DEVICE void searchBand(const Band& band) {
-    if (limit.most != boundsOf) {
-      boundsOf = limit.most;
+    if (goal.most != boundsOf) {
+      boundsOf = goal.most;
       bounds.set(job.codes, point.codes, boundsOf);
     }
-    unsigned blocks[kBandRows * kPaddedColumns / kBlock + 1], groups[kPlaces / kGroup + 1];
-    const List list = screenBand(band, listBand(boundBand(band, testBand(band, blocks), groups)));
-    for (unsigned i = 0; i < list.count; ++i) {
-      const int x = band.x0 + static_cast<int>(list.places[i] % kPaddedColumns);
-      const int y = band.y + static_cast<int>(list.places[i] / kPaddedColumns);
+    const unsigned left = screen(job.codes, point.codes, bounds, band, screening);
+    for (unsigned i = 0; i < left; ++i) {
+      const int x = band.x0 + static_cast<int>(screening.places[i] % kPaddedColumns);
+      const int y = band.y + static_cast<int>(screening.places[i] / kPaddedColumns);
       const float value = estimate(x, y);
-      if (!(value <= limit.most) || !job.m.acceptable(ax, ay, x, y)) continue;
-      limit.see(value);
+      if (!(value <= goal.most) || !job.m.acceptable(ax, ay, x, y)) continue;
+      goal.see(value);
       keep(value, x, y);
     }
   }
 
   TARVO_HOST_DEVICE void searchWindow() {
     const Window& window = point.window;
-    int x1 = window.x1;
     for (int y = window.y0; y <= window.y1; y += kBandRows) {
-      if (outcome.second == 0.0f) x1 = std::min(x1, outcome.x - 1);  // only an earlier column matters now
+      const int x1 = goal.lastColumn(window.x1);
       if (window.x0 > x1) break;
       searchBand({window.x0, y, static_cast<unsigned>(x1 + 1 - window.x0),
                   static_cast<unsigned>(std::min(kBandRows, window.y1 + 1 - y))});
@@ -324,16 +234,40 @@ TARVO_BAND void matchBand(Job job, int k0, int k1) {
     const int ax = m.pointX[k];
     const int ay = m.pointY[k];
     if (!m.searched(ax, ay)) continue;
-    Search search(job, ax, ay);
-    search.lookAround(ax + u, ay + v);
-    if (u != 0 || v != 0) search.lookAround(ax, ay);
+    Search<NearestTwo> search(job, ax, ay);
+    search.lookAround<false>(ax + u, ay + v);
+    if (u != 0 || v != 0) search.lookAround<false>(ax, ay);
     search.searchWindow();
-    const Outcome& outcome = search.outcome;
-    m.matchX[k] = outcome.x;
-    m.matchY[k] = outcome.y;
-    m.bestDistance[k] = outcome.best;
-    m.secondDistance[k] = outcome.second;
-    if (outcome.best < kRejected) u = outcome.x - ax, v = outcome.y - ay;
+    const NearestTwo& result = search.goal;
+    m.matchX[k] = result.x;
+    m.matchY[k] = result.y;
+    m.bestDistance[k] = result.best;
+    m.secondDistance[k] = result.second;
+    if (result.best < kRejected) u = result.x - ax, v = result.y - ay;
+  }
+}
+
+/// The same for matchHome. What is nearer than home mostly moves like the neighbour's match.
+TARVO_BAND void matchHomeBand(Job job, int k0, int k1) {
+  const kernels::HOGMatch_kernel& m = job.m;
+  int u = 0, v = 0;
+  for (int k = k0; k < k1; ++k) {
+    const int ax = m.pointX[k];
+    const int ay = m.pointY[k];
+    if (!m.searched(ax, ay)) continue;
+    Search<Nearer> search(job, ax, ay);
+    Nearer& goal = search.goal;
+    search.lookAround<true>(job.homeX[k], job.homeY[k]);
+    search.measure();
+    goal.given = true;
+    if (goal.best < kRejected) {
+      search.lookAround<false>(ax + u, ay + v);
+      search.searchWindow();
+    }
+    const bool home = goal.best < kRejected && !goal.found;
+    m.matchX[k] = home ? goal.x : 0;
+    m.matchY[k] = home ? goal.y : 0;
+    if (home) u = goal.x - ax, v = goal.y - ay;
   }
 }
 
@@ -366,7 +300,7 @@ struct Layout {
   }
 };
 
-Job jobOf(const kernels::HOGMatch_kernel& m, float* scratch) {
+Job jobOf(const kernels::HOGMatch_kernel& m, float* scratch, const int* homeX, const int* homeY) {
   const Layout layout(m.h, m.w);
   const float energy = typicalEnergy(m);
   float* offsets = scratch + layout.cells;
@@ -382,7 +316,24 @@ Job jobOf(const kernels::HOGMatch_kernel& m, float* scratch) {
                     reinterpret_cast<std::uint16_t*>(fine),
                     reinterpret_cast<int*>(offsets)};
   for (int x = 0; x < m.w; ++x) codes.cellOffsets[x] = static_cast<int>(codes.fineCell(x));
-  return {m, scratch, codes};
+  return {m, scratch, codes, homeX, homeY};
+}
+
+/// Collects image B, then searches all points.
+void run(const Job& job, void (*band)(Job job, int k0, int k1)) {
+  device::cpu::forBands(job.m.h, job.m.w, [&](int y0, int y1) { collectBand(job, y0, y1); });
+  struct Context {
+    const Job& job;
+    void (*band)(Job job, int k0, int k1);
+  };
+  const Context context{job, band};
+  device::cpu::runChunks((job.m.outW + kPointsPerChunk - 1) / kPointsPerChunk,
+                         [](const void* opaque, int chunk) {
+                           const auto& c = *static_cast<const Context*>(opaque);
+                           const int k0 = chunk * kPointsPerChunk;
+                           c.band(c.job, k0, std::min(c.job.m.outW, k0 + kPointsPerChunk));
+                         },
+                         &context);
 }
 
 }  // namespace
@@ -393,17 +344,12 @@ std::size_t cpuMatchScratch(int h, int w) {
 }
 
 void cpuMatch(const kernels::HOGMatch_kernel& search, float* scratch) {
-  const Job job = jobOf(search, scratch);
-  device::cpu::forBands(search.h, search.w, [&](int y0, int y1) { collectBand(job, y0, y1); });
-  const int chunks = (search.outW + kPointsPerChunk - 1) / kPointsPerChunk;
-  device::cpu::runChunks(
-      chunks,
-      [](const void* opaque, int chunk) {
-        const Job& j = *static_cast<const Job*>(opaque);
-        const int k0 = chunk * kPointsPerChunk;
-        matchBand(j, k0, std::min(j.m.outW, k0 + kPointsPerChunk));
-      },
-      &job);
+  run(jobOf(search, scratch, nullptr, nullptr), matchBand);
+}
+
+void cpuMatchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY,
+                  float* scratch) {
+  run(jobOf(search, scratch, homeX, homeY), matchHomeBand);
 }
 
 }  // namespace match

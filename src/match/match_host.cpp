@@ -179,7 +179,8 @@ void HOGMatch(const float* image1, const float* image2, const float* hog1, const
     HostPair pair(image1, image2, hog1, hog2, confidence, h, w);
     pair.createGates(confidence);
     match::Records records(grid);
-    match::matchBothWays(pair.pair(), records, field.weight(), field.u(), field.v());
+    match::matchBothWays(pair.pair(), records, match::Backward::Matches, field.weight(), field.u(),
+                         field.v());
     field.download(u, v, weight);
     const HostRecords result(records);
     match::setCounts(grid, result);

@@ -6,43 +6,34 @@
 
 #include "match/match_kernels.h"
 
-// What the search on the CPU (match_cpu.cpp) knows of a point so far; it meets the candidates in any order.
+// What a search on the CPU (match_cpu.cpp) looks for, and what it knows of a point so far; it meets the
+// candidates in any order. Both searches have
+//   most: the largest estimate that still matters;
+//   see(estimate), of an acceptable candidate; each may be seen again;
+//   add(distance, x, y), of an acceptable candidate whose estimate still mattered: NearestTwo each once,
+//   Nearer those that it was given perhaps again;
+//   tighten(): `most` once more, from the distances added;
+//   lastColumn(x1): the last column, at most x1, where a candidate still matters.
 
 namespace match {
 
-/// A distance whose estimate exceeds this surely exceeds one with the estimate `value`.
+/// A candidate whose estimate exceeds this is surely farther than one whose estimate or distance is `value`.
 TARVO_HOST_DEVICE float loosened(float value) {
   return value * 1.0001f + 1e-30f;
 }
 
-/// The result so far, of candidates in any order.
-struct Outcome {
+/// Whether (x, y) comes before (x2, y2) where distances are equal: column by column, each from the top down.
+TARVO_HOST_DEVICE bool before(int x, int y, int x2, int y2) {
+  return x < x2 || (x == x2 && y < y2);
+}
+
+/// The search for the nearest candidate and the second distance.
+struct NearestTwo {
+  static constexpr unsigned kWords = (kMostColumns + 63) / 64;
   float best = kRejected, second = kRejected;
   int x = 0, y = 0;
-  std::uint64_t nearest[(kMostColumns + 63) / 64] = {};  // columns that reach `best`
-
-  TARVO_HOST_DEVICE void add(float d, int newX, int newY, int x0) {
-    std::uint64_t& word = nearest[(newX - x0) / 64];
-    const std::uint64_t bit = std::uint64_t{1} << ((newX - x0) % 64);
-    if (d < best) {
-      second = best;
-      best = d;
-      x = newX, y = newY;
-      std::memset(nearest, 0, sizeof nearest);
-      word = bit;
-    } else if (d == best && best < kRejected) {
-      if ((word & bit) != 0) second = best;
-      if (newX < x || (newX == x && newY < y)) x = newX, y = newY;
-      word |= bit;
-    } else if (d < second) {
-      second = d;
-    }
-  }
-};
-
-/// Largest estimate that still matters, from the estimates seen so far; each candidate may be seen again.
-struct Limit {
-  float least = kRejected;
+  std::uint64_t nearest[kWords] = {};  // columns that reach `best`, modulo the bits: no two of a window meet
+  float least = kRejected;             // estimate
   float most = loosened(kRejected);
 
   TARVO_HOST_DEVICE void see(float estimate) {
@@ -53,6 +44,52 @@ struct Limit {
       most = std::min(most, loosened(estimate));
     }
   }
+  TARVO_HOST_DEVICE void add(float d, int newX, int newY) {
+    const auto column = static_cast<unsigned>(newX);
+    std::uint64_t& word = nearest[column / 64 % kWords];
+    const std::uint64_t bit = std::uint64_t{1} << (column % 64);
+    if (d < best) {
+      second = best;
+      best = d;
+      x = newX, y = newY;
+      std::memset(nearest, 0, sizeof nearest);
+      word = bit;
+    } else if (d == best && best < kRejected) {
+      if ((word & bit) != 0) second = best;
+      if (before(newX, newY, x, y)) x = newX, y = newY;
+      word |= bit;
+    } else if (d < second) {
+      second = d;
+    }
+  }
+  TARVO_HOST_DEVICE void tighten() { most = std::min(most, loosened(second)); }
+  /// Once two candidates have the distance 0 only an earlier column matters.
+  TARVO_HOST_DEVICE int lastColumn(int x1) const { return second == 0.0f ? std::min(x1, x - 1) : x1; }
+};
+
+/// The search for anything nearer than the nearest of some candidates, those it is given first.
+struct Nearer {
+  float best = kRejected;  // of those
+  int x = 0, y = 0;
+  float most = loosened(kRejected);
+  bool given = false;  // all of those
+  bool found = false;  // something nearer, or as near and before
+
+  TARVO_HOST_DEVICE void see(float estimate) {
+    if (!given) most = std::min(most, loosened(estimate));
+    if (given && loosened(estimate) < best) found = true;
+  }
+  TARVO_HOST_DEVICE void add(float d, int newX, int newY) {
+    if (!(d < best) && !(d == best && best < kRejected && before(newX, newY, x, y))) return;
+    if (given) {
+      found = true;
+    } else {
+      best = d;
+      x = newX, y = newY;
+    }
+  }
+  TARVO_HOST_DEVICE void tighten() { most = std::min(most, loosened(best)); }
+  TARVO_HOST_DEVICE int lastColumn(int x1) const { return found ? -1 : x1; }
 };
 
 }  // namespace match

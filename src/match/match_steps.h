@@ -1,6 +1,7 @@
 #pragma once
 
 #include <tarvo/elementwise.h>
+#include <tarvo/export.h>
 
 #include <algorithm>
 #include <vector>
@@ -9,7 +10,7 @@
 #include "match/match_kernels.h"
 
 /// What the device pipeline and its host-array twin share of the matching step. Included by parts of the unit
-/// HOGMatch.
+/// HOGMatch and its tests.
 namespace match {
 
 constexpr const char* kUnit = "HOGMatch";
@@ -100,8 +101,17 @@ struct HostRecords {
   }
 };
 
+/// A backward search: as HOGMatch_kernel, but a point's match is only told where it lies within one pixel of
+/// the point's home (x, y >= 2); elsewhere what is told lies farther off, and the distances mean nothing. On
+/// the CPU this is decided with less search. Exported because the tests hold it against HOGMatch_kernel.
+TARVO_API void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY);
+
+/// What the records hold of the backward search: all matches and distances, or as matchHome leaves them.
+enum class Backward { Matches, Home };
+
 /// Forward match, backward match of what it found, consistency check.
-void matchBothWays(const Pair& pair, const Records& records, float* weight, float* u, float* v);
+void matchBothWays(const Pair& pair, const Records& records, Backward backward, float* weight, float* u,
+                   float* v);
 
 /// Makes the records' counts the last ones.
 void setCounts(const Grid& grid, const HostRecords& records);

@@ -5,15 +5,18 @@
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "match/match_kernels.h"
+#include "match/match_steps.h"
 #include "reference/match_reference.h"
 #include "support/device_planes.h"
 
-// The search of points in its three forms: the exported one, the plain kernel and the reference.
+// The search of points in its forms: the exported one, the plain kernel, the reference and the search for
+// home.
 
 using reference::MatchInput;
 using reference::MatchResult;
@@ -61,8 +64,9 @@ struct Points {
   std::vector<int> x, y;
 };
 
-/// The exported search.
-inline std::vector<MatchResult> search(const MatchInput& in, const Points& points, bool gated) {
+/// Runs `form` with the arguments of HOGMatch_kernel on the device.
+template <class Form>
+std::vector<MatchResult> onDevice(const MatchInput& in, const Points& points, bool gated, const Form& form) {
   const int n = static_cast<int>(points.x.size());
   const DevicePlanes imageA(in.imageA), imageB(in.imageB), hogA(in.hogA), hogB(in.hogB),
       confidence(in.confidence), energyA(in.energyA), energyB(in.energyB);
@@ -70,11 +74,21 @@ inline std::vector<MatchResult> search(const MatchInput& in, const Points& point
   const DeviceInts matchX(std::vector<int>(points.x.size(), kUntouchedInt)),
       matchY(std::vector<int>(points.x.size(), kUntouchedInt));
   DevicePlanes best(Planes(1, n, 1, kUntouched)), second(Planes(1, n, 1, kUntouched));
-  HOGMatch_kernel(imageA.get(), imageB.get(), hogA.get(), hogB.get(), confidence.get(), gated ? 1 : 0,
-                  energyA.get(), energyB.get(), in.meanConfidence, matchX.get(), matchY.get(), best.get(),
-                  second.get(), x.get(), y.get(), in.imageA.h, in.imageA.w, imageA.p(), n);
+  form(kernels::HOGMatch_kernel{imageA.get(), imageB.get(), hogA.get(), hogB.get(), confidence.get(),
+                                gated ? 1 : 0, energyA.get(), energyB.get(), in.meanConfidence, matchX.get(),
+                                matchY.get(), best.get(), second.get(), x.get(), y.get(), in.imageA.h,
+                                in.imageA.w, imageA.p(), n});
   EXPECT_TRUE(best.intact() && second.intact());
   return collect(matchX.values(), matchY.values(), best.values(), second.values());
+}
+
+/// The exported search.
+inline std::vector<MatchResult> search(const MatchInput& in, const Points& points, bool gated) {
+  return onDevice(in, points, gated, [](const kernels::HOGMatch_kernel& m) {
+    HOGMatch_kernel(m.imageA, m.imageB, m.hogA, m.hogB, m.confidence, m.forwardPass, m.energyA, m.energyB,
+                    m.meanConfidence, m.matchX, m.matchY, m.bestDistance, m.secondDistance, m.pointX,
+                    m.pointY, m.h, m.w, m.p, m.outW);
+  });
 }
 
 /// The kernel itself, point by point.
@@ -119,6 +133,38 @@ inline testing::AssertionResult same(const std::vector<MatchResult>& results,
   return testing::AssertionSuccess();
 }
 
+/// Whether the search for home finds the expected matches where they lie within one pixel of a home, and else
+/// nothing that does: for homes at the matches, beside them, and too far off.
+inline void expectHomesFound(const MatchInput& in, const Points& points, bool gated,
+                             const std::vector<MatchResult>& expected) {
+  const int offsets[][2] = {{0, 0}, {1, 0}, {-1, 1}, {0, -1}, {2, 0}, {-1, -2}, {40, 40}};
+  for (const auto& offset : offsets) {
+    Points homes = points;
+    for (std::size_t k = 0; k < expected.size(); ++k) {
+      homes.x[k] = std::max(2, expected[k].x + offset[0]);
+      homes.y[k] = std::max(2, expected[k].y + offset[1]);
+    }
+    const DeviceInts homeX(homes.x), homeY(homes.y);
+    const auto found = onDevice(in, points, gated, [&](const kernels::HOGMatch_kernel& m) {
+      match::matchHome(m, homeX.get(), homeY.get());
+    });
+    for (std::size_t k = 0; k < expected.size(); ++k) {
+      const auto isHome = [&](const MatchResult& result) {
+        return kernels::consistencyCheck_kernel::within(homes.x[k], result.x) &&
+               kernels::consistencyCheck_kernel::within(homes.y[k], result.y);
+      };
+      ASSERT_EQ(found[k].searched, expected[k].searched);
+      ASSERT_EQ(isHome(found[k]), isHome(expected[k]))
+          << "point (" << points.x[k] << ", " << points.y[k] << "), home (" << homes.x[k] << ", "
+          << homes.y[k] << "): found (" << found[k].x << ", " << found[k].y << "), expected ("
+          << expected[k].x << ", " << expected[k].y << ")";
+      if (!isHome(found[k])) continue;
+      ASSERT_EQ(found[k].x, expected[k].x);
+      ASSERT_EQ(found[k].y, expected[k].y);
+    }
+  }
+}
+
 inline Points gridOf(int h, int w, int step) {
   Points points;
   for (int y = 4; y < h - 4; y += step) {
@@ -159,6 +205,7 @@ inline void expectAllFormsEqual(const MatchInput& in, int step, const std::strin
     }
     EXPECT_TRUE(same(plain(in, points, gated), expected, points));
     EXPECT_TRUE(same(search(in, points, gated), expected, points));
+    expectHomesFound(in, points, gated, expected);
   }
 }
 
@@ -179,6 +226,7 @@ struct Planted {
     const Points point{{ax}, {ay}};
     const auto result = search(in, point, true);
     EXPECT_TRUE(same(result, {reference::matchPoint(in, ax, ay, true)}, point));
+    expectHomesFound(in, point, true, result);
     return result[0];
   }
 };

@@ -96,6 +96,14 @@ TEST(MatchSearch, LeavesSecondDistanceAsTheTreesDo) {
   otherColumns.candidate(130, 140, 3.0f);
   expectMatch(otherColumns.match(), 50, 60, 4.0f, 9.0f);
 
+  for (const int apart : {64, 128}) {  // columns as far apart as bits of the words that note them
+    Planted columns;
+    columns.candidate(40, 60, 2.0f);
+    columns.candidate(40 + apart, 90, 2.0f);
+    columns.candidate(71, 120, 3.0f);
+    expectMatch(columns.match(), 40, 60, 4.0f, 9.0f);
+  }
+
   Planted improved;  // the best of a column becomes its second
   improved.candidate(50, 30, 3.0f);
   improved.candidate(50, 60, 2.0f);
