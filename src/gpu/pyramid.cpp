@@ -9,6 +9,7 @@
 #include "gpu/downsample_cpu.h"
 #include "gpu/pyramid_kernels.h"
 #include "gpu/units.h"
+#include "gpu/warp_cpu.h"
 
 namespace {
 
@@ -87,14 +88,19 @@ void gInterpolate(float* out, int h, int w, int p, const float* in, int inH, int
 
 void gWarpMotion(float* out, const float* u, const float* v, const float* src, const float* fallback,
                  int channels, float* valid, int h, int w, int p) {
-  if (channels != 1 && channels != 3) return;
-  const std::size_t floats = device::planeFloats(h, p, channels);
+  if ((channels != 1 && channels != 3) || h <= 0 || w <= 0) return;
   device::Buffer copy;
-  const float* source = copiedIfOverlapping(copy, out, floats, src, floats);
-  if (channels == 3) {
-    launch(kernels::warp_motion_kernel{source, out, fallback, valid, h, w, p, u, v});
+  if (channels == 3 && !device::onCuda()) {
+    TARVO_CALL(copy.allocate(device::planeFloats(h, w, gpu::kWarpLanes)));
+    launchCpuForm([&] { gpu::warpOnCpu({src, out, fallback, valid, h, w, p, u, v}, copy.get()); });
   } else {
-    launch(kernels::warp_motion_1chan_kernel{source, out, fallback, valid, h, w, p, u, v});
+    const std::size_t floats = device::planeFloats(h, p, channels);
+    const float* source = copiedIfOverlapping(copy, out, floats, src, floats);
+    if (channels == 3) {
+      launch(kernels::warp_motion_kernel{source, out, fallback, valid, h, w, p, u, v});
+    } else {
+      launch(kernels::warp_motion_1chan_kernel{source, out, fallback, valid, h, w, p, u, v});
+    }
   }
   device::synchronize();
   TARVO_LAUNCHED("warp over");

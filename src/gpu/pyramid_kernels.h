@@ -127,19 +127,22 @@ struct warp_motion_kernels {
     const int i = y * p + x;
     const float px = static_cast<float>(x) + u[i];
     const float py = static_cast<float>(y) + v[i];
-    const bool outside =
-        (px < 0.0f) | (px > static_cast<float>(w - 1)) | (py < 0.0f) | (py > static_cast<float>(h - 1));
-    valid[i] = outside ? 0.0f : 1.0f;
-    channel(0, i, px, py, outside);
+    const bool isOutside = outside(px, py);
+    valid[i] = isOutside ? 0.0f : 1.0f;
+    channel(0, i, px, py, isOutside);
     if constexpr (Channels == 3) {  // written out: an inner loop would keep the outer one from vectorising
-      channel(1, i, px, py, outside);
-      channel(2, i, px, py, outside);
+      channel(1, i, px, py, isOutside);
+      channel(2, i, px, py, isOutside);
     }
   }
-  TARVO_HOST_DEVICE void channel(int c, int i, float px, float py, bool outside) const {
+  /// Whether a position lies beyond a border; a not-a-number does not.
+  TARVO_HOST_DEVICE bool outside(float px, float py) const {
+    return (px < 0.0f) | (px > static_cast<float>(w - 1)) | (py < 0.0f) | (py > static_cast<float>(h - 1));
+  }
+  TARVO_HOST_DEVICE void channel(int c, int i, float px, float py, bool isOutside) const {
     const int plane = c * h * p;
     const float sample = device::View{source + plane, h, w, p}.bilinear(px, py);
-    out[plane + i] = outside ? fallback[plane + i] : sample;
+    out[plane + i] = isOutside ? fallback[plane + i] : sample;
   }
 };
 using warp_motion_kernel = warp_motion_kernels<3>;

@@ -238,6 +238,29 @@ TEST(Warp, AgreesWithTheReference) {
   }
 }
 
+TEST(Warp, OfAPictureIsThatOfItsPlanes) {
+  const KeepThreads keep;
+  for (const int w : {1, 15, 16, 17, 32, 45, 160}) {
+    const int h = w == 160 ? 120 : 7;
+    SCOPED_TRACE(testing::Message() << w << " x " << h);
+    Planes source = randomPlanes(h, w, 3, 19), other = randomPlanes(h, w, 3, 20);
+    source.at(w / 2, h / 2, 1) = kNan;
+    other.at(w / 3, h / 3, 2) = std::numeric_limits<float>::infinity();
+    Planes u = randomPlanes(h, w, 1, 21, -9.0f, 9.0f), v = randomPlanes(h, w, 1, 22, -9.0f, 9.0f);
+    const float wild[] = {kNan, std::numeric_limits<float>::infinity(), -3e38f, 1e10f};
+    for (std::size_t i = 0; i < u.values.size(); i += 5) (i % 2 == 0 ? u : v).values[i] = wild[i / 10 % 4];
+    for (const int threads : {1, 3}) {
+      NDevice::threads(threads);
+      const reference::Warped picture = warped(source, other, u, v);
+      for (int k = 0; k < 3; ++k) {
+        const reference::Warped plane = warped(source.plane(k), other.plane(k), u, v);
+        ASSERT_TRUE(exact(picture.out.plane(k), plane.out)) << threads << " threads";
+        ASSERT_TRUE(exact(picture.valid, plane.valid)) << threads << " threads";
+      }
+    }
+  }
+}
+
 TEST(Warp, ByZeroFlowIsTheSource) {
   const Planes source = randomPlanes(15, 17, 3, 13), other = randomPlanes(15, 17, 3, 14), zero(15, 17);
   const reference::Warped result = warped(source, other, zero, zero);
@@ -270,18 +293,25 @@ TEST(Warp, NeverLeavesThePlaneWhateverTheFlowHolds) {
   }
 }
 
-TEST(Warp, OfAnotherNumberOfChannelsDoesNothing) {
+TEST(Warp, OfAnotherNumberOfChannelsOrNoPixelDoesNothing) {
   const DevicePlanes planes(randomPlanes(4, 5, 2, 16)), zero(Planes(4, 5)), out(4, 5, 2), valid(4, 5);
   gWarpMotion(out.get(), zero.get(), zero.get(), planes.get(), planes.get(), 2, valid.get(), 4, 5, out.p());
+  gWarpMotion(out.get(), zero.get(), zero.get(), planes.get(), planes.get(), 3, valid.get(), 0, 5, out.p());
+  gWarpMotion(out.get(), zero.get(), zero.get(), planes.get(), planes.get(), 3, valid.get(), 4, 0, out.p());
   for (const float value : out.values().values) EXPECT_TRUE(std::isnan(value));
   for (const float value : valid.values().values) EXPECT_TRUE(std::isnan(value));
 }
 
 TEST(Warp, WorksInPlace) {
-  const Planes source = randomPlanes(15, 17, 3, 17), other = randomPlanes(15, 17, 3, 18);
-  const Planes u(15, 17, 1, 1.5f), v(15, 17, 1, -0.25f);
-  const DevicePlanes picture(source), fallback(other), flowU(u), flowV(v), valid(15, 17);
-  gWarpMotion(picture.get(), flowU.get(), flowV.get(), picture.get(), fallback.get(), 3, valid.get(), 15, 17,
-              picture.p());
-  EXPECT_TRUE(exact(picture.values(), warped(source, other, u, v).out));
+  const KeepThreads keep;
+  NDevice::threads(3);
+  for (const Size size : {Size{15, 17}, Size{120, 160}}) {  // the second in several bands
+    const int h = size.h, w = size.w;
+    const Planes source = randomPlanes(h, w, 3, 17), other = randomPlanes(h, w, 3, 18);
+    const Planes u(h, w, 1, 1.5f), v(h, w, 1, -20.25f);
+    const DevicePlanes picture(source), fallback(other), flowU(u), flowV(v), valid(h, w);
+    gWarpMotion(picture.get(), flowU.get(), flowV.get(), picture.get(), fallback.get(), 3, valid.get(), h, w,
+                picture.p());
+    EXPECT_TRUE(exact(picture.values(), warped(source, other, u, v).out));
+  }
 }
