@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -20,9 +21,14 @@ int usableProcessors() {
   return std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
 }
 
-/// A job is posted by writing its fields and then the ticket (generation << 32 | chunks left). A thread
-/// claims a chunk by lowering the ticket from the value under which it read the fields: a success proves that
-/// a chunk of that job was left, so that its caller still waits and the fields are valid.
+/// The chunks of a job are cut into ranges, one for each thread, but no more than kMostRanges. A thread
+/// claims the chunks of its own range first, then what is left of the others: in one job after the other over
+/// the same rows it meets rows that its caches still hold.
+///
+/// A job is posted by writing its fields, then the ticket of every range (generation << 32 | chunks left),
+/// then the generation. A thread claims a chunk by lowering a ticket from the value under which it read the
+/// fields: a success proves that a chunk of that job was left, so that its caller still waits and the fields
+/// are valid.
 class Team {
  public:
   explicit Team(int size) : size_(size) {}
@@ -36,19 +42,28 @@ class Team {
     body_.store(body, std::memory_order_relaxed);
     context_.store(context, std::memory_order_relaxed);
     done_.store(0, std::memory_order_relaxed);
-    const std::uint64_t generation = (ticket_.load(std::memory_order_relaxed) >> 32) + 1;
+    const int ranges = std::min(size(), kMostRanges);
+    chunks_.store(chunks, std::memory_order_relaxed);
+    ranges_.store(ranges, std::memory_order_relaxed);
+    const std::uint64_t generation = (generation_.load(std::memory_order_relaxed) + 1) & kLeft;
+    for (int range = 0; range < ranges; ++range) {
+      const int count = firstOf(range + 1, chunks, ranges) - firstOf(range, chunks, ranges);
+      tickets_[range].value.store(generation << 32 | static_cast<std::uint64_t>(count),
+                                  std::memory_order_release);
+    }
     {
       const std::lock_guard<std::mutex> lock(sleepMutex_);
-      ticket_.store(generation << 32 | static_cast<std::uint64_t>(chunks), std::memory_order_release);
+      generation_.store(generation, std::memory_order_release);
     }
     if (sleepers_.load() > 0) wake_.notify_all();
-    work(generation);
+    work(generation, 0);
     for (int spin = 0; done_.load(std::memory_order_acquire) < chunks; ++spin) pause(spin);
   }
 
  private:
   static constexpr std::uint64_t kLeft = 0xffffffffu;
   static constexpr int kSpins = 4000;  // about 20 microseconds
+  static constexpr int kMostRanges = 16;
 
   static void pause(int spin) {
 #if defined(__x86_64__)
@@ -63,16 +78,29 @@ class Team {
     }
   }
 
-  /// Claims and runs chunks of job `generation` until none is left.
-  void work(std::uint64_t generation) {
-    std::uint64_t ticket = ticket_.load(std::memory_order_acquire);
-    while (ticket >> 32 == generation && (ticket & kLeft) != 0) {
+  /// First chunk of a range.
+  static int firstOf(int range, int chunks, int ranges) {
+    return static_cast<int>(static_cast<long>(chunks) * range / ranges);
+  }
+
+  /// Claims and runs chunks of job `generation` until none is left, those of `own` and the next ranges first.
+  void work(std::uint64_t generation, int own) {
+    const int ranges = ranges_.load(std::memory_order_relaxed);
+    for (int k = 0; k < ranges; ++k) workRange(generation, (own + k) % ranges);
+  }
+
+  void workRange(std::uint64_t generation, int range) {
+    std::atomic<std::uint64_t>& ticket = tickets_[range].value;
+    std::uint64_t value = ticket.load(std::memory_order_acquire);
+    while (value >> 32 == generation && (value & kLeft) != 0) {
       const auto body = body_.load(std::memory_order_relaxed);
       const void* context = context_.load(std::memory_order_relaxed);
-      if (!ticket_.compare_exchange_weak(ticket, ticket - 1, std::memory_order_acq_rel)) continue;
-      body(context, static_cast<int>(ticket & kLeft) - 1);
+      const int end = firstOf(range + 1, chunks_.load(std::memory_order_relaxed),
+                              ranges_.load(std::memory_order_relaxed));
+      if (!ticket.compare_exchange_weak(value, value - 1, std::memory_order_acq_rel)) continue;
+      body(context, end - static_cast<int>(value & kLeft));
       done_.fetch_add(1, std::memory_order_acq_rel);
-      ticket = ticket_.load(std::memory_order_acquire);
+      value = ticket.load(std::memory_order_acquire);
     }
   }
 
@@ -81,20 +109,20 @@ class Team {
     plainFloatMode();
     std::uint64_t seen = 0;
     for (;;) {
-      std::uint64_t generation = ticket_.load(std::memory_order_acquire) >> 32;
+      std::uint64_t generation = generation_.load(std::memory_order_acquire);
       for (int spin = 0; generation == seen && spin < kSpins; ++spin) {
         pause(0);
-        generation = ticket_.load(std::memory_order_acquire) >> 32;
+        generation = generation_.load(std::memory_order_acquire);
       }
       if (generation == seen) {
         std::unique_lock<std::mutex> lock(sleepMutex_);
         ++sleepers_;
-        wake_.wait(lock, [&] { return ticket_.load(std::memory_order_acquire) >> 32 != seen; });
+        wake_.wait(lock, [&] { return generation_.load(std::memory_order_acquire) != seen; });
         --sleepers_;
         continue;
       }
       seen = generation;
-      if (index < size() - 1) work(generation);
+      if (index < size() - 1) work(generation, index + 1);
     }
   }
 
@@ -105,9 +133,14 @@ class Team {
   std::atomic<int> size_;
   int started_ = 0;
 
-  std::atomic<std::uint64_t> ticket_{0};
+  struct alignas(64) Ticket {  // a cache line of its own
+    std::atomic<std::uint64_t> value{0};
+  };
+  Ticket tickets_[kMostRanges];
+  std::atomic<std::uint64_t> generation_{0};
   std::atomic<void (*)(const void*, int)> body_{nullptr};
   std::atomic<const void*> context_{nullptr};
+  std::atomic<int> chunks_{0}, ranges_{1};
   std::atomic<int> done_{0};
 };
 
