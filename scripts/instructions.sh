@@ -50,14 +50,16 @@ awk -v device="cpu (1 thread, $isa), $size, under $(valgrind --version)" '
     phases["gComputeHOG"] = "descriptors"
     phases["gComputeConfidence"] = "confidence"
     phases["HOGMatch_kernel"] = "search"
+    phases["match::matchHome"] = "search back"
     phases["gCreateAndMatchHOG"] = "matching"
-    phases["downsample"] = "pyramid"
+    phases["gpu::PictureLevels::build"] = "pyramid of the pictures"
+    phases["gpu::MatchLevels::build"] = "pyramid of the matches"
     phases["gInterpolate"] = "enlarging the flow"
     phases["gWarpMotion"] = "warp"
     phases["gpu::structureTensors"] = "tensors"
     phases["gDiffusivity"] = "diffusivity"
     phases["gpu::assembleSystem"] = "assembly"
-    phases["gPCG"] = "solver"
+    phases["gpu::solveSystem"] = "solver"
     phases["gNonLinearIteration"] = "fixed-point steps"
   }
   !/^ *[0-9,]+ \( *[0-9.]+%\)  / || /PROGRAM TOTALS/ { next }
