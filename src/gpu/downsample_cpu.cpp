@@ -5,10 +5,44 @@
 
 #include "device/cpu/band.h"
 #include "device/cpu/team.h"
-#include "gpu/footprint_columns.h"
+#include "gpu/pyramid_kernels.h"
 
 namespace gpu {
 namespace {
+
+/// Target pixels that are averaged side by side on the CPU device.
+constexpr int kSide = 64;
+
+/// Footprints of up to kSide neighbouring target columns.
+struct Columns {
+  int first[kSide], last[kSide], partial[kSide];
+  float start[kSide], rest[kSide];
+  int count;  ///< columns in use
+  int most;   ///< samples of the widest footprint
+
+  TARVO_HOST_DEVICE void set(int x0, int outW, int inW) {
+    const float scale = static_cast<float>(inW) / static_cast<float>(outW);
+    count = outW - x0 < kSide ? outW - x0 : kSide;
+    most = 0;
+    for (int k = 0; k < count; ++k) {
+      const kernels::Footprint footprint(x0 + k, scale, inW);
+      first[k] = footprint.first;
+      last[k] = footprint.last;
+      partial[k] = footprint.partial;
+      start[k] = footprint.start(footprint.first);
+      rest[k] = footprint.rest;
+      const int samples = footprint.last - footprint.first + 1;
+      if (samples > most) most = samples;
+    }
+  }
+
+  /// Area of sample `step` of column k's footprint; rowStart and rowEnd are the lengths of its row.
+  TARVO_HOST_DEVICE float area(int k, int step, float rowStart, float rowEnd) const {
+    const float columnStart = step == 0 ? start[k] : 1.0f;
+    const float columnEnd = first[k] + step == partial[k] ? rest[k] : 1.0f;
+    return rowStart * columnStart * rowEnd * columnEnd;
+  }
+};
 
 struct Job {
   const float* in;
