@@ -9,6 +9,7 @@
 
 #include "device/report.h"
 #include "device/stopwatch.h"
+#include "gpu/steps.h"
 #include "gpu/units.h"
 
 namespace gpu {
@@ -61,7 +62,7 @@ void CoarseToFine::allocateMatchPlanes() {
 void CoarseToFine::reserveLevelBuffers() {
   // What the passes at full resolution hold at one time: pictures, warped picture and first derivatives, and
   // single planes for validity, flow and the flow that is being enlarged.
-  constexpr int kPlanes[] = {kChannels, kChannels, kChannels, 3 * kChannels, 1, 1, 1, 1};
+  constexpr int kPlanes[] = {kChannels, kChannels, kChannels, 3 * kChannels, 1, 1, 1, 1, 1};
   device::Buffer buffers[std::size(kPlanes)];
   for (std::size_t k = 0; k < std::size(kPlanes); ++k) {
     TARVO_CALL(buffers[k].allocate(static_cast<std::size_t>(kPlanes[k]) * largest_));
@@ -145,20 +146,21 @@ void CoarseToFine::carryFlow(const Level& level, bool first) {
       setValue_kernel(plane->get(), level.h, level.w, p_, 0.0f);
     }
   } else if (level.index >= 0) {
-    prolongate(level, u_);
-    prolongate(level, v_);
+    prolongate(level);
   }
   flowPitch_ = p_;
 }
 
-void CoarseToFine::prolongate(const Level& level, device::Buffer& plane) {
-  const float factor = 1.0f / weights_.eta;
-  device::Buffer finer;
-  TARVO_CALL(allocatePlanes(finer, level, 1));
-  gInterpolate(finer.get(), level.h, level.w, p_, plane.get(), level.hPrev, level.wPrev, flowPitch_, factor);
-  Scale_kernel(finer.get(), level.h, level.w, p_, factor);
-  TARVO_CALL(plane.release());
-  plane = std::move(finer);
+void CoarseToFine::prolongate(const Level& level) {
+  device::Buffer finerU, finerV;
+  TARVO_CALL(allocatePlanes(finerU, level, 1));
+  TARVO_CALL(allocatePlanes(finerV, level, 1));
+  enlargeFlow(finerU.get(), finerV.get(), level.h, level.w, p_, u_.get(), v_.get(), level.hPrev, level.wPrev,
+              flowPitch_, 1.0f / weights_.eta);
+  TARVO_CALL(u_.release());
+  TARVO_CALL(v_.release());
+  u_ = std::move(finerU);
+  v_ = std::move(finerV);
 }
 
 void CoarseToFine::warp(const Level& level, bool first) {

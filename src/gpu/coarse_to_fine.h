@@ -43,7 +43,7 @@ class CoarseToFine {
   void buildLevel(const Level& level);
   void buildMatches(const Level& level);
   void carryFlow(const Level& level, bool first);
-  void prolongate(const Level& level, device::Buffer& plane);
+  void prolongate(const Level& level);
   void warp(const Level& level, bool first);
   void releasePass();
   void toInputPitch(device::Buffer& plane);

@@ -7,7 +7,9 @@
 #include "device/launch.h"
 #include "device/memory.h"
 #include "gpu/downsample_cpu.h"
+#include "gpu/enlarge_cpu.h"
 #include "gpu/pyramid_kernels.h"
+#include "gpu/steps.h"
 #include "gpu/units.h"
 #include "gpu/warp_cpu.h"
 
@@ -84,6 +86,18 @@ void gInterpolate(float* out, int h, int w, int p, const float* in, int inH, int
   device::synchronize();
   TARVO_LAUNCHED("Inteprolation");
   TARVO_CALL(copy.release());
+}
+
+void gpu::enlargeFlow(float* outU, float* outV, int h, int w, int p, const float* u, const float* v, int inH,
+                      int inW, int inP, float factor) {
+  const kernels::EnlargeFlow kernel{{u, inH, inW, inP}, {v, inH, inW, inP}, outU, outV, h, w, p, factor};
+  if (device::onCuda()) {
+    launch(kernel);
+  } else {
+    launchCpuForm([&] { enlargeOnCpu(kernel); });
+  }
+  device::synchronize();
+  TARVO_LAUNCHED("Inteprolation");
 }
 
 void gWarpMotion(float* out, const float* u, const float* v, const float* src, const float* fallback,

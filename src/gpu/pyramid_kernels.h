@@ -113,6 +113,21 @@ struct interpolate_kernel {
 /// The same computation under the name of its filtered variant.
 struct interpolateWithFilter_kernel : interpolate_kernel {};
 
+/// A flow carried to a finer grid: interpolate_kernel on both components, then Scale_kernel with the factor.
+struct EnlargeFlow {
+  device::View u, v;  // of one size
+  float *outU, *outV;
+  int h, w, p;
+  float factor;
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const float px = static_cast<float>(x) / factor;
+    const float py = static_cast<float>(y) / factor;
+    outU[y * p + x] = u.bilinear(px, py) * factor;
+    outV[y * p + x] = v.bilinear(px, py) * factor;
+  }
+};
+
 /// Backward warp of Channels stacked planes by (u, v), with validity.
 template <int Channels>
 struct warp_motion_kernels {

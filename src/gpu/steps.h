@@ -1,10 +1,17 @@
 #pragma once
 
+#include <tarvo/export.h>
 #include <tarvo/variational.h>
 
 namespace gpu {
 
-// Steps of the fixed-point iteration that do the work of several exported kernels in one visit of each pixel.
+// Steps of a pass that do the work of several exported kernels in one visit of each pixel.
+
+/// The flow (u, v) of inH x inW, pitch inP, on the finer grid of out: as gInterpolate on both components,
+/// then Scale_kernel with the factor. The planes must not overlap. Exported because the tests hold it against
+/// them.
+TARVO_API void enlargeFlow(float* outU, float* outV, int h, int w, int p, const float* u, const float* v,
+                           int inH, int inW, int inP, float factor);
 
 /// Both tensors of the level, fp.stData and fp.stGrad, set rather than added to: as MakeST on cleared
 /// tensors.

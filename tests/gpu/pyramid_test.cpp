@@ -6,6 +6,7 @@
 #include "gpu/match_levels.h"
 #include "gpu/picture_levels.h"
 #include "gpu/pyramid_kernels.h"
+#include "gpu/steps.h"
 #include "reference/pyramid_reference.h"
 #include "support/device_planes.h"
 #include "support/library_state.h"
@@ -220,6 +221,43 @@ TEST(Interpolate, VariantThatNothingLaunchesGivesTheSame) {
     for (int x = 0; x < 13; ++x) kernel(x, y);
   }
   EXPECT_TRUE(exact(out, interpolated(in, {11, 13}, 1.25f)));
+}
+
+TEST(Interpolate, OfAFlowIsThatOfItsPlanesScaled) {
+  const KeepThreads keep;
+  for (const Resampling& r : kShrinkings) {  // the other way round
+    SCOPED_TRACE(testing::Message() << r.to.w << " x " << r.to.h << " to " << r.from.w << " x " << r.from.h);
+    Planes in = randomPlanes(r.to.h, r.to.w, 2, 23, -50.0f, 50.0f);
+    in.at(r.to.w / 2, r.to.h / 2, 0) = kNan;
+    in.at(r.to.w - 1, r.to.h / 3, 1) = std::numeric_limits<float>::infinity();
+    const int h = r.from.h, w = r.from.w;
+    for (const float factor : {1.0f / 0.95f, 2.0f, 3.7f}) {
+      Planes expected(h, w, 2), plainly(h, w, 2);
+      for (int k = 0; k < 2; ++k) {
+        Planes plane = interpolated(in.plane(k), r.from, factor);
+        for (float& value : plane.values) value *= factor;
+        std::copy(plane.values.begin(), plane.values.end(), &expected.at(0, 0, k));
+      }
+      const kernels::EnlargeFlow kernel{{in.data(), in.h, in.w, in.w},
+                                        {&in.at(0, 0, 1), in.h, in.w, in.w},
+                                        plainly.data(),
+                                        &plainly.at(0, 0, 1),
+                                        h,
+                                        w,
+                                        w,
+                                        factor};
+      for (int i = 0; i < h * w; ++i) kernel(i % w, i / w);
+      ASSERT_TRUE(exact(plainly, expected)) << "in one launch";
+      const DevicePlanes source(in), target(h, w, 2, 2);
+      for (const int threads : {1, 3}) {
+        NDevice::threads(threads);
+        gpu::enlargeFlow(target.get(), target.plane(1), h, w, target.p(), source.get(), source.plane(1), in.h,
+                         in.w, source.p(), factor);
+        EXPECT_TRUE(target.intact());
+        ASSERT_TRUE(exact(target.values(), expected)) << threads << " threads";
+      }
+    }
+  }
 }
 
 TEST(Warp, AgreesWithTheReference) {
