@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <vector>
 
 #include "device/report.h"
 #include "device/stopwatch.h"
@@ -33,6 +34,16 @@ std::size_t largestPlane(const FlowInput& input, float eta, int levels) {
   return largest;
 }
 
+/// Sizes of the passes above full resolution, the coarsest first.
+std::vector<PictureLevels::Size> pictureSizes(const FlowInput& input, float eta, int levels) {
+  std::vector<PictureLevels::Size> sizes;
+  for (int index = levels; index > 0; --index) {
+    const Level level = levelOf(index, input.height, input.width, eta);
+    if (!level.skipped) sizes.push_back({level.h, level.w, pitchOf(level, input)});
+  }
+  return sizes;
+}
+
 /// The fixed-point step takes its read-only planes as plain pointers.
 float* readOnly(const float* plane) {
   return const_cast<float*>(plane);
@@ -46,7 +57,8 @@ CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
       levels_(levelsAbove(input.height, input.width, weights.eta)),
       largest_(largestPlane(input, weights.eta, levels_)),
       scratch_((allocateMatchPlanes(), largest_)),
-      pictures_(input.image1, input.image2, input.height, input.width, input.pitch),
+      pictures_(input.image1, input.image2, input.height, input.width, input.pitch,
+                pictureSizes(input, weights.eta, levels_)),
       matches_({input.matchU, input.matchV, input.matchWeight}, input.height, input.width, input.pitch) {
   reserveLevelBuffers();
 }
@@ -60,9 +72,9 @@ void CoarseToFine::allocateMatchPlanes() {
 }
 
 void CoarseToFine::reserveLevelBuffers() {
-  // What the passes at full resolution hold at one time: pictures, warped picture and first derivatives, and
-  // single planes for validity, flow and the flow that is being enlarged.
-  constexpr int kPlanes[] = {kChannels, kChannels, kChannels, 3 * kChannels, 1, 1, 1, 1, 1};
+  // What the passes at full resolution hold at one time: warped picture and first derivatives, and single
+  // planes for validity, flow and the flow that is being enlarged.
+  constexpr int kPlanes[] = {kChannels, 3 * kChannels, 1, 1, 1, 1, 1};
   device::Buffer buffers[std::size(kPlanes)];
   for (std::size_t k = 0; k < std::size(kPlanes); ++k) {
     TARVO_CALL(buffers[k].allocate(static_cast<std::size_t>(kPlanes[k]) * largest_));
@@ -106,11 +118,9 @@ void CoarseToFine::runPass(const Level& level) {
 void CoarseToFine::buildLevel(const Level& level) {
   auto down = TARVO_STOPWATCH(down);
   if (level.index > 0) {
-    TARVO_CALL(allocatePlanes(level1_, level, kChannels));
-    TARVO_CALL(allocatePlanes(level2_, level, kChannels));
-    pictures_.build(level1_.get(), level2_.get(), level.h, level.w, p_);
-    image1_ = level1_.get();
-    image2_ = level2_.get();
+    const PictureLevels::Pictures pictures = pictures_.next();
+    image1_ = pictures.first;
+    image2_ = pictures.second;
   } else {
     image1_ = input_.image1;
     image2_ = input_.image2;
@@ -179,7 +189,7 @@ void CoarseToFine::warp(const Level& level, bool first) {
 }
 
 void CoarseToFine::releasePass() {
-  for (device::Buffer* buffer : {&level1_, &level2_, &gconf_, &warped_}) TARVO_CALL(buffer->release());
+  for (device::Buffer* buffer : {&gconf_, &warped_}) TARVO_CALL(buffer->release());
 }
 
 void CoarseToFine::finish(float** u, float** v) {

@@ -61,7 +61,7 @@ class CoarseToFine {
 
   // The current pass. Pictures point to the level's own buffers or, at full resolution, to the input.
   int p_ = 0;
-  device::Buffer level1_, level2_, gconf_, warped_;
+  device::Buffer gconf_, warped_;
   const float *image1_ = nullptr, *image2_ = nullptr, *second_ = nullptr;
   const float *levelU_ = nullptr, *levelV_ = nullptr, *levelWeight_ = nullptr;  // null: no matches
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 #include <numeric>
+#include <utility>
 #include <vector>
 
 #include "device/cpu/launch.h"
@@ -12,11 +13,12 @@
 #include "gpu/pyramid_kernels.h"
 #include "gpu/units.h"
 
-// One pass over the pictures for all six planes: a sample is a vector of lanes, one for each plane, so that
-// its area is computed once and nothing is gathered. Four target pixels with footprints of equal width are
-// summed side by side in registers; within a row of a footprint all samples but the first and the last have
-// the same area. Per source pixel and level 24 bytes are read and about (r + 1)^2 / r^2 fused steps of all
-// lanes done, r the ratio of the sizes.
+// One pass over the pictures for all six planes and all levels of a batch: a strip of the source that fits
+// into a core's cache is averaged for one level after the other. A sample is a vector of lanes, one for each
+// plane, so that its area is computed once and nothing is gathered. Four target pixels with footprints of
+// equal width are summed side by side in registers; within a row of a footprint all samples but the first and
+// the last have the same area. Per source pixel and level 24 bytes are read and about (r + 1)^2 / r^2 fused
+// steps of all lanes done, r the ratio of the sizes.
 
 namespace gpu {
 namespace {
@@ -27,12 +29,12 @@ constexpr int kChannels = 3;  // of a picture
 constexpr int kPlanes = 2 * kChannels;
 constexpr int kLanes = 8;  // of a vector: the planes of a pixel, and two that read beyond it and mean nothing
 
-struct Pictures {
+struct SourcePlanes {
   const float* planes[kPlanes];
   int h, w, p;
 };
 
-TARVO_BAND void interleaveBand(Pictures in, float* out, int y0, int y1) {
+TARVO_BAND void interleaveBand(SourcePlanes in, float* out, int y0, int y1) {
   for (int y = y0; y < y1; ++y) {
     float* row = out + static_cast<long>(y) * in.w * kPlanes;
     for (int plane = 0; plane < kPlanes; ++plane) {
@@ -126,12 +128,15 @@ TARVO_HOST void addRow(const Group& group, const float* row, float rowStart, flo
   for (int k = 0; k < kGroup; ++k) sums[k].add(end[k], row + group.first[k] + last);
 }
 
-/// Target rows y0 ... y1 - 1; line is scratch of kLanes floats for every column.
+/// The target rows whose footprints begin in the source rows y0 ... y1 - 1; line is scratch of kLanes floats
+/// for every column.
 TARVO_BAND void averageBand(Job job, float* line, int y0, int y1) {
   const float sx = static_cast<float>(job.inW) / static_cast<float>(job.outW);
   const float sy = static_cast<float>(job.inH) / static_cast<float>(job.outH);
-  for (int y = y0; y < y1; ++y) {
+  for (int y = std::max(0, static_cast<int>(static_cast<float>(y0) / sy) - 1); y < job.outH; ++y) {
     const kernels::Footprint rows(y, sy, job.inH);
+    if (rows.first < y0) continue;
+    if (rows.first >= y1) break;
     for (std::ptrdiff_t n = 0; n < job.groupCount; ++n) {
       const Group& group = job.groups[n];
       Sums sums[kGroup] = {};
@@ -148,14 +153,32 @@ TARVO_BAND void averageBand(Job job, float* line, int y0, int y1) {
   }
 }
 
+/// The rows y0 ... y1 - 1 of the source for all levels, strip by strip.
+void averageStrips(const std::vector<Job>& jobs, float* line, int y0, int y1) {
+  constexpr int kStripFloats = 32768;  // 128 KiB
+  const int rows = std::max(1, kStripFloats / (jobs.front().inW * kPlanes));
+  for (int y = y0; y < y1; y += rows) {
+    for (const Job& job : jobs) averageBand(job, line, y, std::min(y1, y + rows));
+  }
+}
+
 }  // namespace
 
-PictureLevels::PictureLevels(const float* image1, const float* image2, int h, int w, int p)
-    : image1_(image1), image2_(image2), h_(h), w_(w), p_(p) {
+PictureLevels::PictureLevels(const float* image1, const float* image2, int h, int w, int p,
+                             std::vector<Size> levels)
+    : image1_(image1), image2_(image2), h_(h), w_(w), p_(p), levels_(std::move(levels)) {
+  std::size_t largest = 0;
+  for (first_ = 0; first_ < levels_.size(); first_ = end_) {
+    end_ = batchEnd(first_);
+    largest = std::max(largest, offsetOf(end_, 0));
+  }
+  first_ = end_ = 0;
+  if (largest == 0) return;
+  TARVO_CALL(batch_.allocate(largest));
   if (device::onCuda()) return;
   constexpr int kBeyond = kLanes - kPlanes;  // floats read behind the last pixel
   TARVO_CALL(interleaved_.allocate(device::planeFloats(h, w, kPlanes) + kBeyond));
-  Pictures pictures{{}, h, w, p};
+  SourcePlanes pictures{{}, h, w, p};
   for (int c = 0; c < kChannels; ++c) {
     pictures.planes[c] = image1 + device::planeFloats(h, p, c);
     pictures.planes[kChannels + c] = image2 + device::planeFloats(h, p, c);
@@ -166,47 +189,106 @@ PictureLevels::PictureLevels(const float* image1, const float* image2, int h, in
   });
 }
 
-void PictureLevels::build(float* out1, float* out2, int outH, int outW, int outP) const {
-  if (device::onCuda()) {
-    launch(kernels::DownsamplePictures{image1_, image2_, h_, w_, p_, out1, out2, outH, outW, outP,
-                                       kPlanes * outH});
+std::size_t PictureLevels::batchEnd(std::size_t first) const {
+  // As many as have half the pixels of the source: then a batch that the caches lose before it is used costs
+  // no more than the reading of the source that it saves.
+  const long most = static_cast<long>(h_) * w_ / 2;
+  long pixels = 0;
+  std::size_t end = first;
+  while (end < levels_.size()) {
+    pixels += static_cast<long>(levels_[end].h) * levels_[end].w;
+    if (end > first && pixels > most) break;
+    ++end;
+  }
+  return end;
+}
+
+std::size_t PictureLevels::offsetOf(std::size_t index, int picture) const {
+  constexpr std::size_t kApart =
+      16 * 17;  // an odd number of cache lines, so that stacks start at different sets
+  const auto stack = [](const Size& level) {
+    return device::planeFloats(level.h, level.p, kChannels) + kApart;
+  };
+  std::size_t offset = 0;
+  for (std::size_t k = first_; k < index; ++k) offset += 2 * stack(levels_[k]);
+  return picture == 0 ? offset : offset + stack(levels_[index]);
+}
+
+PictureLevels::Pictures PictureLevels::next() {
+  const std::size_t index = next_++;
+  if (index == end_) {
+    first_ = index;
+    end_ = batchEnd(index);
+    build();
+  }
+  return {batch_.get() + offsetOf(index, 0), batch_.get() + offsetOf(index, 1)};
+}
+
+void PictureLevels::build() {
+  if (!device::onCuda()) {
+    launchCpuForm([&] { buildOnCpu(); });
     return;
   }
-  const std::vector<Group> groups = groupColumns(outW, w_);
-  Job job{interleaved_.get(),
-          h_,
-          w_,
-          {},
-          outH,
-          outW,
-          outP,
-          groups.data(),
-          static_cast<std::ptrdiff_t>(groups.size())};
-  for (int c = 0; c < kChannels; ++c) {
-    job.out[c] = out1 + device::planeFloats(outH, outP, c);
-    job.out[kChannels + c] = out2 + device::planeFloats(outH, outP, c);
+  for (std::size_t k = first_; k < end_; ++k) {
+    const Size& level = levels_[k];
+    launch(kernels::DownsamplePictures{image1_, image2_, h_, w_, p_, batch_.get() + offsetOf(k, 0),
+                                       batch_.get() + offsetOf(k, 1), level.h, level.w, level.p,
+                                       kPlanes * level.h});
   }
-  // The work is that of the source's pixels: a target row counts as its share of them.
-  const int share = static_cast<int>(std::min(static_cast<long>(h_) * w_ / outH + 1, 1L << 30));
+}
+
+void PictureLevels::buildOnCpu() {
+  std::vector<std::vector<Group>> groups;
+  std::vector<Job> jobs;
+  int widest = 0;
+  for (std::size_t k = first_; k < end_; ++k) {
+    const Size& level = levels_[k];
+    groups.push_back(groupColumns(level.w, w_));
+    jobs.push_back({interleaved_.get(),
+                    h_,
+                    w_,
+                    {},
+                    level.h,
+                    level.w,
+                    level.p,
+                    groups.back().data(),
+                    static_cast<std::ptrdiff_t>(groups.back().size())});
+    for (int plane = 0; plane < kPlanes; ++plane) {
+      jobs.back().out[plane] = batch_.get() + offsetOf(k, plane / kChannels) +
+                               device::planeFloats(level.h, level.p, plane % kChannels);
+    }
+    widest = std::max(widest, level.w);
+  }
+  // A row of the source is averaged for every level.
+  const int share =
+      static_cast<int>(std::min<std::size_t>(static_cast<std::size_t>(w_) * jobs.size(), 1U << 30U));
   // A line of scratch for every band, since a band must not allocate.
-  const int rows = device::cpu::rowsPerChunk(outH, share);
-  const std::ptrdiff_t line = static_cast<std::ptrdiff_t>(outW) * kLanes;
-  std::vector<float> lines(static_cast<std::size_t>((outH + rows - 1) / rows * line));
-  launchCpuForm([&] {
-    device::cpu::forBands(outH, share,
-                          [&](int y0, int y1) { averageBand(job, lines.data() + y0 / rows * line, y0, y1); });
-  });
+  const int rows = device::cpu::rowsPerChunk(h_, share);
+  const std::ptrdiff_t line = static_cast<std::ptrdiff_t>(widest) * kLanes;
+  std::vector<float> lines(static_cast<std::size_t>((h_ + rows - 1) / rows * line));
+  device::cpu::forBands(
+      h_, share, [&](int y0, int y1) { averageStrips(jobs, lines.data() + y0 / rows * line, y0, y1); });
 }
 
 void PictureLevels::release() {
   TARVO_CALL(interleaved_.release());
+  TARVO_CALL(batch_.release());
 }
 
-void averagePictures(const float* image1, const float* image2, int h, int w, int p, float* out1, float* out2,
-                     int outH, int outW, int outP) {
-  PictureLevels levels(image1, image2, h, w, p);
-  levels.build(out1, out2, outH, outW, outP);
-  levels.release();
+void averagePictures(const float* image1, const float* image2, int h, int w, int p,
+                     const std::vector<PictureLevels::Size>& levels, const std::vector<float*>& out) {
+  PictureLevels pyramid(image1, image2, h, w, p, levels);
+  for (std::size_t k = 0; k < levels.size(); ++k) {
+    const PictureLevels::Size& level = levels[k];
+    const PictureLevels::Pictures pictures = pyramid.next();
+    const auto copy = [&](float* to, const float* from) {
+      TARVO_CALL(device::copyPlanes(to, level.p, from, level.p, level.h, level.w, kChannels,
+                                    device::Direction::OnDevice));
+    };
+    copy(out[k], pictures.first);
+    copy(out[k] + device::planeFloats(level.h, level.p, kChannels), pictures.second);
+  }
+  pyramid.release();
 }
 
 }  // namespace gpu

@@ -2,6 +2,8 @@
 #include <tarvo/pyramid.h>
 
 #include <limits>
+#include <memory>
+#include <vector>
 
 #include "gpu/match_levels.h"
 #include "gpu/picture_levels.h"
@@ -39,6 +41,26 @@ Planes shrunk(const Planes& in, Size to, const Planes* weight) {
   }
   EXPECT_TRUE(target.intact());
   return target.values();
+}
+
+/// The levels of a pyramid of the two pictures in the six planes of `in`.
+std::vector<Planes> levelsOf(const Planes& in, const std::vector<Size>& sizes) {
+  const DevicePlanes source(in);
+  std::vector<std::unique_ptr<DevicePlanes>> targets;
+  std::vector<gpu::PictureLevels::Size> levels;
+  std::vector<float*> out;
+  for (const Size& size : sizes) {
+    targets.push_back(std::make_unique<DevicePlanes>(size.h, size.w, 6, 2));
+    levels.push_back({size.h, size.w, targets.back()->p()});
+    out.push_back(targets.back()->get());
+  }
+  gpu::averagePictures(source.get(), source.plane(3), in.h, in.w, source.p(), levels, out);
+  std::vector<Planes> result;
+  for (const auto& target : targets) {
+    EXPECT_TRUE(target->intact());
+    result.push_back(target->values());
+  }
+  return result;
 }
 
 Planes interpolated(const Planes& in, Size to, float factor) {
@@ -91,13 +113,27 @@ TEST(Downsample, OfWholePicturesIsThatOfTheirPlanes) {
         6 * r.to.h};
     for (int i = 0; i < 6 * r.to.h * r.to.w; ++i) kernel(i % r.to.w, i / r.to.w);
     ASSERT_TRUE(exact(plainly, expected)) << "in one launch";
-    const DevicePlanes source(in), target(r.to.h, r.to.w, 6, 2);
     for (const int threads : {1, 3}) {
       NDevice::threads(threads);
-      gpu::averagePictures(source.get(), source.plane(3), in.h, in.w, source.p(), target.get(),
-                           target.plane(3), r.to.h, r.to.w, target.p());
-      EXPECT_TRUE(target.intact());
-      ASSERT_TRUE(exact(target.values(), expected)) << threads << " threads";
+      ASSERT_TRUE(exact(levelsOf(in, {r.to})[0], expected)) << threads << " threads";
+    }
+  }
+}
+
+TEST(Downsample, OfSeveralLevelsIsThatOfEach) {
+  // Batches of several levels, of one, a size twice, and one larger than the source.
+  const std::vector<Size> sizes{{3, 4},   {16, 21}, {16, 22},  {17, 22},   {33, 44},
+                                {60, 81}, {60, 81}, {90, 100}, {130, 150}, {118, 158}};
+  const KeepThreads keep;
+  const Planes in = randomPlanes(120, 161, 6, 6, -100.0f, 100.0f);
+  for (const int threads : {1, 3}) {
+    NDevice::threads(threads);
+    const std::vector<Planes> levels = levelsOf(in, sizes);
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+      SCOPED_TRACE(testing::Message() << sizes[i].w << " x " << sizes[i].h << ", " << threads << " threads");
+      for (int k = 0; k < 6; ++k) {
+        ASSERT_TRUE(exact(levels[i].plane(k), shrunk(in.plane(k), sizes[i], nullptr)));
+      }
     }
   }
 }
