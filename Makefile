@@ -13,7 +13,7 @@ SETUP ?= scripts/setup.sh
 CONFIGURE = cmake -DTARVO_WERROR=$(WERROR) $(CMAKE_ARGS) --preset
 CTEST = ctest -j$(JOBS) --preset
 
-.PHONY: all help setup build demo test sanitize bench format check-format lint layers install-check gpu-check clean
+.PHONY: all help setup build demo test sanitize emulated bench format check-format lint layers install-check gpu-check clean
 .NOTPARALLEL:
 
 all: build
@@ -23,6 +23,7 @@ help:
 	@echo 'make test           set-up, build, tests'
 	@echo 'make bench          set-up, build, benchmarks; results in build/bench'
 	@echo 'make sanitize       set-up, tests with address and undefined-behaviour sanitizers'
+	@echo 'make emulated       set-up, tests of the CUDA device, its kernels run by the CPU'
 	@echo 'make format         format the sources      make check-format   say which are not'
 	@echo 'make lint           clang-tidy and the check that inner loops are vectorised'
 	@echo 'make layers         check which part of the sources includes which'
@@ -47,6 +48,11 @@ sanitize: setup
 	$(CONFIGURE) sanitize
 	cmake --build --preset sanitize
 	$(CTEST) sanitize
+
+emulated: setup
+	$(CONFIGURE) emulated
+	cmake --build --preset emulated
+	$(CTEST) emulated
 
 bench: setup
 	@scripts/bench.sh $(CMAKE_ARGS)

@@ -1,6 +1,9 @@
-# Decides whether the CUDA device is built in: sets TARVO_WITH_CUDA and enables the CUDA language.
+# Decides whether the CUDA device is built in: sets TARVO_WITH_CUDA and enables the CUDA language. EMULATED builds it
+# with the C++ compiler and tests/emulation in place of the CUDA runtime: for tests alone.
 set(TARVO_WITH_CUDA OFF)
-if(NOT TARVO_CUDA STREQUAL "OFF")
+if(TARVO_CUDA STREQUAL "EMULATED")
+  set(TARVO_WITH_CUDA ON)
+elseif(NOT TARVO_CUDA STREQUAL "OFF")
   include(CheckLanguage)
   check_language(CUDA)
   if(CMAKE_CUDA_COMPILER)

@@ -123,8 +123,8 @@ inline void launchSolve(kernels::PersistentSolve solve) {
   const int segments = solve.h * device::segmentsPerRow(solve.w);
   const int blocks = std::min((segments + kWarps - 1) / kWarps, mostBlocks());
   void* arguments[] = {&solve};
-  cudaLaunchCooperativeKernel(reinterpret_cast<const void*>(persistentSolveKernel),
-                              dim3(static_cast<unsigned>(blocks)), dim3(kThreads), arguments, 0, nullptr);
+  cudaLaunchCooperativeKernel(persistentSolveKernel, dim3(static_cast<unsigned>(blocks)), dim3(kThreads),
+                              arguments);
 }
 
 }  // namespace gpu::cuda

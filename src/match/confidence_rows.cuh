@@ -4,6 +4,8 @@
 
 #ifdef __CUDACC__  // nothing for other compilers
 
+#include "device/cuda/start.cuh"
+
 namespace match {
 
 /// Row sums: one block of kRowLanes threads per row, kRowLanes shared floats; thread 0 writes the result.
@@ -24,7 +26,8 @@ static __global__ void __launch_bounds__(kRowLanes)
 }
 
 inline void sumRowsOnCuda(const float* plane, float* rowSums, int h, int w, int p) {
-  if (h > 0) sumRowsKernel<<<static_cast<unsigned>(h), kRowLanes>>>(plane, rowSums, w, p);
+  if (h <= 0) return;
+  device::cuda::start(sumRowsKernel, dim3(static_cast<unsigned>(h)), dim3(kRowLanes), plane, rowSums, w, p);
 }
 
 }  // namespace match

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <cuda_runtime.h>
-
 #include "match/match_kernels.h"
 
 #ifdef __CUDACC__  // nothing for other compilers
+
+#include "device/cuda/start.cuh"
 
 namespace match::cuda {
 
@@ -62,7 +62,9 @@ static __global__ void __launch_bounds__(kThreads) matchKernel(const kernels::HO
 }
 
 inline void launchMatch(const kernels::HOGMatch_kernel& m) {
-  if (m.outW > 0) matchKernel<<<static_cast<unsigned>(m.outW), kThreads>>>(m);
+  if (m.outW > 0) {
+    device::cuda::start(matchKernel, dim3(static_cast<unsigned>(m.outW)), dim3(kThreads), m);
+  }
 }
 
 }  // namespace match::cuda

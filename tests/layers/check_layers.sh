@@ -21,8 +21,9 @@ files=$(mktemp)
 trap 'rm -f "$files"' EXIT
 for folder in include src tools bench examples tests; do
   if [ -d "$folder" ]; then
-    # The install consumers are projects of their own, without a place among the rooms.
-    find "$folder" -type f ! -path 'tests/install/*' \
+    # The install consumers are projects of their own, without a place among the rooms; the emulation stands for
+    # the CUDA runtime.
+    find "$folder" -type f ! -path 'tests/install/*' ! -path 'tests/emulation/*' \
       \( -name '*.h' -o -name '*.cpp' -o -name '*.cu' -o -name '*.cuh' -o -name '*.inc' \)
   fi
 done | LC_ALL=C sort >"$files"

@@ -314,6 +314,8 @@ TEST(HogField, FailuresAreReportedAndLeaveNothingBehind) {
   const auto run = [&] { gComputeHOG(in.get(), hog.get(), 3, 15, 21, 37, in.p()); };
   run();
   const std::size_t before = NDevice::memoryUse().inUse;
+  // The CPU's form is one launch under the last label of what it replaces.
+  const char* const label = NDevice::kind() == "cpu" ? "box filter only" : "compute hog only";
   bool labelled = false;
   for (long n = 1;; ++n) {
     NDevice::failCall(n);
@@ -321,7 +323,7 @@ TEST(HogField, FailuresAreReportedAndLeaveNothingBehind) {
       run();
       break;
     } catch (const DeviceFailure& failure) {
-      labelled = labelled || std::string(failure.what()).find("box filter only") != std::string::npos;
+      labelled = labelled || std::string(failure.what()).find(label) != std::string::npos;
       EXPECT_EQ(NDevice::memoryUse().inUse, before) << failure.what();
     }
   }

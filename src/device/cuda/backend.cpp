@@ -1,8 +1,8 @@
 #include "device/backend.h"
 
-#include <cuda_runtime.h>
-
 #include <string>
+
+#include "device/cuda/start.cuh"
 
 namespace device {
 namespace {
@@ -28,6 +28,8 @@ Code copyRows(void* to, std::size_t toPitch, const void* from, std::size_t fromP
   const cudaMemcpyKind kind = direction == Direction::ToDevice ? cudaMemcpyHostToDevice
                               : direction == Direction::ToHost ? cudaMemcpyDeviceToHost
                                                                : cudaMemcpyDeviceToDevice;
+  if (width > toPitch || width > fromPitch)
+    return kInvalidValue;  // of a single row the runtime asks no pitch
   if (rows == 1) return cudaMemcpy(to, from, width, kind);
   return cudaMemcpy2D(to, toPitch, from, fromPitch, width, rows, kind);
 }
@@ -69,7 +71,7 @@ cudaError_t tryDevice() {
   int value = 0;
   cudaError_t error = cudaMalloc(&out, sizeof(int));
   if (error != cudaSuccess) return error;
-  trialKernel<<<1, 1>>>(out);
+  cuda::start(trialKernel, dim3(1), dim3(1), out);
   error = cudaGetLastError();
   if (error == cudaSuccess) error = cudaMemcpy(&value, out, sizeof(int), cudaMemcpyDeviceToHost);
   const cudaError_t freed = cudaFree(out);

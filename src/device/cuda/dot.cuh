@@ -1,5 +1,6 @@
 #pragma once
 
+#include "device/cuda/start.cuh"
 #include "device/dot.h"
 
 namespace device::cuda {
@@ -42,9 +43,9 @@ static __global__ void __launch_bounds__(kFinalLanes)
 inline void dot(const float* a, const float* b, int h, int w, int p, float* sums, float* result) {
   constexpr unsigned kWarps = 8;
   const int n = h * segmentsPerRow(w);
-  dotSegmentsKernel<<<(static_cast<unsigned>(n) + kWarps - 1) / kWarps, kWarps * kLanes>>>(a, b, h, w, p,
-                                                                                           sums);
-  dotFinalKernel<<<1, kFinalLanes>>>(sums, n, result);
+  const unsigned blocks = (static_cast<unsigned>(n) + kWarps - 1) / kWarps;
+  start(dotSegmentsKernel, dim3(blocks), dim3(kWarps * kLanes), a, b, h, w, p, sums);
+  start(dotFinalKernel, dim3(1), dim3(kFinalLanes), sums, n, result);
 }
 
 }  // namespace device::cuda

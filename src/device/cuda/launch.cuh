@@ -1,7 +1,6 @@
 #pragma once
 
-#include <cuda_runtime.h>
-
+#include "device/cuda/start.cuh"
 #include "device/kernel.h"
 
 namespace device::cuda {
@@ -25,7 +24,7 @@ void launchPlane(const Kernel& kernel) {
   const dim3 block(kBlockX, kBlockY);
   const dim3 grid((static_cast<unsigned>(w) + kBlockX - 1) / kBlockX,
                   (static_cast<unsigned>(h) + kBlockY - 1) / kBlockY);
-  planeKernel<<<grid, block>>>(kernel);
+  start(planeKernel<Kernel>, grid, block, kernel);
 }
 
 }  // namespace device::cuda
