@@ -128,12 +128,14 @@ void MatchLevels::buildOnCpu(float* u, float* v, float* weight, int outH, int ou
   });
   const MatchAverage average{matches_.data(), rows_.data(), shares.data(), reach.data(), h_,
                              {u, v, weight},  outH,         outW,          outP,         scale};
+  // A match costs about as much as eight target pixels: a row counts with its share of them.
+  const int share = outW + static_cast<int>(8 * matches_.size() / static_cast<std::size_t>(outH));
   // Scratch of a row for every band, since a band must not throw.
-  const int rows = device::cpu::rowsPerChunk(outH, outW);
+  const int rows = device::cpu::rowsPerChunk(outH, share);
   const std::ptrdiff_t scratch = static_cast<std::ptrdiff_t>(outW) * MatchAverage::kSums;
   std::vector<float> sums(static_cast<std::size_t>((outH + rows - 1) / rows * scratch));
   device::cpu::forBands(
-      outH, outW, [&](int y0, int y1) { averageBand(average, sums.data() + y0 / rows * scratch, y0, y1); });
+      outH, share, [&](int y0, int y1) { averageBand(average, sums.data() + y0 / rows * scratch, y0, y1); });
 }
 
 void averageMatches(const MatchField& field, int h, int w, int p, float* u, float* v, float* weight, int outH,
