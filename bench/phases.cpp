@@ -98,18 +98,18 @@ Work matching(int width, int height, const NMatching::Counts& counts) {
 
 // In every pass.
 
-/// Levels above full resolution, per pixel of the full picture: pictures 6 and match field 3 in, their shrunk
-/// planes out. A sample is multiplied with its area (3 for the area, 2), a match sample with area and weight
-/// (3 + 4); a target pixel takes a division per plane. The passes after the last level clear one plane.
+/// Levels above full resolution, per pixel of the full picture: pictures 6 and match field 3 in, once for all
+/// levels, their shrunk planes out. A sample is multiplied with its area (3 for the area, 2), a match sample
+/// with area and weight (3 + 4); a target pixel takes a division per plane.
 Work pyramid(int width, int height, const std::vector<Pass>& passes) {
   Work work;
   const double pixels = static_cast<double>(width) * height;
+  double in = 9;
   for (const Pass& pass : passes) {
+    if (pass.index <= 0) continue;
     const double share = pass.pixels() / pixels;
-    if (pass.index > 0)
-      work.add(pixels, 9 + 9 * share, 6 * 5 + 3 * 7 + 9 * share, 0, 9 + 9 * share);
-    else if (pass.index < 0)
-      work.add(pixels, 1, 0, 0, 1);
+    work.add(pixels, in + 9 * share, 6 * 5 + 3 * 7 + 9 * share, 0, 9 + 9 * share);
+    in = 0;
   }
   return work;
 }
