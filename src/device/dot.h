@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
@@ -71,14 +72,17 @@ TARVO_HOST void dotRow(const float* a1, const float* b1, const float* a2, const 
   sumRow(w, sums, DotRow{a1, b1, a2, b2});
 }
 
-/// The final sum of n segment sums.
+/// The final sum of n segment sums. Lanes that no sum falls to hold 0 and would change nothing.
 inline float sumSegments(const float* sums, int n) {
-  float lanes[kFinalLanes] = {};
+  int width = 1;
+  while (width < n && width < kFinalLanes) width *= 2;
+  float lanes[kFinalLanes];
+  std::fill(lanes, lanes + width, 0.0f);
   for (int start = 0; start < n; start += kFinalLanes) {
     const int count = n - start < kFinalLanes ? n - start : kFinalLanes;
     for (int j = 0; j < count; ++j) lanes[j] += sums[start + j];
   }
-  for (int half = kFinalLanes / 2; half > 0; half /= 2) {
+  for (int half = width / 2; half > 0; half /= 2) {
     for (int j = 0; j < half; ++j) lanes[j] += lanes[j + half];
   }
   return lanes[0];
