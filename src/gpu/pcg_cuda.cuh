@@ -58,24 +58,24 @@ class GridThreads {
   }
 
   /// The sum of all segment sums, the same bits in every thread: device::kFinalLanes lanes, four to a thread,
-  /// added by halving.
+  /// added by halving. The first two halvings are within a thread; every warp does the others for itself,
+  /// three of them from shared memory, five by shuffles, so that the block waits only twice.
   __device__ float total(const float* sums) {
-    constexpr int kPerThread = device::kFinalLanes / kThreads;
-    static_assert(kPerThread == 4, "the first two halvings are within a thread");
+    static_assert(kThreads == 256 && device::kFinalLanes == 4 * kThreads, "the halvings are written out");
     const int t = static_cast<int>(threadIdx.x);
-    float lanes[kPerThread];
-    for (int j = 0; j < kPerThread; ++j) {
+    float lanes[4];
+    for (int j = 0; j < 4; ++j) {
       lanes[j] = 0.0f;
       for (int i = t + j * kThreads; i < segmentCount_; i += device::kFinalLanes) lanes[j] += sums[i];
     }
     shared_[t] = (lanes[0] + lanes[2]) + (lanes[1] + lanes[3]);
     __syncthreads();
-    for (int half = kThreads / 2; half > 0; half /= 2) {
-      if (t < half) shared_[t] += shared_[t + half];
-      __syncthreads();
-    }
-    const float sum = shared_[0];
-    __syncthreads();  // the next total overwrites it
+    const float* from = shared_ + t % device::kLanes;
+    float sum =
+        ((from[0] + from[128]) + (from[64] + from[192])) + ((from[32] + from[160]) + (from[96] + from[224]));
+    for (int half = device::kLanes / 2; half > 0; half /= 2) sum += __shfl_down_sync(0xffffffffu, sum, half);
+    sum = __shfl_sync(0xffffffffu, sum, 0);
+    __syncthreads();  // the next total overwrites what other warps may still read
     return sum;
   }
 

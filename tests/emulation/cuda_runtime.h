@@ -63,9 +63,10 @@ cudaError_t run(dim3 grid, dim3 block, bool together, const std::function<void()
 /// All threads of the block, of the grid.
 void meetBlock();
 void meetGrid();
-/// The value of the lane `delta` above, or the own one where there is none; all 32 lanes of the warp meet.
-float laneAbove(float value, unsigned delta);
-unsigned requireFullMask(unsigned mask);
+/// The value of lane `lane` of the warp, or the own one where that is no lane; all 32 lanes meet.
+float valueOfLane(float value, unsigned lane);
+unsigned ownLane();
+void requireFullMask(unsigned mask);
 
 constexpr int kProcessors = 2;
 constexpr int kBlocksPerProcessor = 1;
@@ -77,7 +78,11 @@ inline void __syncthreads() {
 }
 inline float __shfl_down_sync(unsigned mask, float value, unsigned delta) {
   emulation::requireFullMask(mask);
-  return emulation::laneAbove(value, delta);
+  return emulation::valueOfLane(value, emulation::ownLane() + delta);
+}
+inline float __shfl_sync(unsigned mask, float value, int lane) {
+  emulation::requireFullMask(mask);
+  return emulation::valueOfLane(value, static_cast<unsigned>(lane) % 32);
 }
 inline int atomicMin(int* address, int value) {
   const int before = *address;

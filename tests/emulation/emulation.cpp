@@ -214,12 +214,13 @@ class Block {
     threads_[running_].state = where;
     if (_setjmp(threads_[running_].point) == 0) _longjmp(scheduler_, 1);
   }
-  float laneAbove(float value, unsigned delta) {
+  unsigned ownLane() const { return running_ % kWarp; }
+  float valueOfLane(float value, unsigned lane) {
     Thread& own = threads_[running_];
     // Two places in turn: a lane may be one exchange ahead of another, no further.
     const unsigned place = own.exchanges++ % 2;
     own.offered[place] = value;
-    const unsigned other = running_ % kWarp + delta < kWarp ? running_ + delta : running_;
+    const unsigned other = lane < kWarp ? running_ - ownLane() + lane : running_;
     meet(State::AtWarp);
     return threads_[other].offered[place];
   }
@@ -337,12 +338,14 @@ void meetBlock() {
 void meetGrid() {
   Block::current->meet(State::AtGrid);
 }
-float laneAbove(float value, unsigned delta) {
-  return Block::current->laneAbove(value, delta);
+float valueOfLane(float value, unsigned lane) {
+  return Block::current->valueOfLane(value, lane);
 }
-unsigned requireFullMask(unsigned mask) {
+unsigned ownLane() {
+  return Block::current->ownLane();
+}
+void requireFullMask(unsigned mask) {
   if (mask != 0xffffffffu) fail("a shuffle of a part of a warp");
-  return mask;
 }
 
 }  // namespace emulation
