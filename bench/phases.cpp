@@ -108,7 +108,7 @@ Work pyramid(int width, int height, const std::vector<Pass>& passes) {
   for (const Pass& pass : passes) {
     if (pass.index <= 0) continue;
     const double share = pass.pixels() / pixels;
-    work.add(pixels, in + 9 * share, 6 * 5 + 3 * 7 + 9 * share, 0, 9 + 9 * share);
+    work.add(pixels, in + 9 * share, 6 * 5 + 3 * 7 + 9 * share, 0, in + 9 * share);
     in = 0;
   }
   return work;

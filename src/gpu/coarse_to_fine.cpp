@@ -73,8 +73,8 @@ void CoarseToFine::allocateMatchPlanes() {
 
 void CoarseToFine::reserveLevelBuffers() {
   // What the passes at full resolution hold at one time: warped picture and first derivatives, and single
-  // planes for validity, flow and the flow that is being enlarged.
-  constexpr int kPlanes[] = {kChannels, 3 * kChannels, 1, 1, 1, 1, 1};
+  // planes for the flow and the flow that is being enlarged, or for flow and validity.
+  constexpr int kPlanes[] = {kChannels, 3 * kChannels, 1, 1, 1, 1};
   device::Buffer buffers[std::size(kPlanes)];
   for (std::size_t k = 0; k < std::size(kPlanes); ++k) {
     TARVO_CALL(buffers[k].allocate(static_cast<std::size_t>(kPlanes[k]) * largest_));

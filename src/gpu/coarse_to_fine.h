@@ -59,7 +59,7 @@ class CoarseToFine {
   PictureLevels pictures_;
   MatchLevels matches_;
 
-  // The current pass. Pictures point to the level's own buffers or, at full resolution, to the input.
+  // The current pass. Pictures point into pictures_ or, at full resolution, to the input.
   int p_ = 0;
   device::Buffer gconf_, warped_;
   const float *image1_ = nullptr, *image2_ = nullptr, *second_ = nullptr;

@@ -134,8 +134,8 @@ void MatchLevels::buildOnCpu(float* u, float* v, float* weight, int outH, int ou
   const int rows = device::cpu::rowsPerChunk(outH, share);
   const std::ptrdiff_t scratch = static_cast<std::ptrdiff_t>(outW) * MatchAverage::kSums;
   std::vector<float> sums(static_cast<std::size_t>((outH + rows - 1) / rows * scratch));
-  device::cpu::forBands(
-      outH, share, [&](int y0, int y1) { averageBand(average, sums.data() + y0 / rows * scratch, y0, y1); });
+  device::cpu::forBandsOf(
+      rows, outH, [&](int y0, int y1) { averageBand(average, sums.data() + y0 / rows * scratch, y0, y1); });
 }
 
 void averageMatches(const MatchField& field, int h, int w, int p, float* u, float* v, float* weight, int outH,

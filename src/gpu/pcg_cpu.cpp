@@ -285,25 +285,7 @@ TARVO_BAND void solutionBand(Sweep sweep, int y0, int y1) {
 /// Runs a band function over the chunks of a solve.
 template <class Band>
 void forChunks(const Sweep& sweep, const Band& band) {
-  const int h = sweep.s.h;
-  const int rows = sweep.s.rows;
-  if (rows >= h) {
-    band(sweep, 0, h);
-    return;
-  }
-  struct Context {
-    const Sweep& sweep;
-    const Band& band;
-  };
-  const Context context{sweep, band};
-  device::cpu::runChunks((h + rows - 1) / rows,
-                         [](const void* opaque, int chunk) {
-                           const auto& c = *static_cast<const Context*>(opaque);
-                           const int rowsOfChunk = c.sweep.s.rows;
-                           c.band(c.sweep, chunk * rowsOfChunk,
-                                  std::min(c.sweep.s.h, (chunk + 1) * rowsOfChunk));
-                         },
-                         &context);
+  device::cpu::forBandsOf(sweep.s.rows, sweep.s.h, [&](int y0, int y1) { band(sweep, y0, y1); });
 }
 
 float dotOf(const CpuSolve& solve) {

@@ -59,9 +59,11 @@ class GridThreads {
 
   /// The sum of all segment sums, the same bits in every thread: device::kFinalLanes lanes, four to a thread,
   /// added by halving. The first two halvings are within a thread; every warp does the others for itself,
-  /// three of them from shared memory, five by shuffles, so that the block waits only twice.
+  /// three of them from shared memory, five by shuffles, so that the block waits only once. Between two
+  /// totals lies a phase, whose barrier keeps the second from overwriting what the first still reads.
   __device__ float total(const float* sums) {
-    static_assert(kThreads == 256 && device::kFinalLanes == 4 * kThreads, "the halvings are written out");
+    static_assert(kThreads == 256 && device::kFinalLanes == 4 * kThreads && device::kLanes == 32,
+                  "the halvings are written out");
     const int t = static_cast<int>(threadIdx.x);
     float lanes[4];
     for (int j = 0; j < 4; ++j) {
@@ -74,9 +76,7 @@ class GridThreads {
     float sum =
         ((from[0] + from[128]) + (from[64] + from[192])) + ((from[32] + from[160]) + (from[96] + from[224]));
     for (int half = device::kLanes / 2; half > 0; half /= 2) sum += __shfl_down_sync(0xffffffffu, sum, half);
-    sum = __shfl_sync(0xffffffffu, sum, 0);
-    __syncthreads();  // the next total overwrites what other warps may still read
-    return sum;
+    return __shfl_sync(0xffffffffu, sum, 0);
   }
 
  private:

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
-#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -13,9 +12,10 @@
 #include "gpu/pyramid_kernels.h"
 #include "gpu/units.h"
 
-// One pass over the pictures for all six planes and all levels of a batch: a strip of the source that fits
-// into a core's cache is averaged for one level after the other. A sample is a vector of lanes, one for each
-// plane, so that its area is computed once and nothing is gathered. Four target pixels with footprints of
+// One pass over the pictures for all six planes and all levels of a batch: for every level in turn the target
+// pixels whose footprints begin in a strip of the source, so that the rows they need are still in a core's
+// cache. A sample is a vector of lanes, one for each plane, so that its area is computed once and nothing is
+// gathered. Four target pixels with footprints of
 // equal width are summed side by side in registers; within a row of a footprint all samples but the first and
 // the last have the same area. Per source pixel and level 24 bytes are read and about (r + 1)^2 / r^2 fused
 // steps of all lanes done, r the ratio of the sizes.
@@ -66,23 +66,24 @@ struct Group {
 /// The target columns of a level in groups.
 std::vector<Group> groupColumns(int outW, int inW) {
   const float scale = static_cast<float>(inW) / static_cast<float>(outW);
-  const auto footprintOf = [&](int x) { return kernels::Footprint(x, scale, inW); };
-  const auto samplesOf = [&](int x) { return footprintOf(x).last - footprintOf(x).first + 1; };
-  std::vector<int> order(static_cast<std::size_t>(outW));
-  std::iota(order.begin(), order.end(), 0);
-  std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return samplesOf(a) < samplesOf(b); });
-
+  struct Open {
+    std::size_t group;
+    int used;  // columns in it
+  };
+  std::vector<Open> open;  // the last group of every width, by samples
   std::vector<Group> groups;
-  int used = kGroup;  // columns of the last group
-  for (const int x : order) {
-    const int samples = samplesOf(x);
-    if (used == kGroup || groups.back().samples != samples) {
+  for (int x = 0; x < outW; ++x) {
+    const kernels::Footprint footprint(x, scale, inW);
+    const int samples = footprint.last - footprint.first + 1;
+    if (open.size() <= static_cast<std::size_t>(samples)) open.resize(samples + 1U, {0, kGroup});
+    Open& last = open[static_cast<std::size_t>(samples)];
+    if (last.used == kGroup) {
+      last = {groups.size(), 0};
       groups.push_back({});
       groups.back().samples = samples;
-      used = 0;
     }
-    for (int k = used; k < kGroup; ++k) groups.back().set(k, x, footprintOf(x));
-    ++used;
+    for (int k = last.used; k < kGroup; ++k) groups[last.group].set(k, x, footprint);
+    ++last.used;
   }
   return groups;
 }
@@ -205,7 +206,7 @@ std::size_t PictureLevels::batchEnd(std::size_t first) const {
 
 std::size_t PictureLevels::offsetOf(std::size_t index, int picture) const {
   constexpr std::size_t kApart =
-      16 * 17;  // an odd number of cache lines, so that stacks start at different sets
+      9 * 32;  // whole lines of either device; stacks rarely start at one cache set
   const auto stack = [](const Size& level) {
     return device::planeFloats(level.h, level.p, kChannels) + kApart;
   };
@@ -266,8 +267,8 @@ void PictureLevels::buildOnCpu() {
   const int rows = device::cpu::rowsPerChunk(h_, share);
   const std::ptrdiff_t line = static_cast<std::ptrdiff_t>(widest) * kLanes;
   std::vector<float> lines(static_cast<std::size_t>((h_ + rows - 1) / rows * line));
-  device::cpu::forBands(
-      h_, share, [&](int y0, int y1) { averageStrips(jobs, lines.data() + y0 / rows * line, y0, y1); });
+  device::cpu::forBandsOf(
+      rows, h_, [&](int y0, int y1) { averageStrips(jobs, lines.data() + y0 / rows * line, y0, y1); });
 }
 
 void PictureLevels::release() {

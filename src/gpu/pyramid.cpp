@@ -96,7 +96,6 @@ void gpu::enlargeFlow(float* outU, float* outV, int h, int w, int p, const float
   } else {
     launchCpuForm([&] { enlargeOnCpu(kernel); });
   }
-  device::synchronize();
   TARVO_LAUNCHED("Inteprolation");
 }
 

@@ -20,10 +20,9 @@ constexpr int kPixelsForTeam = 12000;
 /// of all rows where the work stays on the caller's thread. Results never depend on it.
 int rowsPerChunk(int h, int w);
 
-/// Runs function(y0, y1) over bands of rows that cover [0, h).
+/// Runs function(y0, y1) over bands of `rows` rows that cover [0, h); the last one may be lower.
 template <class Function>
-void forBands(int h, int w, const Function& function) {
-  const int rows = rowsPerChunk(h, w);
+void forBandsOf(int rows, int h, const Function& function) {
   if (rows >= h) {
     function(0, h);
     return;
@@ -39,6 +38,12 @@ void forBands(int h, int w, const Function& function) {
               c.function(chunk * c.rows, std::min(c.h, (chunk + 1) * c.rows));
             },
             &context);
+}
+
+/// The same over bands of rowsPerChunk(h, w) rows.
+template <class Function>
+void forBands(int h, int w, const Function& function) {
+  forBandsOf(rowsPerChunk(h, w), h, function);
 }
 
 }  // namespace device::cpu
