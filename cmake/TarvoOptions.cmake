@@ -15,6 +15,13 @@ if(TARVO_ISA STREQUAL "v3")
 elseif(TARVO_ISA STREQUAL "v4")
   list(APPEND _tarvo_vector -march=x86-64-v4)
 endif()
+if(TARVO_CUDA STREQUAL "EMULATED")
+  if(TARVO_SANITIZE)
+    message(FATAL_ERROR "TARVO_CUDA=EMULATED cannot be built with sanitizers, which do not know its stacks.")
+  endif()
+  # Buffers of exact size, given back at once: the emulation sees the first float too many.
+  target_compile_definitions(tarvo_options INTERFACE TARVO_POOL_PASSES_THROUGH=1)
+endif()
 if(TARVO_SANITIZE)
   # g++ 12 takes parts of the C++ library for uninitialised once sanitizers have changed the code.
   list(APPEND _tarvo_warnings -Wno-maybe-uninitialized)

@@ -5,10 +5,13 @@
 // EMULATED; the units that launch kernels are then compiled by the C++ compiler, with __CUDACC__ defined.
 //
 // What it shows: launch shapes, indices, shared memory, barriers, shuffles, the order of launches and copies,
-// and every access of the host to device memory, which ends the program. What it cannot show: what nvcc makes
-// of the code, times, and races that need threads of one block to run at the same instant. Threads of a block
-// take turns at its barriers, in an order that alternates from launch to launch; blocks of a cooperative
-// launch run at the same time. New device memory holds a not-a-number everywhere.
+// writes just beside a buffer, and every access of the host to device memory, which ends the program. Threads
+// of a block take turns at its barriers, forwards or backwards as a random number says; blocks of a
+// cooperative launch run at the same time. New device memory holds a not-a-number everywhere.
+//
+// What it cannot show: what nvcc makes of the code; times; kernels that read the host's memory; shared memory
+// that is read before it is written; races between blocks of an ordinary launch, which run one after the
+// other, and those that need threads of one block to run at the same instant.
 
 #include <cmath>
 #include <cstddef>

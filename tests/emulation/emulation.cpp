@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -71,6 +72,12 @@ class Memory {
     return true;
   }
 
+  /// Whether this is an address of the device.
+  bool holds(const void* memory) const {
+    const auto* address = static_cast<const unsigned char*>(memory);
+    return address >= base_ && address < base_ + kBytes;
+  }
+
   /// While one of these exists, device memory can be read and written.
   class Opened {
    public:
@@ -125,6 +132,7 @@ class GridBarrier {
   explicit GridBarrier(unsigned blocks) : blocks_(blocks) {}
   void meet() {
     std::unique_lock<std::mutex> lock(mutex_);
+    if (someLeft_) fail("a block waits for others that have ended");
     const unsigned round = round_;
     if (++arrived_ == blocks_) {
       arrived_ = 0;
@@ -134,11 +142,18 @@ class GridBarrier {
       all_.wait(lock, [&] { return round_ != round; });
     }
   }
+  /// A block has ended.
+  void leave() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (arrived_ > 0) fail("a block waits for others that have ended");
+    someLeft_ = true;
+  }
 
  private:
   std::mutex mutex_;
   std::condition_variable all_;
   unsigned blocks_, arrived_ = 0, round_ = 0;
+  bool someLeft_ = false;
 };
 
 enum class State { Ready, AtBlock, AtWarp, AtGrid, Done };
@@ -208,6 +223,7 @@ class Block {
     }
     current = nullptr;
     Stacks::giveBack(stacks_);
+    if (barrier_ != nullptr) barrier_->leave();
   }
 
   void meet(State where) {
@@ -314,8 +330,8 @@ cudaError_t run(dim3 grid, dim3 block, bool together, const std::function<void()
   if (together && blocks > static_cast<unsigned>(kProcessors * kBlocksPerProcessor))
     return failed(cudaErrorCooperativeLaunchTooLarge);
 
-  static unsigned launches = 0;  // launches come from one thread at a time
-  const bool backwards = launches++ % 2 != 0;
+  static std::minstd_rand order;  // launches come from one thread at a time
+  const bool backwards = order() % 2 != 0;
   const Memory::Opened opened(Memory::instance());
   GridBarrier barrier(blocks);
   const auto runBlock = [&](unsigned k) {
@@ -355,7 +371,7 @@ using emulation::Memory;
 
 cudaError_t cudaMalloc(void** memory, std::size_t bytes) {
   *memory = Memory::instance().allocate(bytes);
-  return *memory != nullptr ? cudaSuccess : cudaErrorMemoryAllocation;
+  return *memory != nullptr ? cudaSuccess : failed(cudaErrorMemoryAllocation);
 }
 cudaError_t cudaFree(void* memory) {
   return memory == nullptr || Memory::instance().release(memory) ? cudaSuccess
@@ -367,16 +383,25 @@ cudaError_t cudaMemset(void* memory, int value, std::size_t bytes) {
   std::memset(memory, value, bytes);
   return cudaSuccess;
 }
-cudaError_t cudaMemcpy(void* to, const void* from, std::size_t bytes, cudaMemcpyKind /*kind*/) {
-  if (to == nullptr || from == nullptr) return failed(cudaErrorInvalidValue);
+namespace {
+
+bool fits(const void* to, const void* from, cudaMemcpyKind kind) {
+  const Memory& memory = Memory::instance();
+  return to != nullptr && from != nullptr && memory.holds(to) == (kind != cudaMemcpyDeviceToHost) &&
+         memory.holds(from) == (kind != cudaMemcpyHostToDevice);
+}
+
+}  // namespace
+
+cudaError_t cudaMemcpy(void* to, const void* from, std::size_t bytes, cudaMemcpyKind kind) {
+  if (!fits(to, from, kind)) return failed(cudaErrorInvalidValue);
   const Memory::Opened opened(Memory::instance());
   std::memmove(to, from, bytes);
   return cudaSuccess;
 }
 cudaError_t cudaMemcpy2D(void* to, std::size_t toPitch, const void* from, std::size_t fromPitch,
-                         std::size_t width, std::size_t height, cudaMemcpyKind /*kind*/) {
-  if (to == nullptr || from == nullptr || width > toPitch || width > fromPitch)
-    return failed(cudaErrorInvalidValue);
+                         std::size_t width, std::size_t height, cudaMemcpyKind kind) {
+  if (!fits(to, from, kind) || width > toPitch || width > fromPitch) return failed(cudaErrorInvalidValue);
   const Memory::Opened opened(Memory::instance());
   for (std::size_t row = 0; row < height; ++row) {
     std::memcpy(static_cast<char*>(to) + row * toPitch, static_cast<const char*>(from) + row * fromPitch,
