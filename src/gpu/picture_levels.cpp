@@ -205,8 +205,8 @@ std::size_t PictureLevels::batchEnd(std::size_t first) const {
 }
 
 std::size_t PictureLevels::offsetOf(std::size_t index, int picture) const {
-  constexpr std::size_t kApart =
-      9 * 32;  // whole lines of either device; stacks rarely start at one cache set
+  // Between stacks: whole lines of either device, and stacks rarely start at one cache set.
+  constexpr std::size_t kApart = 9 * 32;
   const auto stack = [](const Size& level) {
     return device::planeFloats(level.h, level.p, kChannels) + kApart;
   };

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <functional>
 #include <tuple>
+#include <utility>
 
 #define __host__
 #define __device__

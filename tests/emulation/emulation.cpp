@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <condition_variable>
 #include <csetjmp>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -383,6 +382,7 @@ cudaError_t cudaMemset(void* memory, int value, std::size_t bytes) {
   std::memset(memory, value, bytes);
   return cudaSuccess;
 }
+
 namespace {
 
 bool fits(const void* to, const void* from, cudaMemcpyKind kind) {
