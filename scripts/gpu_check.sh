@@ -130,7 +130,7 @@ if wanted bench; then
 fi
 
 if wanted memcheck; then
-  for program in tarvo_device_tests tarvo_gpu_tests; do
+  for program in tarvo_device_tests tarvo_variational_tests; do
     SECONDS=0
     if TARVO_TEST_DEVICE=cuda compute-sanitizer --tool memcheck --error-exitcode 9 $build/bin/$program \
       --gtest_filter='-*DeathTest*' >"$out/memcheck_$program.log" 2>&1; then

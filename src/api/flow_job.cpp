@@ -13,7 +13,7 @@
 #include "device/memory.h"
 #include "device/report.h"
 #include "device/stopwatch.h"
-#include "gpu/arguments.h"
+#include "variational/flow/arguments.h"
 
 namespace api {
 namespace {
@@ -58,7 +58,7 @@ void match(DeviceFlow& job) {
   HOG.stop();
 }
 
-void solve(DeviceFlow& job, const gpu::FlowWeights& weights) {
+void solve(DeviceFlow& job, const variational::FlowWeights& weights) {
   auto var = TARVO_STOPWATCH(var);
   float *u = nullptr, *v = nullptr;
   gVariationalFlowTarvo(job.image1.get(), job.image2.get(), &u, &v, job.matchU.get(), job.matchV.get(),
@@ -113,11 +113,11 @@ void checkArguments(const char* function, const CTensor<float>& image1, const CT
     throw std::invalid_argument(std::string(function) + ": image1 and image2 must have the same size, got " +
                                 sizeOf(image1) + " and " + sizeOf(image2));
   }
-  gpu::checkSize(function, "image1 and image2", image1.sizeY(), image1.sizeX(), image1.sizeZ());
+  variational::checkSize(function, "image1 and image2", image1.sizeY(), image1.sizeX(), image1.sizeZ());
   if (std::isinf(parameters.sigma) && parameters.sigma > 0.0f) {
     throw std::invalid_argument(std::string(function) + ": sigma must be finite, got inf");
   }
-  gpu::checkWeights(function, parameters.weights);
+  variational::checkWeights(function, parameters.weights);
 }
 
 void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma) {

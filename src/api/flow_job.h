@@ -2,14 +2,14 @@
 
 #include <tarvo/CTensor.h>
 
-#include "gpu/coarse_to_fine.h"
+#include "variational/flow/weights.h"
 
 namespace api {
 
 /// The seven parameters of a flow computation.
 struct FlowParameters {
   float sigma;
-  gpu::FlowWeights weights;
+  variational::FlowWeights weights;
 };
 
 /// Throws std::invalid_argument, in the name of `function`, unless a flow can be computed from these.

@@ -7,11 +7,11 @@
 #include <stdexcept>
 #include <string>
 
-#include "api/cross_check.h"
 #include "api/flow_job.h"
 #include "device/device.h"
 #include "device/report.h"
 #include "device/stopwatch.h"
+#include "match/cross_check.h"
 
 // The driver that keeps most of the work on the host, and comparisons of host and device descriptors.
 
@@ -35,7 +35,7 @@ struct MatchField {
   MatchField(int w, int h) : u(w, h, 1, 0.0f), v(u), weight(u) {}
 };
 
-void printEnergies(const api::HostFeatures& features) {
+void printEnergies(const match::HostFeatures& features) {
   report::print("avg = %f \n", static_cast<double>(features.meanConfidence));
   if (!holds(features.image1, kShownX, kOtherY)) return;
   report::print("108,108: E1=%f E2=%f E2'=%f \n", static_cast<double>(features.energy1(kShownX, kShownY)),
@@ -48,11 +48,11 @@ MatchField matchPictures(const CTensor<float>& image1, const CTensor<float>& ima
   const int w = image1.sizeX(), h = image1.sizeY();
   MatchField field(w, h);
   if (!api::matchingEnabled()) return field;
-  const api::HostFeatures features(image1, image2);
+  const match::HostFeatures features(image1, image2);
   printEnergies(features);
   HOGMatch(image1.data(), image2.data(), features.hog1.data(), features.hog2.data(),
            features.confidence.data(), field.weight.data(), field.u.data(), field.v.data(), w, h);
-  api::crossCheck(features, field.u, field.v, field.weight);
+  match::crossCheck(features, field.u, field.v, field.weight);
   return field;
 }
 

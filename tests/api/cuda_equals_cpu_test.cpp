@@ -4,11 +4,11 @@
 
 #include <functional>
 
-#include "gpu/systems.h"
 #include "support/device_planes.h"
 #include "support/library_state.h"
 #include "support/scene.h"
 #include "support/tolerance.h"
+#include "variational/systems.h"
 
 namespace {
 

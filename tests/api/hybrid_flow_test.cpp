@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "api/cross_check.h"
+#include "match/cross_check.h"
 #include "match/pictures.h"
 #include "support/library_state.h"
 #include "support/scene.h"
@@ -92,12 +92,12 @@ TEST(HybridFlow, ReportsNoDisplacementWhereBothSearchesFindTheSame) {
 TEST(CrossChecking, PrintsWhatDiffersFromTheHostsMatches) {
   const CTensor<float> first = tensorOf(picture(80, 90, textured)),
                        second = tensorOf(picture(80, 90, textured, 4, 2));
-  const api::HostFeatures features(first, second);
+  const match::HostFeatures features(first, second);
   const CTensor<float> none(90, 80, 1, 0.0f);
   Outcome empty, shifted;
   {
     const Report report;
-    api::crossCheck(features, none, none, none);
+    match::crossCheck(features, none, none, none);
     empty.lines = report.lines();
   }
   // Points whose match lies inside the window are found at exactly (4, 2), with the same neighbourhood.
@@ -137,7 +137,7 @@ TEST(CrossChecking, PrintsWhatDiffersFromTheHostsMatches) {
   EXPECT_TRUE(single > 0 && several > single);
   {
     const Report report;  // the right displacements: only the weights are still missing
-    api::crossCheck(features, CTensor<float>(90, 80, 1, 4.0f), CTensor<float>(90, 80, 1, 2.0f), none);
+    match::crossCheck(features, CTensor<float>(90, 80, 1, 4.0f), CTensor<float>(90, 80, 1, 2.0f), none);
     shifted.lines = report.lines();
   }
   EXPECT_EQ(shifted.linesWith("Error U") + shifted.linesWith("Error V"), 0);
@@ -147,13 +147,13 @@ TEST(CrossChecking, PrintsWhatDiffersFromTheHostsMatches) {
 TEST(CrossChecking, IsGatedByTheConfidenceAsItIs) {
   const CTensor<float> first = tensorOf(picture(60, 64, textured)),
                        second = tensorOf(picture(60, 64, textured, 1, 1));
-  api::HostFeatures features(first, second);
+  match::HostFeatures features(first, second);
   const CTensor<float> none(64, 60, 1, 0.0f);
   const auto errorsWith = [&](float confidence, float mean) {
     features.confidence = CMatrix<float>(64, 60, confidence);
     features.meanConfidence = mean;
     const Report report;
-    api::crossCheck(features, none, none, none);
+    match::crossCheck(features, none, none, none);
     return Outcome{{}, report.lines()}.linesWith("Error U");
   };
   EXPECT_GT(errorsWith(0.125f, 1.0f), 0) << "not truncated to an integer";
@@ -163,7 +163,7 @@ TEST(CrossChecking, IsGatedByTheConfidenceAsItIs) {
 TEST(HybridFlow, IsTheSchemeOnTheDevicesMatches) {
   const Planes first = picture(210, 112, textured), second = picture(210, 112, textured, 3, 1);
   const CTensor<float> image1 = tensorOf(first), image2 = tensorOf(second);
-  const api::HostFeatures features(image1, image2);
+  const match::HostFeatures features(image1, image2);
   const Outcome outcome = hybrid(first, second, 0.0f, 0.8f, 2);
   CTensor<float> u(112, 210, 1), v(u), weight(u), flow;
   const Silence silence;

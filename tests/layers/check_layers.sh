@@ -5,14 +5,19 @@
 #
 # Prints one line for each finding, FILE:LINE: what is wrong, and exits with status 1 if there is one.
 #
-# The rooms of src/ and what each may include besides <tarvo/...>, the C++ library and system headers:
+# The rooms of src/ and what each may include besides <tarvo/...>, the C++ library and system headers. The chambers
+# of a room are named with it, ROOM/CHAMBER; a room that may be included may be with all its chambers.
 rooms='
 core:
 device:
-gpu:     device
-match:   device gpu core
-cpuflow: device gpu core
-api:     core device gpu match cpuflow
+variational:         device
+variational/filter:  device variational
+variational/pyramid: device variational variational/filter
+variational/solver:  device variational
+variational/flow:    device variational variational/filter variational/pyramid variational/solver
+match:               device variational core
+cpuflow:             device variational core
+api:                 core device variational match cpuflow
 '
 set -eu
 cd "${1:-.}"
@@ -38,22 +43,34 @@ function finding(text) {
   findings++
 }
 
-# The room of a path below src/, the first folder of any other.
-function room_of(path,   parts) {
+# The room or chamber of a path below src/, the first folder of any other.
+function room_of(path,   parts, chamber) {
   split(path, parts, "/")
-  return parts[1] == "src" ? parts[2] : parts[1]
+  chamber = parts[2] "/" parts[3]
+  if (parts[1] != "src") return parts[1]
+  return chamber in is_room ? chamber : parts[2]
+}
+
+# Whether this room may include a file of that one: named among its own, or the whole room of a chamber is, and
+# the two are not chambers of one room.
+function may_include(to,   outer, own) {
+  if (to == room || (room, to) in allowed) return 1
+  outer = to
+  own = room
+  sub(/\/.*/, "", outer)
+  sub(/\/.*/, "", own)
+  return outer != own && (room, outer) in allowed
 }
 
 function starts(text, with) { return substr(text, 1, length(with)) == with }
 
 function check_private(target,   to) {
-  to = target
-  sub(/\/.*/, "", to)
+  to = room_of("src/" target)
   if (is_client) {
     finding("clients include <tarvo/...> only, not \"" target "\"")
   } else if (area == "include") {
     finding("public headers include <tarvo/...> only, not \"" target "\"")
-  } else if (area == "src" && to != room && !((room, to) in allowed)) {
+  } else if (area == "src" && !may_include(to)) {
     finding("room " room " must not include room " to " (\"" target "\")")
   } else if (area != "tests" && room != "device" && starts(target, "device/cuda/") && file !~ /\.cuh?$/) {
     finding("device/cuda is known to the device room only (\"" target "\")")

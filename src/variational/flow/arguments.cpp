@@ -1,0 +1,55 @@
+#include "variational/flow/arguments.h"
+
+#include <climits>
+#include <cmath>
+#include <sstream>
+#include <stdexcept>
+
+namespace variational {
+namespace {
+
+template <class Value>
+[[noreturn]] void refuse(const char* function, const char* what, const char* must, const Value& value) {
+  std::ostringstream text;
+  text << function << ": " << what << " must be " << must << ", got " << value;
+  throw std::invalid_argument(text.str());
+}
+
+}  // namespace
+
+void checkSize(const char* function, const char* what, int height, int width, int channels) {
+  // Twelve planes, the system matrix, is the largest stack; a pitch exceeds the width by less than 64.
+  constexpr long kPlanes = 12;
+  constexpr long kPadding = 64;
+  if (width < 1 || height < 1) {
+    refuse(function, what, "at least 1 x 1", std::to_string(width) + " x " + std::to_string(height));
+  }
+  if ((static_cast<long>(width) + kPadding) * height > INT_MAX / kPlanes) {
+    refuse(function, what, "at most about 178 million pixels",
+           std::to_string(width) + " x " + std::to_string(height));
+  }
+  if (channels != 3) {
+    refuse(function, what, "of 3 channels",
+           std::to_string(channels) + (channels == 1 ? " channel" : " channels"));
+  }
+}
+
+void checkWeights(const char* function, const FlowWeights& weights) {
+  const auto check = [function](const char* name, float value) {
+    if (!(std::isfinite(value) && value >= 0.0f)) refuse(function, name, "finite and not negative", value);
+  };
+  check("alpha", weights.alpha);
+  check("beta", weights.beta);
+  check("gamma", weights.gamma);
+  if (!(weights.eta > 0.0f && weights.eta < 1.0f)) {
+    refuse(function, "eta", "greater than 0 and less than 1", weights.eta);
+  }
+  if (weights.fixedPointIterations < 0) {
+    refuse(function, "fixedPointIterations", "at least 0", weights.fixedPointIterations);
+  }
+  if (weights.solverIterations < 0 || weights.solverIterations > INT_MAX / 2) {
+    refuse(function, "solverIterations", "at least 0 and less than 2^30", weights.solverIterations);
+  }
+}
+
+}  // namespace variational

@@ -1,0 +1,86 @@
+#include <tarvo/elementwise.h>
+#include <tarvo/tensors.h>
+#include <tarvo/variational.h>
+
+#include "device/device.h"
+#include "device/memory.h"
+#include "device/stopwatch.h"
+#include "variational/flow/scratch.h"
+#include "variational/flow/steps.h"
+#include "variational/solver/solve_system.h"
+#include "variational/units.h"
+
+namespace {
+
+constexpr const char* kUnit = units::kOpticalFlowGPU;
+
+/// Solves the assembled system for the increment.
+void solve(const FPtmp& fp, int h, int w, int p, int iterations, const CGtmp& cg) {
+  auto solver = TARVO_STOPWATCH(solver);
+  variational::solveSystem(fp, h, w, p, iterations, cg);
+  device::synchronize();
+  solver.stop();
+  TARVO_LAUNCHED("Solve");
+}
+
+}  // namespace
+
+void gNonLinearIteration(float* image1, float* warped2, float* gconf, float* matchU, float* matchV,
+                         float* matchWeightIn, int /*candidates*/, float* u, float* v, int h, int w, int p,
+                         int channels, float alpha, float beta, float gamma, int fixedPointIterations,
+                         int solverIterations, float /*reserved*/, CGtmp cg, FPtmp fp) {
+  auto makematrix = TARVO_STOPWATCH(makematrix);
+  const std::size_t n = device::planeFloats(h, p);
+  TARVO_CALL(device::clear(fp.increment, 2 * n * sizeof(float)));
+  float* du = fp.increment;
+  float* dv = fp.increment + n;
+
+  variational::structureTensors(image1, warped2, fp, gconf, h, w, p, channels);
+  for (int k = 0; k < fixedPointIterations; ++k) {
+    gDiffusivity(u, v, du, dv, fp.diffX, fp.diffY, h, w, p);
+    variational::assembleSystem({u, v, matchU, matchV, matchWeightIn, alpha, beta, gamma}, fp, h, w, p);
+    solve(fp, h, w, p, solverIterations, cg);
+  }
+  TARVO_LAUNCHED("Iterations");
+  Add_kernel(u, du, h, w, p);
+  Add_kernel(v, dv, h, w, p);
+  device::synchronize();
+  makematrix.stop();
+}
+
+void NonLinearIteration(float* image1, float* warped2, float* gconf, float* matchU, float* matchV,
+                        float* matchWeightIn, int candidates, float* u, float* v, int h, int w, float alpha,
+                        float beta, float gamma, int fixedPointIterations, int solverIterations,
+                        float reserved) {
+  const device::Entry entry;
+  constexpr int kChannels = 3;
+  device::Buffer images[2], matches[3], validity, flow[2];
+  int p = 0;
+  const auto upload = [&](device::Buffer& buffer, const float* host, int planes) {
+    TARVO_CALL(buffer.allocatePitched(&p, w, planes * h));
+    TARVO_CALL(device::copyPlanes(buffer.get(), p, host, w, h, w, planes, device::Direction::ToDevice));
+  };
+  upload(images[0], image1, kChannels);
+  upload(images[1], warped2, kChannels);
+  upload(validity, gconf, 1);
+  upload(matches[0], matchU, candidates);
+  upload(matches[1], matchV, candidates);
+  upload(matches[2], matchWeightIn, candidates);
+  upload(flow[0], u, 1);
+  upload(flow[1], v, 1);
+  variational::Scratch scratch(device::planeFloats(h, p));
+
+  gNonLinearIteration(images[0].get(), images[1].get(), validity.get(), matches[0].get(), matches[1].get(),
+                      matches[2].get(), candidates, flow[0].get(), flow[1].get(), h, w, p, kChannels, alpha,
+                      beta, gamma, fixedPointIterations, solverIterations, reserved, scratch.cg(),
+                      scratch.fp());
+  TARVO_LAUNCHED("Iterations");  // the additions of the increment
+
+  TARVO_CALL(device::copyPlanes(u, w, flow[0].get(), p, h, w, 1, device::Direction::ToHost));
+  TARVO_CALL(device::copyPlanes(v, w, flow[1].get(), p, h, w, 1, device::Direction::ToHost));
+  scratch.release();
+  for (device::Buffer* buffer :
+       {&images[0], &images[1], &validity, &matches[0], &matches[1], &matches[2], &flow[0], &flow[1]}) {
+    TARVO_CALL(buffer->release());
+  }
+}

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <tarvo/export.h>
+
+#include <vector>
+
+#include "device/memory.h"
+
+namespace variational {
+
+/// Device planes of a match field.
+struct MatchField {
+  const float *u, *v, *weight;
+};
+
+/// Weighted area averages of a match field, for one level of the pyramid after the other: the bits of
+/// `downsample` with the weight on every plane, the displacements then multiplied by the level's scale. On
+/// the CPU device it keeps a list of the pixels with a positive weight, a sixteenth of all or fewer, and
+/// visits nothing else.
+class MatchLevels {
+ public:
+  /// @param field  h x w, pitch p; a null weight: no matches, and build must not be called
+  MatchLevels(const MatchField& field, int h, int w, int p);
+
+  /// Planes of outH x outW, pitch outP; not-a-number where no weight is positive.
+  void build(float* u, float* v, float* weight, int outH, int outW, int outP, float scale) const;
+
+ private:
+  void buildOnCpu(float* u, float* v, float* weight, int outH, int outW, int outP, float scale) const;
+
+  /// A pixel with a positive weight.
+  struct Match {
+    int x;
+    float u, v, weight;
+  };
+  friend struct MatchAverage;
+
+  MatchField field_;
+  int h_, w_, p_;
+  std::vector<Match> matches_;  // row by row
+  std::vector<int> rows_;       // first match of every row, and the number of matches
+};
+
+/// One level of a MatchLevels that is made for it alone. Exported because the tests hold it against
+/// `downsample`.
+TARVO_API void averageMatches(const MatchField& field, int h, int w, int p, float* u, float* v, float* weight,
+                              int outH, int outW, int outP, float scale);
+
+}  // namespace variational
