@@ -1,14 +1,10 @@
 // The CUDA device's results against the CPU device's, bit for bit.
-#include <gtest/gtest.h>
 #include <tarvo/tarvo.h>
 
 #include <functional>
 
-#include "support/device_planes.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
 #include "variational/systems.h"
+#include "support/test.h"
 
 namespace {
 
@@ -30,8 +26,8 @@ class CudaEqualsCpu : public testing::Test {
     NDevice::select("cpu");
     const Planes expected = work();
     NDevice::select("cuda");
-    EXPECT_TRUE(tolerance::exact(work(), expected));
-    EXPECT_TRUE(tolerance::exact(work(), expected)) << "on a second run";
+    EXPECT_TRUE(exact(work(), expected));
+    EXPECT_TRUE(exact(work(), expected)) << "on a second run";
   }
 
  private:
@@ -145,7 +141,7 @@ TEST_F(CudaEqualsCpu, OnFixedPointStepsAndTheirSolver) {
 
 TEST_F(CudaEqualsCpu, OnSolversOfEitherKind) {
   for (const Size size : {Size{1, 1}, Size{9, 1}, Size{15, 17}, Size{33, 300}, Size{483, 637}}) {
-    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    SCOPED_TRACE(size);
     const TestSystem system(size.h, size.w, 12);
     for (const int iterations : {1, 2, 30}) {
       compare([&] {
@@ -165,7 +161,7 @@ TEST_F(CudaEqualsCpu, OnSolversOfEitherKind) {
 
 TEST_F(CudaEqualsCpu, OnWholeFlows) {
   for (const Size size : {Size{1, 1}, Size{10, 10}, Size{16, 16}, Size{15, 100}, Size{kHeight, kWidth}}) {
-    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    SCOPED_TRACE(size);
     compare([size] {
       CTensor<float> first = tensorOf(render(size.h, size.w, 0, 0)),
                      second = tensorOf(render(size.h, size.w, 2, 1)), flow;

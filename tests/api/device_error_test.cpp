@@ -1,13 +1,10 @@
-#include <gtest/gtest.h>
 #include <tarvo/tarvo.h>
 
 #include <functional>
 #include <regex>
 #include <set>
 
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 namespace {
 
@@ -59,7 +56,7 @@ std::string faultOfCall(long n, const Work& work, const Planes& expected, std::s
   NDevice::failCall(0);
   Told told;
   if (message.empty()) {
-    if (!tolerance::exact(result, expected)) return "the failure went unseen and spoilt the result";
+    if (!exact(result, expected)) return "the failure went unseen and spoilt the result";
   } else if (const auto known = understood(message, told); !known) {
     return known.message();
   } else {
@@ -69,7 +66,7 @@ std::string faultOfCall(long n, const Work& work, const Planes& expected, std::s
     return std::to_string(now - before) + " bytes kept after: " + message;
   }
   try {
-    if (const auto same = tolerance::exact(work(), expected); !same) return std::string(same.message());
+    if (const auto same = exact(work(), expected); !same) return std::string(same.message());
   } catch (const DeviceFailure& failure) {
     return "the next call fails with: " + std::string(failure.what()) + " after: " + message;
   }

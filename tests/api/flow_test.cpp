@@ -1,8 +1,6 @@
-#include <gtest/gtest.h>
 #include <tarvo/tarvo.h>
 
 #include <algorithm>
-#include <limits>
 #include <thread>
 #include <tuple>
 
@@ -11,16 +9,9 @@
 #endif
 
 #include "api/allocation_count.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 namespace {
-
-using tolerance::exact;
-
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
 
 struct Parameters {
   float sigma = 0.0f, alpha = 30.0f, beta = 300.0f, gamma = 5.0f, eta = 0.95f;
@@ -158,8 +149,8 @@ TEST(Flow, OfEverySmallSizeReturns) {
                           Size{17, 29}, Size{5, 200}, Size{21, 37}}) {
     const Planes flow =
         flowOf(randomPlanes(size.h, size.w, 3, 1), randomPlanes(size.h, size.w, 3, 2), quick());
-    ASSERT_TRUE(flow.h == size.h && flow.w == size.w && flow.count == 2) << size.w << " x " << size.h;
-    for (const float value : flow.values) ASSERT_TRUE(std::isfinite(value)) << size.w << " x " << size.h;
+    ASSERT_TRUE(flow.h == size.h && flow.w == size.w && flow.count == 2) << size;
+    for (const float value : flow.values) ASSERT_TRUE(std::isfinite(value)) << size;
   }
 }
 

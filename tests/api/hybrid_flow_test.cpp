@@ -1,25 +1,18 @@
-#include <gtest/gtest.h>
 #include <tarvo/tarvo.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <functional>
-#include <limits>
 #include <stdexcept>
 #include <thread>
 
 #include "match/cross_check.h"
 #include "match/pictures.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 // The driver that keeps most of the work on the host, and the comparisons of host and device.
 
 namespace {
-
-using tolerance::exact;
 
 struct Outcome {
   Planes flow;
@@ -200,7 +193,7 @@ TEST(HybridFlow, MatchesOnlyIfMatchingIsOn) {
 
 TEST(HybridFlow, SmoothsBothImagesInPlaceAndOnlyThen) {
   const Planes image = picture(40, 50, noise);
-  for (const float sigma : {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(), 1.5f}) {
+  for (const float sigma : {0.0f, -1.0f, kNan, 1.5f}) {
     const Silence silence;
     CTensor<float> a = tensorOf(image), b = tensorOf(image), flow;
     runFlow(a, b, flow, sigma, 30.0f, 300.0f, 5.0f, 0.8f, 1, 1);
@@ -211,12 +204,12 @@ TEST(HybridFlow, SmoothsBothImagesInPlaceAndOnlyThen) {
 
 TEST(HybridFlow, ReturnsForAnyPicture) {
   const auto unclean = [](int x, int y, int c) {
-    if (x == 17 && y == 20) return std::numeric_limits<float>::quiet_NaN();
-    return x == 22 && y == 9 ? std::numeric_limits<float>::infinity() : textured(x, y, c);
+    if (x == 17 && y == 20) return kNan;
+    return x == 22 && y == 9 ? kInf : textured(x, y, c);
   };
   hybrid(picture(40, 44, unclean), picture(40, 44, unclean, 1, 1), 0.0f, 0.7f, 2);
   for (const Size size : {Size{1, 1}, Size{2, 9}, Size{12, 12}, Size{24, 25}, Size{25, 26}, Size{30, 8}}) {
-    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    SCOPED_TRACE(size);
     for (const auto& function : {textured, noise, constant}) {
       const Outcome outcome =
           hybrid(picture(size.h, size.w, function), picture(size.h, size.w, function, 1, 0), 0.0f, 0.7f, 1);

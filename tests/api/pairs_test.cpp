@@ -1,13 +1,10 @@
 // Real and rendered picture pairs with known flow, where the folder TARVO_TEST_DATA holds them.
-#include <gtest/gtest.h>
 #include <tarvo/tarvo.h>
 
-#include <cmath>
 #include <fstream>
 
 #include "pictures/picture.h"
-#include "support/library_state.h"
-#include "support/scene.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,22 +1,15 @@
-#include <gtest/gtest.h>
 #include <tarvo/COpticFlow.h>
 #include <tarvo/exceptions.h>
 #include <tarvo/timers.h>
 
-#include <cmath>
-
 #include "cpuflow/host_system.h"
 #include "reference/solver_reference.h"
 #include "reference/system_reference.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 // One level of the host flow: system, diffusivities, increment.
 
 namespace {
-
-using tolerance::exact;
 
 /// Everything that one level is given, of smooth random values.
 struct Level {

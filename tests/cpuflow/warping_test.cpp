@@ -1,26 +1,17 @@
-#include <gtest/gtest.h>
 #include <tarvo/COpticFlow.h>
 #include <tarvo/exceptions.h>
 #include <tarvo/timers.h>
 
 #include <climits>
-#include <cmath>
 #include <ctime>
-#include <limits>
 #include <stdexcept>
 
 #include "reference/host_flow_reference.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 // The coarse-to-fine scheme of the host.
 
 namespace {
-
-using tolerance::exact;
-
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
 struct Input : reference::HostFlowInput {
   Input(const Planes& first, const Planes& second) {
@@ -70,7 +61,7 @@ TEST(HostWarp, TruncatesPositionsAndLeavesTheOutside) {
   flow(2, 0, 0) = -0.75f, flow(2, 0, 1) = 0.25f;
   flow(0, 1, 1) = kNan;
   flow(1, 1, 0) = 1e30f;
-  flow(2, 2, 0) = flow(2, 2, 1) = -std::numeric_limits<float>::infinity();
+  flow(2, 2, 0) = flow(2, 2, 1) = -kInf;
   COpticFlow::warp(image, warped, outside, flow);
   EXPECT_EQ(warped(0, 0, 0), -5.0f);
   EXPECT_EQ(warped(2, 0, 1), 112.75f);
@@ -140,7 +131,7 @@ TEST(HostFlow, IsPulledByMatchesAlone) {
 TEST(HostFlow, ReturnsForEverySizeAndForPassesOfEqualSize) {
   for (const Size size :
        {Size{1, 1}, Size{1, 9}, Size{7, 1}, Size{2, 2}, Size{5, 30}, Size{16, 17}, Size{30, 4}}) {
-    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    SCOPED_TRACE(size);
     Input input(render(size.h, size.w, 0, 0), render(size.h, size.w, 0.4, 0.1));
     input.eta = 0.95f;
     input.fixedPointIterations = 1;

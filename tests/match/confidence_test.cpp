@@ -1,20 +1,14 @@
-#include <gtest/gtest.h>
 #include <tarvo/NFilter.h>
 #include <tarvo/filters.h>
 #include <tarvo/hog.h>
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "reference/hog_reference.h"
-#include "support/device_planes.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 namespace {
 
@@ -91,15 +85,15 @@ TEST(Confidence, EqualsThePlainTwin) {
   for (const Size& size : kSizes) {
     for (const int channels : {1, 3}) {
       const Planes image = randomPlanes(size.h, size.w, channels, 31);
-      EXPECT_TRUE(tolerance::exact(confidenceOf(image), reference::confidence(image)))
-          << size.h << " x " << size.w;
+      EXPECT_TRUE(exact(confidenceOf(image), reference::confidence(image)))
+          << size;
     }
   }
   Planes spoilt = randomPlanes(40, 50, 3, 32);
-  spoilt.at(3, 4, 1) = std::numeric_limits<float>::quiet_NaN();
-  spoilt.at(45, 35, 0) = std::numeric_limits<float>::infinity();
+  spoilt.at(3, 4, 1) = kNan;
+  spoilt.at(45, 35, 0) = kInf;
   const Planes result = confidenceOf(spoilt);
-  EXPECT_TRUE(tolerance::exact(result, reference::confidence(spoilt)));
+  EXPECT_TRUE(exact(result, reference::confidence(spoilt)));
   EXPECT_TRUE(std::isnan(result.at(3, 4)));
   EXPECT_TRUE(std::isfinite(result.at(25, 20)));
 }
@@ -107,7 +101,7 @@ TEST(Confidence, EqualsThePlainTwin) {
 TEST(Confidence, HostFollowsItsRecipe) {
   for (const Size& size : {Size{1, 1}, Size{9, 1}, Size{37, 21}, Size{60, 80}}) {
     const Planes image = randomPlanes(size.h, size.w, 3, 33);
-    EXPECT_TRUE(tolerance::exact(hostConfidenceOf(image), hostReference(image))) << size.h << " x " << size.w;
+    EXPECT_TRUE(exact(hostConfidenceOf(image), hostReference(image))) << size;
   }
 }
 
@@ -159,7 +153,7 @@ TEST(Confidence, FindsCornersOnly) {
   const Planes edge = rectangle(60, 60, 3, 30, 60, 0, 60);
   for (const auto& of : {confidenceOf, hostConfidenceOf}) {
     const Planes flat = of(Planes(20, 30, 3, 77.0f));
-    EXPECT_TRUE(tolerance::exact(flat, Planes(20, 30)));
+    EXPECT_TRUE(exact(flat, Planes(20, 30)));
     const Planes corners = of(square);
     EXPECT_EQ(corners.at(25, 25), 0.0f);  // no derivatives of its own
     int bestX = 0, bestY = 0;
@@ -182,7 +176,7 @@ TEST(Confidence, GrowsWithTheNumberOfEqualChannels) {
   for (int k = 0; k < 4; ++k)
     std::copy(one.values.begin(), one.values.end(), four.values.begin() + k * 30 * 40);
   for (float& value : expected.values) value *= 4.0f * std::sqrt(4.0f);
-  EXPECT_TRUE(tolerance::exact(confidenceOf(four), expected));
+  EXPECT_TRUE(exact(confidenceOf(four), expected));
 }
 
 TEST(Confidence, NegativeDiscriminantCountsAsZero) {
@@ -215,7 +209,7 @@ TEST(Confidence, SameBitsForAnyNumberOfThreads) {
   const Planes one = confidenceOf(image);
   for (const int threads : {2, 3}) {
     NDevice::threads(threads);
-    EXPECT_TRUE(tolerance::exact(confidenceOf(image), one)) << threads;
+    EXPECT_TRUE(exact(confidenceOf(image), one)) << threads;
   }
 }
 
@@ -223,7 +217,7 @@ TEST(Confidence, HostArraysGiveTheDeviceResults) {
   const Planes image = randomPlanes(17, 29, 3, 37);
   Planes confidence(17, 29);
   computeConfidenceGPU(image.data(), nullptr, confidence.data(), 17, 29, 3);
-  EXPECT_TRUE(tolerance::exact(confidence, reference::confidence(image)));
+  EXPECT_TRUE(exact(confidence, reference::confidence(image)));
 }
 
 TEST(Energy, AddsThePlanesInOrder) {
@@ -236,7 +230,7 @@ TEST(Energy, AddsThePlanesInOrder) {
       }
     }
     computeEnergy(hog.data(), result.data(), 21, 37, bins);
-    EXPECT_TRUE(tolerance::exact(result, expected));
+    EXPECT_TRUE(exact(result, expected));
   }
 }
 
@@ -250,7 +244,7 @@ TEST(PlaneSum, AddsByLanesAndRows) {
     const DevicePlanes on(plane);
     for (const int threads : {1, 3}) {
       NDevice::threads(threads);
-      EXPECT_EQ(gCompute2DSum(on.get(), size.h, size.w, on.p()), expected) << size.h << " x " << size.w;
+      EXPECT_EQ(gCompute2DSum(on.get(), size.h, size.w, on.p()), expected) << size;
     }
     EXPECT_EQ(compute2DSum(plane.data(), size.h, size.w), expected);
     EXPECT_EQ(compute2DSum(Planes(size.h, size.w, 1, 1.0f).data(), size.h, size.w),

@@ -1,22 +1,13 @@
-#include <gtest/gtest.h>
 #include <tarvo/hog.h>
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
 #include <string>
 #include <vector>
 
 #include "reference/hog_reference.h"
-#include "support/device_planes.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 namespace {
-
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
 struct Gradients {
   std::vector<float> x, y;
@@ -125,7 +116,7 @@ TEST(HogSectors, AxesZeroAndSpecialValues) {
     int sector;
   } kCases[] = {{1, 0, 7},    {0, 1, 11},   {0, -1, 3},      {-1, 0, 0},           {-1, -0.0f, 0},
                 {0, 0, -1},   {-1, 1, 13},  {1, 1, 9},       {-1, 1e-30f, 0},      {-1, -1e-30f, 0},
-                {kNan, 1, 0}, {1, kNan, 0}, {kNan, kNan, 0}, {kInfinity, kNan, 0}, {kNan, -kInfinity, 0}};
+                {kNan, 1, 0}, {1, kNan, 0}, {kNan, kNan, 0}, {kInf, kNan, 0}, {kNan, -kInf, 0}};
   for (const auto& one : kCases) g.add(one.x, one.y);
   const std::vector<int> sectors = sectorsOf(g, 15);
   for (std::size_t i = 0; i < sectors.size(); ++i)
@@ -144,7 +135,7 @@ TEST(HogSectors, EqualTheFormulaEverywhere) {
                          1.0f,
                          3e30f,
                          std::numeric_limits<float>::max(),
-                         kInfinity};
+                         kInf};
   for (const float x : kEnds) {
     for (const float y : kEnds) g.addAll(x, y);
   }
@@ -176,7 +167,7 @@ TEST(HogSectors, EqualTheFormulaAtTheBorders) {
         const float length = random.next(0.01f, 400.0f);
         const auto x = static_cast<float>(length * std::cos(from)),
                    y = static_cast<float>(x * std::tan(from));
-        for (const float side : {-kInfinity, kInfinity}) {
+        for (const float side : {-kInf, kInf}) {
           float near = y;
           for (int step = 0; step < 4; ++step, near = std::nextafter(near, side)) g.add(x, near);
         }
@@ -190,30 +181,30 @@ TEST(HogField, EqualsThePlainTwin) {
   for (const Size& size : kSizes) {
     for (const int channels : {1, 3}) {
       const Planes image = randomPlanes(size.h, size.w, channels, 11);
-      EXPECT_TRUE(tolerance::exact(hogOf(image), reference::hogField(image))) << size.h << " x " << size.w;
+      EXPECT_TRUE(exact(hogOf(image), reference::hogField(image))) << size;
     }
   }
   const Planes image = randomPlanes(21, 37, 3, 12);
-  EXPECT_TRUE(tolerance::exact(hogOf(image, 8), reference::hogField(image, 8)));
+  EXPECT_TRUE(exact(hogOf(image, 8), reference::hogField(image, 8)));
   const Planes narrow = randomPlanes(5, 4, 2, 13);
-  EXPECT_TRUE(tolerance::exact(hogOf(narrow, 1), reference::hogField(narrow, 1)));
+  EXPECT_TRUE(exact(hogOf(narrow, 1), reference::hogField(narrow, 1)));
 }
 
 TEST(HogField, SurvivesAnyPixel) {
   Planes image = randomPlanes(33, 61, 3, 14);
   image.at(10, 8, 1) = kNan;
-  image.at(40, 20, 0) = kInfinity;
-  image.at(20, 25, 2) = -kInfinity;
+  image.at(40, 20, 0) = kInf;
+  image.at(20, 25, 2) = -kInf;
   image.at(55, 5, 2) = 3e38f;
   const Planes hog = hogOf(image);
-  EXPECT_TRUE(tolerance::exact(hog, reference::hogField(image)));
+  EXPECT_TRUE(exact(hog, reference::hogField(image)));
   EXPECT_TRUE(std::isnan(hog.at(10, 8, 0)));
   EXPECT_TRUE(std::isfinite(hog.at(30, 10, 0)));
   EXPECT_FALSE(std::isfinite(hostHogOf(image).at(10, 8, 0)));
-  EXPECT_TRUE(tolerance::exact(hogOf(Planes(9, 9, 3, kNan)), reference::hogField(Planes(9, 9, 3, kNan))));
+  EXPECT_TRUE(exact(hogOf(Planes(9, 9, 3, kNan)), reference::hogField(Planes(9, 9, 3, kNan))));
   const Planes flat(40, 40, 3, 200.0f), zero(40, 40, 15);
-  EXPECT_TRUE(tolerance::exact(hogOf(flat), zero));
-  EXPECT_TRUE(tolerance::exact(hostHogOf(flat), zero));
+  EXPECT_TRUE(exact(hogOf(flat), zero));
+  EXPECT_TRUE(exact(hostHogOf(flat), zero));
 }
 
 TEST(HogField, RampsFillTheSectorOfTheirDirection) {
@@ -252,7 +243,7 @@ TEST(HogField, SameNeighbourhoodSameBits) {
       }
     }
   }
-  EXPECT_TRUE(tolerance::exact(inA, inB));
+  EXPECT_TRUE(exact(inA, inB));
 }
 
 TEST(HogField, SameBitsForAnyNumberOfThreads) {
@@ -262,7 +253,7 @@ TEST(HogField, SameBitsForAnyNumberOfThreads) {
   const Planes one = hogOf(image);
   for (const int threads : {2, 3, 16}) {
     NDevice::threads(threads);
-    EXPECT_TRUE(tolerance::exact(hogOf(image), one)) << threads;
+    EXPECT_TRUE(exact(hogOf(image), one)) << threads;
   }
 }
 
@@ -303,7 +294,7 @@ TEST(HogField, HostArraysGiveTheDeviceField) {
   const Planes image = randomPlanes(17, 29, 3, 18);
   Planes hog(17, 29, 15, kNan);
   ComputeHOGGPU(image.data(), hog.data(), 3, 29, 17);
-  EXPECT_TRUE(tolerance::exact(hog, hogOf(image)));
+  EXPECT_TRUE(exact(hog, hogOf(image)));
   EXPECT_EQ(report.lines(), std::vector<std::string>{"hog end\n"});
 }
 

@@ -1,15 +1,13 @@
-#include <gtest/gtest.h>
 #include <tarvo/NDevice.h>
 #include <tarvo/NReport.h>
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
 
 #include <cstdio>
-#include <limits>
 #include <string>
 
 #include "match/pictures.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 namespace {
 
@@ -112,7 +110,7 @@ TEST_F(MatchField, HasTheSameBitsForEveryNumberOfThreads) {
   EXPECT_GT(positive(one), 200);
   for (const int threads : {2, 3}) {
     NDevice::threads(threads);
-    EXPECT_TRUE(tolerance::exact(match(image1, image2), one)) << threads;
+    EXPECT_TRUE(exact(match(image1, image2), one)) << threads;
   }
   NDevice::threads(before);
 }
