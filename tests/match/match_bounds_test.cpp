@@ -4,7 +4,6 @@
 #include <string>
 
 #include "match/match_forms.h"
-#include "support/test.h"
 
 // Cases in which a test that rejects candidates too early would change the result.
 
