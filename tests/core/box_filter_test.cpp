@@ -1,8 +1,3 @@
-#include <gtest/gtest.h>
-#include <tarvo/NFilter.h>
-#include <tarvo/exceptions.h>
-
-#include <algorithm>
 #include <climits>
 
 #include "core/pattern.h"
@@ -18,8 +13,8 @@ CTensor<float> averagedAlongX(const CTensor<float>& source, int width) {
 }  // namespace
 
 TEST(BoxFilter, CutsTheWindowAtTheBorder) {
-  CTensor<float> row(6, 1, 1);
   const float values[] = {1, 2, 6, 4, 12, 5};
+  CTensor<float> row(6, 1, 1);
   std::copy_n(values, 6, row.data());
   // Width 4 counts as 5: two samples on each side.
   const float expected[] = {3, 3.25f, 5, 5.8f, 6.75f, 7};

@@ -1,21 +1,4 @@
-#include <gtest/gtest.h>
-#include <tarvo/CMatrix.h>
-#include <tarvo/exceptions.h>
-
-#include <cmath>
-
 #include "core/pattern.h"
-
-namespace {
-
-template <typename T>
-CMatrix<T> matrix(int sizeX, int sizeY, std::initializer_list<T> values) {
-  CMatrix<T> result(sizeX, sizeY);
-  std::copy(values.begin(), values.end(), result.data());
-  return result;
-}
-
-}  // namespace
 
 TEST(Product, CombinesRowsWithColumns) {
   const CMatrix<float> a = matrix<float>(3, 2, {1, 2, 3, 4, 5, 6});

@@ -1,9 +1,17 @@
 #pragma once
 
+#include <gtest/gtest.h>
+#include <tarvo/CMatrix.h>
 #include <tarvo/CTensor.h>
+#include <tarvo/NFilter.h>
+#include <tarvo/exceptions.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <limits>
+#include <stdexcept>
+#include <vector>
 
 /// Values in 0 ... 255 with fractions, without regularity along any axis; the same on every run.
 inline CTensor<float> patternTensor(int sizeX, int sizeY, int sizeZ) {
@@ -14,6 +22,18 @@ inline CTensor<float> patternTensor(int sizeX, int sizeY, int sizeZ) {
     tensor.data()[i] = static_cast<float>(state >> 8) / 65793.0f;
   }
   return tensor;
+}
+
+/// A matrix of these elements, row by row.
+template <typename T = float>
+CMatrix<T> matrix(int sizeX, int sizeY, const std::vector<T>& values) {
+  CMatrix<T> result(sizeX, sizeY);
+  std::copy(values.begin(), values.end(), result.data());
+  return result;
+}
+inline CMatrix<float> patternMatrix(int sizeX, int sizeY) {
+  const CTensor<float> tensor = patternTensor(sizeX, sizeY, 1);
+  return matrix(sizeX, sizeY, std::vector<float>(tensor.data(), tensor.data() + tensor.size()));
 }
 
 /// Whether two containers hold equally many and equal elements.

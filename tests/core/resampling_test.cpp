@@ -1,27 +1,8 @@
-#include <gtest/gtest.h>
-#include <tarvo/CMatrix.h>
-#include <tarvo/CTensor.h>
-#include <tarvo/exceptions.h>
-
-#include <cmath>
 #include <functional>
-#include <stdexcept>
-#include <vector>
 
 #include "core/pattern.h"
 
 namespace {
-
-CMatrix<float> matrix(int sizeX, int sizeY, const std::vector<float>& values) {
-  CMatrix<float> result(sizeX, sizeY);
-  std::copy(values.begin(), values.end(), result.data());
-  return result;
-}
-
-CMatrix<float> patternMatrix(int sizeX, int sizeY) {
-  const CTensor<float> tensor = patternTensor(sizeX, sizeY, 1);
-  return matrix(sizeX, sizeY, {tensor.data(), tensor.data() + tensor.size()});
-}
 
 /// Mean of the source over the area of each new element, in double precision.
 CMatrix<double> areaMeans(const CMatrix<float>& source, int newX, int newY) {
@@ -56,15 +37,7 @@ TEST(Downsample, AveragesAreas) {
   CMatrix<float> small = matrix(3, 2, {0, 6, 12, 4, 8, 100});
   small.downsample(2, 1);
   // Columns: (0 + 6 / 2) and (6 / 2 + 12) over 1.5, likewise 4, 8, 100; then the mean of both rows.
-  expectNear(
-      small,
-      [] {
-        CMatrix<double> means(2, 1);
-        means(0, 0) = (2.0 + 8.0 / 1.5) / 2;
-        means(1, 0) = (10.0 + 104.0 / 1.5) / 2;
-        return means;
-      }(),
-      1e-5);
+  expectNear(small, matrix<double>(2, 1, {(2.0 + 8.0 / 1.5) / 2, (10.0 + 104.0 / 1.5) / 2}), 1e-5);
   const int sizes[][4] = {{10, 9, 7, 4}, {40, 33, 39, 32}, {37, 50, 37, 13}, {50, 21, 13, 21}, {5, 6, 1, 1}};
   for (const auto& size : sizes) {
     SCOPED_TRACE(testing::Message() << size[0] << " x " << size[1] << " to " << size[2] << " x " << size[3]);
@@ -72,9 +45,6 @@ TEST(Downsample, AveragesAreas) {
     const CMatrix<double> means = areaMeans(reduced, size[2], size[3]);
     reduced.downsample(size[2], size[3]);
     expectNear(reduced, means, 5e-3);  // the length of a cell is a float, its error adds up along the line
-    CMatrix<float> constant(size[0], size[1], 3);
-    constant.downsample(size[2], size[3]);
-    for (int i = 0; i < constant.size(); ++i) EXPECT_NEAR(constant.data()[i], 3, 1e-4);
   }
   const CMatrix<float> before = patternMatrix(17, 5);
   CMatrix<float> same(before);
@@ -117,12 +87,7 @@ TEST(Downsample, SpreadsWeightedElements) {
 TEST(Upsample, InterpolatesBetweenCentresAndRepeatsBorders) {
   CMatrix<float> row = matrix(2, 1, {0, 8});
   row.upsampleBilinear(4, 2);
-  for (int y = 0; y < 2; ++y) {
-    EXPECT_EQ(row(0, y), 0);
-    EXPECT_EQ(row(1, y), 2);
-    EXPECT_EQ(row(2, y), 6);
-    EXPECT_EQ(row(3, y), 8);
-  }
+  EXPECT_TRUE(sameElements(row, matrix(4, 2, {0, 2, 6, 8, 0, 2, 6, 8})));
   CMatrix<float> plane(20, 13);
   for (int i = 0; i < plane.size(); ++i) plane.data()[i] = static_cast<float>(3 * (i % 20) - 2 * (i / 20));
   plane.upsampleBilinear(33, 29);

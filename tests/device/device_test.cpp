@@ -1,16 +1,11 @@
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <tarvo/tarvo.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <limits>
 #include <thread>
 
-#include "support/device_planes.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 namespace {
 
@@ -120,7 +115,7 @@ TEST(Device, PlanesHoldWhatIsUploadedAtAPitchThatDependsOnTheWidth) {
     NDevice::upload(plane, host.data(), 3, w, pitch, 2);
     Planes back(3, w, 2);
     NDevice::download(back.data(), plane, 3, w, pitch, 2);
-    EXPECT_TRUE(tolerance::exact(back, host));
+    EXPECT_TRUE(exact(back, host));
     NDevice::release(plane);
     NDevice::release(second);
   }
@@ -169,7 +164,7 @@ TEST(Device, ComputesInAForkedChild) {
                 smallFlow();
                 return 0;
               }
-              return tolerance::exact(planesOf(smallFlow()), expected) ? 0 : 1;
+              return exact(planesOf(smallFlow()), expected) ? 0 : 1;
             }),
             0);
 }
@@ -183,7 +178,7 @@ TEST(Device, ComputesInChildrenForkedWhileAnotherThreadComputes) {
     while (!stop) smallFlow();
   });
   for (int i = 0; i < 12; ++i) {
-    EXPECT_EQ(statusOfChild([&] { return tolerance::exact(planesOf(smallFlow()), expected) ? 0 : 1; }), 0)
+    EXPECT_EQ(statusOfChild([&] { return exact(planesOf(smallFlow()), expected) ? 0 : 1; }), 0)
         << i;
   }
   stop = true;

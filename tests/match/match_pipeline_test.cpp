@@ -1,15 +1,13 @@
-#include <gtest/gtest.h>
 #include <tarvo/NDevice.h>
 #include <tarvo/NReport.h>
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
 
 #include <cstdio>
-#include <limits>
 #include <string>
 
 #include "match/pictures.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 namespace {
 
@@ -35,7 +33,7 @@ class MatchField : public testing::Test {
     return count;
   }
   /// Whether a weight is that of a match of distance 0, with a runner-up or the only candidate.
-  static bool exact(float weight) { return weight == 1.0f || weight > 1000.0f; }
+  static bool ofNoDistance(float weight) { return weight == 1.0f || weight > 1000.0f; }
 };
 
 TEST_F(MatchField, OfIdenticalPicturesIsEveryGatedPointItself) {
@@ -67,7 +65,7 @@ TEST_F(MatchField, OfAShiftIsThatShift) {
       ++matched;
       ASSERT_EQ(field.at(x, y, 0), static_cast<float>(dx)) << x << ", " << y;
       ASSERT_EQ(field.at(x, y, 1), static_cast<float>(dy)) << x << ", " << y;
-      ASSERT_TRUE(exact(field.at(x, y, 2))) << x << ", " << y;
+      ASSERT_TRUE(ofNoDistance(field.at(x, y, 2))) << x << ", " << y;
     }
   }
   EXPECT_GT(matched, grid * 2 / 3);
@@ -90,7 +88,7 @@ TEST_F(MatchField, FollowsTheWidestShiftOfTheWindowAndNoneBeyond) {
   EXPECT_GT(share(-80), 300);
   EXPECT_EQ(share(81), 0);
   for (const float weight : match(image, picture(h, w, textured, 120, 0)).plane(2).values) {
-    ASSERT_TRUE(weight == 1.0f || !exact(weight)) << weight;
+    ASSERT_TRUE(weight == 1.0f || !ofNoDistance(weight)) << weight;
   }
 }
 
@@ -106,15 +104,10 @@ TEST_F(MatchField, IsEmptyInFlatAreas) {
 
 TEST_F(MatchField, HasTheSameBitsForEveryNumberOfThreads) {
   const Planes image1 = picture(130, 210, quantised), image2 = picture(130, 210, quantised, 7, 4);
-  const int before = NDevice::threads();
-  NDevice::threads(1);
-  const Field one = match(image1, image2);
+  Field one;
+  withThreads({1}, [&] { one = match(image1, image2); });
   EXPECT_GT(positive(one), 200);
-  for (const int threads : {2, 3}) {
-    NDevice::threads(threads);
-    EXPECT_TRUE(tolerance::exact(match(image1, image2), one)) << threads;
-  }
-  NDevice::threads(before);
+  withThreads({2, 3}, [&] { EXPECT_TRUE(exact(match(image1, image2), one)); });
 }
 
 TEST_F(MatchField, ExistsForEverySmallSizeAndAnyPixels) {
@@ -142,14 +135,10 @@ TEST_F(MatchField, ExistsForEverySmallSizeAndAnyPixels) {
 /// The report of `run`, as text.
 template <class Run>
 std::string reportOf(const Run& run) {
-  std::FILE* file = std::tmpfile();
-  NReport::to(file);
+  std::string text;
+  const Report report;
   run();
-  NReport::silence();
-  std::string text(static_cast<std::size_t>(std::ftell(file)), '\0');
-  std::rewind(file);
-  EXPECT_EQ(std::fread(&text[0], 1, text.size(), file), text.size());
-  std::fclose(file);
+  for (const std::string& line : report.lines()) text += line;
   return text;
 }
 

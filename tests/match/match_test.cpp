@@ -1,12 +1,3 @@
-#include <gtest/gtest.h>
-#include <tarvo/NDevice.h>
-#include <tarvo/hog.h>
-#include <tarvo/matching.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "match/match_forms.h"
 #include "match/pictures.h"
 

@@ -7,35 +7,11 @@
 #include <memory>
 #include <vector>
 
-#include "support/planes.h"
+#include "reference/filter_reference.h"
 
 // Plain, slow twins of the histogram field and the match confidence: whole planes, step by step, with the
 // device's order of operations. The sector is found with an arc tangent.
 namespace reference {
-
-inline float clampedAt(const Planes& planes, int x, int y, int k) {
-  return planes.at(std::min(std::max(x, 0), planes.w - 1), std::min(std::max(y, 0), planes.h - 1), k);
-}
-
-/// Correlation of every plane along x (dx 1, dy 0) or y, borders repeated, each step fused.
-inline Planes correlate(const Planes& in, const std::vector<float>& mask, int dx, int dy) {
-  Planes out(in.h, in.w, in.count);
-  const int size = static_cast<int>(mask.size());
-  for (int k = 0; k < in.count; ++k) {
-    for (int y = 0; y < in.h; ++y) {
-      for (int x = 0; x < in.w; ++x) {
-        float sum = 0.0f;
-        for (int i = 0; i < size; ++i) {
-          const int offset = i - size / 2;
-          sum = std::fma(mask[static_cast<std::size_t>(i)],
-                         clampedAt(in, x + offset * dx, y + offset * dy, k), sum);
-        }
-        out.at(x, y, k) = sum;
-      }
-    }
-  }
-  return out;
-}
 
 /// Sector of a gradient by its correctly rounded arc tangent; not-a-number counts as 0.
 inline int sectorOf(float gx, float gy, int bins) {
@@ -51,7 +27,7 @@ inline int sectorOf(float gx, float gy, int bins) {
 /// Gradient magnitudes of all channels, added to the plane of their sector.
 inline Planes sectorSums(const Planes& image, int bins) {
   const std::vector<float> mask = {-0.5f, 0.0f, 0.5f};
-  const Planes gx = correlate(image, mask, 1, 0), gy = correlate(image, mask, 0, 1);
+  const Planes gx = convolveX(image, mask), gy = convolveY(image, mask);
   Planes sums(image.h, image.w, bins);
   for (int k = 0; k < image.count; ++k) {
     for (int y = 0; y < image.h; ++y) {
@@ -82,7 +58,7 @@ inline Planes smoothSectors(const Planes& sums) {
 
 inline Planes hogField(const Planes& image, int bins = 15) {
   const std::vector<float> mean(7, 1.0f / 7.0f);
-  return correlate(correlate(smoothSectors(sectorSums(image, bins)), mean, 1, 0), mean, 0, 1);
+  return convolveY(convolveX(smoothSectors(sectorSums(image, bins)), mean), mean);
 }
 
 /// The host's field: smoothing mirrored at the end sectors, which are then blended; mean over the pixels
@@ -120,24 +96,33 @@ inline Planes hostHogField(const Planes& image) {
   return out;
 }
 
-inline Planes confidence(const Planes& image) {
+/// Sums over the channels of the products of the derivatives (xx, xy, yy), each added by `add`(a, b, sum).
+template <class Add>
+Planes gradientTensor(const Planes& image, const Add& add) {
   const std::vector<float> mask = {-0.5f, 0.0f, 0.5f};
-  const Planes gx = correlate(image, mask, 1, 0), gy = correlate(image, mask, 0, 1);
-  Planes tensor(image.h, image.w, 3), out(image.h, image.w);
-  for (int y = 0; y < image.h; ++y) {
-    for (int x = 0; x < image.w; ++x) {
-      for (int k = 0; k < image.count; ++k) {
+  const Planes gx = convolveX(image, mask), gy = convolveY(image, mask);
+  Planes tensor(image.h, image.w, 3);
+  for (int k = 0; k < image.count; ++k) {
+    for (int y = 0; y < image.h; ++y) {
+      for (int x = 0; x < image.w; ++x) {
         const float a = gx.at(x, y, k), b = gy.at(x, y, k);
-        tensor.at(x, y, 0) = std::fma(a, a, tensor.at(x, y, 0));
-        tensor.at(x, y, 1) = std::fma(a, b, tensor.at(x, y, 1));
-        tensor.at(x, y, 2) = std::fma(b, b, tensor.at(x, y, 2));
+        tensor.at(x, y, 0) = add(a, a, tensor.at(x, y, 0));
+        tensor.at(x, y, 1) = add(a, b, tensor.at(x, y, 1));
+        tensor.at(x, y, 2) = add(b, b, tensor.at(x, y, 2));
       }
     }
   }
+  return tensor;
+}
+
+inline Planes confidence(const Planes& image) {
+  const Planes tensor =
+      gradientTensor(image, [](float a, float b, float sum) { return std::fma(a, b, sum); });
+  Planes out(image.h, image.w);
   int size = 0;
   const std::unique_ptr<float[]> taps(GaussianFilterCreate(4.0f, size));
   const std::vector<float> gaussian(taps.get(), taps.get() + size);
-  const Planes smooth = correlate(correlate(tensor, gaussian, 1, 0), gaussian, 0, 1);
+  const Planes smooth = convolveY(convolveX(tensor, gaussian), gaussian);
   for (int y = 0; y < image.h; ++y) {
     for (int x = 0; x < image.w; ++x) {
       const float xx = smooth.at(x, y, 0), xy = smooth.at(x, y, 1), yy = smooth.at(x, y, 2);

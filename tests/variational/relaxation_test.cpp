@@ -1,45 +1,15 @@
-#include <gtest/gtest.h>
 #include <tarvo/timers.h>
 
-#include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <limits>
 
 #include "reference/solver_reference.h"
-#include "support/library_state.h"
-#include "support/tolerance.h"
-#include "variational/solver/relaxation_kernels.h"
+#include "support/test.h"
 #include "variational/systems.h"
 
 namespace {
 
-using tolerance::exact;
-
 constexpr float kOmega = 1.85f;
-
-/// The kernel's own body, pixel by pixel, in the order of the columns.
-Planes relaxedPlainly(const TestSystem& system, int iterations, float omega) {
-  Planes x = system.start;
-  const int h = system.h(), w = system.w();
-  for (int k = 0; k < 2 * iterations; ++k) {
-    const kernels::SORiteration_mem_opt_kernel kernel{system.matrix.data(),
-                                                      system.rhs.data(),
-                                                      x.data(),
-                                                      x.data() + h * w,
-                                                      h,
-                                                      w,
-                                                      k % 2,
-                                                      omega,
-                                                      w,
-                                                      (w + 1) / 2,
-                                                      h};
-    for (int column = 0; column < kernel.outW; ++column) {
-      for (int y = 0; y < h; ++y) kernel(column, y);
-    }
-  }
-  return x;
-}
 
 Planes relaxedOnDevice(const TestSystem& system, int iterations, float omega) {
   const DeviceSystem device(system);
@@ -65,27 +35,24 @@ double residualOf(const TestSystem& system, const Planes& x) {
 }  // namespace
 
 TEST(Relaxation, HasTheSameBitsInEveryForm) {
-  const KeepThreads keep;
   for (const Size size : {Size{1, 1}, Size{1, 8}, Size{9, 1}, Size{2, 2}, Size{3, 3}, Size{16, 64},
                           Size{21, 37}, Size{130, 257}}) {
-    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    SCOPED_TRACE(size);
     TestSystem system(size.h, size.w, 5);
     system.matrix.at(0, 0, kMatrixVU) = 1e6f;  // not the plane that is read
     // Determinants on both sides of 0.0001, which no float hits.
-    system.matrix.at(size.w / 2, size.h / 2, kMatrixUV) = 0.0f;
-    system.matrix.at(size.w / 2, size.h / 2, kMatrixUU) = 0.0001f;
-    system.matrix.at(size.w / 2, size.h / 2, kMatrixVV) = 1.0f;
-    system.matrix.at(size.w - 1, size.h / 2, kMatrixUV) = 0.0f;
-    system.matrix.at(size.w - 1, size.h / 2, kMatrixUU) = std::nextafter(0.0001f, 1.0f);
-    system.matrix.at(size.w - 1, size.h / 2, kMatrixVV) = 1.0f;
+    for (const auto& [x, uu] :
+         {std::pair{size.w / 2, 0.0001f}, {size.w - 1, std::nextafter(0.0001f, 1.0f)}}) {
+      system.matrix.at(x, size.h / 2, kMatrixUV) = 0.0f;
+      system.matrix.at(x, size.h / 2, kMatrixUU) = uu;
+      system.matrix.at(x, size.h / 2, kMatrixVV) = 1.0f;
+    }
     for (const int iterations : {0, 1, 2, 7}) {
       const Planes expected = reference::relax(system.matrix, system.rhs, system.start, kOmega, iterations);
-      ASSERT_TRUE(exact(relaxedPlainly(system, iterations, kOmega), expected)) << iterations;
-      for (const int threads : {1, 3}) {
-        NDevice::threads(threads);
+      withThreads({1, 3}, [&] {
         ASSERT_TRUE(exact(relaxedOnDevice(system, iterations, kOmega), expected)) << iterations;
         ASSERT_TRUE(exact(relaxedHostArrays(system, iterations, kOmega), expected)) << iterations;
-      }
+      });
     }
   }
 }
@@ -178,29 +145,5 @@ TEST(Relaxation, AddsItsProcessorTimeEvenWithoutSweeps) {
     if (iterations > 0) {
       EXPECT_GT(sortimer - before, 0.3 * ticks) << "most of the call, apart from the test's own copies";
     }
-  }
-}
-
-TEST(Relaxation, ReportsDeviceErrorsUnderItsLabels) {
-  const ThrowOnError throwing;
-  const TestSystem system(5, 5, 1);
-  std::vector<std::string> messages;
-  for (long call = 1;; ++call) {
-    NDevice::failCall(call);
-    try {
-      relaxedHostArrays(system, 1, kOmega);
-      break;
-    } catch (const DeviceFailure& failure) {
-      messages.push_back(failure.what());
-    }
-  }
-  ASSERT_EQ(messages.size(), 14u);  // 3 allocations, 4 uploads, 2 launches, 2 downloads, 3 releases
-  for (std::size_t k = 0; k < messages.size(); ++k) {
-    const bool launch = k == 7 || k == 8;
-    EXPECT_EQ(
-        messages[k].rfind(
-            launch ? "Cuda error: SOR in file 'OpticalFlowGPU'" : "Cuda error in file 'OpticalFlowGPU'", 0),
-        0u)
-        << messages[k];
   }
 }

@@ -1,16 +1,10 @@
 #include "reference/tensor_reference.h"
 
-#include <gtest/gtest.h>
 #include <tarvo/tensors.h>
 
-#include "support/device_planes.h"
-#include "support/library_state.h"
-#include "support/scene.h"
-#include "support/tolerance.h"
+#include "support/test.h"
 
 namespace {
-
-using tolerance::exact;
 
 reference::Tensors tensorsOf(const Planes& image1, const Planes& warped2, const Planes& gconf,
                              float start = 0.0f) {
@@ -33,19 +27,17 @@ reference::Diffusivities diffusivitiesOf(const Planes& u, const Planes& v, const
 }  // namespace
 
 TEST(StructureTensors, EqualTheReferenceBitForBitForAnyNumberOfThreads) {
-  const KeepThreads keep;
   for (const Size size : kSizes) {
-    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    SCOPED_TRACE(size);
     const Planes first = randomPlanes(size.h, size.w, 3, 1), second = randomPlanes(size.h, size.w, 3, 2);
     Planes gconf(size.h, size.w, 1, 1.0f);
     for (std::size_t i = 0; i < gconf.values.size(); i += 5) gconf.values[i] = 0.0f;
     const reference::Tensors expected = reference::structureTensors(first, second, gconf);
-    for (const int threads : {1, 3}) {
-      NDevice::threads(threads);
+    withThreads({1, 3}, [&] {
       const reference::Tensors result = tensorsOf(first, second, gconf);
       ASSERT_TRUE(exact(result.data, expected.data));
       ASSERT_TRUE(exact(result.grad, expected.grad));
-    }
+    });
   }
 }
 
@@ -73,7 +65,7 @@ TEST(StructureTensors, VanishWithTheGradientAndWithTheDifference) {
 
 TEST(Diffusivity, EqualsTheReferenceBitForBit) {
   for (const Size size : kSizes) {
-    SCOPED_TRACE(testing::Message() << size.w << " x " << size.h);
+    SCOPED_TRACE(size);
     const Planes u = randomPlanes(size.h, size.w, 1, 3, -3.0f, 3.0f),
                  v = randomPlanes(size.h, size.w, 1, 4, -3.0f, 3.0f);
     const Planes du = randomPlanes(size.h, size.w, 1, 5, -1.0f, 1.0f),
