@@ -10,14 +10,8 @@
 // right, plane 1 is v, positive downwards; pixel (x, y) of the first image corresponds to (x + u, y + v) in
 // the second.
 //
-// Parameters:
-//   - sigma: standard deviation [pixels] of the smoothing of both images beforehand; none unless > 0
-//   - alpha: weight of the smoothness of the flow
-//   - beta: weight of the descriptor matches
-//   - gamma: weight of gradient constancy, against brightness constancy
-//   - eta: size ratio of consecutive pyramid levels, between 0 and 1; closer to 1 is finer and slower
-//   - fixedPointIterations: outer iterations per level
-//   - solverIterations: iterations of the linear solver per outer iteration; doubled for the last five passes
+// The seven parameters are those of NFlow::Parameters. The solver iterations are doubled for the last five
+// passes, which run at full resolution without matches.
 //
 // A function that computes a flow throws std::invalid_argument, naming the argument and its values, before
 // anything is changed: for images that have no pixels, other than three channels, different or too large
@@ -26,8 +20,23 @@
 // Pictures too small for the pyramid give zero flow. A device error prints its message and ends the process
 // with status 1 (see NDevice::onError). Several threads may call the functions; they then take turns.
 
+namespace NFlow {
+
+/// The parameters of a flow computation, in the order of the functions' arguments, with their defaults.
+struct Parameters {
+  float sigma = 0.0f;   ///< standard deviation of the smoothing of both images [pixels]; none unless > 0
+  float alpha = 30.0f;  ///< weight of the smoothness of the flow, 0 or more
+  float beta = 300.0f;  ///< weight of the descriptor matches, 0 or more
+  float gamma = 5.0f;   ///< weight of gradient constancy against brightness constancy, 0 or more
+  float eta = 0.95f;    ///< size ratio of consecutive pyramid levels, in (0, 1); closer to 1: finer, slower
+  int fixedPointIterations = 5;  ///< outer iterations per pass, 0 or more
+  int solverIterations = 10;     ///< of the linear solver per outer one, 0 or more; doubled at the end
+};
+
+}  // namespace NFlow
+
 /// Forward flow (image 1 to image 2) and backward flow (image 2 to image 1), two separate computations with
-/// the parameters 0, 30, 300, 5, 0.95, 5, 10. The outputs' earlier sizes and contents are discarded.
+/// the defaults of NFlow::Parameters. The outputs' earlier sizes and contents are discarded.
 TARVO_API void tarvo(CTensor<float> image1, CTensor<float> image2, CTensor<float>& forward,
                      CTensor<float>& backward);
 
