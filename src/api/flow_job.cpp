@@ -4,6 +4,7 @@
 #include <tarvo/matching.h>
 #include <tarvo/variational.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <sstream>
@@ -13,7 +14,9 @@
 #include "device/memory.h"
 #include "device/report.h"
 #include "device/stopwatch.h"
+#include "match/match_steps.h"
 #include "variational/flow/arguments.h"
+#include "variational/flow/coarse_to_fine.h"
 
 namespace api {
 namespace {
@@ -27,6 +30,15 @@ struct DeviceFlow {
   device::Buffer image1, image2, matchU, matchV, matchWeight, u, v;
   int h = 0, w = 0, p = 0, channels = 0;
 };
+
+/// Has the pool hold all that the computation takes at one time, so that its stages share it.
+void reserve(DeviceFlow& job, float eta) {
+  job.p = device::chosenPitch(job.w);
+  const std::size_t input = device::planeFloats(job.h, job.p, 3 + 3 + 3);
+  const std::size_t solving = variational::coarseToFineFloats(job.h, job.w, job.p, eta);
+  const std::size_t matching = matchingOn ? match::matchingFloats(job.h, job.w, job.p) : 0;
+  TARVO_CALL(device::reserve(input + std::max(matching, solving)));
+}
 
 void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>& image2) {
   auto memcpy1 = TARVO_STOPWATCH(memcpy1);
@@ -144,6 +156,7 @@ void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>&
   job.h = image1.sizeY();
   job.w = image1.sizeX();
   job.channels = image1.sizeZ();
+  reserve(job, parameters.eta);
   upload(job, image1, image2);
   match(job);
   solve(job, parameters);

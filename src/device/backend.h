@@ -32,6 +32,8 @@ struct Backend {
   /// Pitch in floats of a plane of width w.
   int (*pitch)(int w);
   std::string (*describe)();
+  /// Whether large buffers should start at different offsets into a page.
+  bool staggers;
 };
 
 const Backend& cpuBackend();

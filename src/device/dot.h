@@ -31,6 +31,13 @@ inline std::size_t dotScratch(int h, int w) {
   return static_cast<std::size_t>(h) * static_cast<std::size_t>(segmentsPerRow(w));
 }
 
+/// *result = a * b over two-plane stacks of h x w, pitch p, in this shape; sums: scratch of dotScratch floats.
+struct DotProduct {
+  const float *a, *b;
+  int h, w, p;
+  float *sums, *result;
+};
+
 namespace cpu {
 
 /// The sum of a segment's lanes by halving, in registers.
@@ -86,6 +93,17 @@ inline float sumSegments(const float* sums, int n) {
     for (int j = 0; j < half; ++j) lanes[j] += lanes[j + half];
   }
   return lanes[0];
+}
+
+inline void run(const DotProduct& dot) {
+  const long n = static_cast<long>(dot.h) * dot.p;
+  const int segments = segmentsPerRow(dot.w);
+  for (int y = 0; y < dot.h; ++y) {
+    const float* a = dot.a + static_cast<long>(y) * dot.p;
+    const float* b = dot.b + static_cast<long>(y) * dot.p;
+    dotRow(a, b, a + n, b + n, dot.w, dot.sums + static_cast<long>(y) * segments);
+  }
+  *dot.result = sumSegments(dot.sums, dot.h * segments);
 }
 
 }  // namespace cpu

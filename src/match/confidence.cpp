@@ -79,8 +79,7 @@ void computeEnergy_kernel(const float* hog, float* energy, int height, int width
 }
 
 void compute2DSum_kernel(const float* plane, float* rowSums, int height, int width, int pitch) {
-  TARVO_RETURN_FROM_CUDA_FORM(match::sumRowsOnCuda(plane, rowSums, height, width, pitch));
-  launchCpuForm([&] {
+  launch(kernels::compute2DSum_kernel{plane, rowSums, height, width, pitch}, [&] {
     device::cpu::forBands(height, width,
                           [&](int y0, int y1) { sumRowsBand(plane, rowSums, width, pitch, y0, y1); });
   });

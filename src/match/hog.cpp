@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "device/cpu/form.h"
 #include "device/launch.h"
 #include "device/memory.h"
 #include "device/report.h"
@@ -50,8 +51,7 @@ void computeOnCpu(const float* image, float* hog, int channels, int h, int w, in
   const match::HogBands bands(image, hog, channels, h, w, p);
   device::Buffer scratch;
   TARVO_CALL(scratch.allocate(bands.scratchFloats()));
-  launchCpuForm([&] { bands.run(scratch.get()); });
-  TARVO_LAUNCHED("box filter only");
+  bands.run(scratch.get());
   TARVO_CALL(scratch.release());
 }
 
@@ -62,8 +62,9 @@ device::Code checkBins(int bins) {
 }  // namespace
 
 void gComputeHOG(const float* image, float* hog, int channels, int bins, int height, int width, int pitch) {
-  if (bins == kHogBins && !device::onCuda()) {
-    computeOnCpu(image, hog, channels, height, width, pitch);
+  if (bins == kHogBins &&
+      device::cpu::runs([&] { computeOnCpu(image, hog, channels, height, width, pitch); })) {
+    TARVO_LAUNCHED("box filter only");
   } else {
     computeWithKernels(image, hog, channels, bins, height, width, pitch);
   }

@@ -61,12 +61,17 @@ static __global__ void __launch_bounds__(kThreads) matchKernel(const kernels::HO
   }
 }
 
-inline void launchMatch(const kernels::HOGMatch_kernel& m) {
+}  // namespace match::cuda
+
+namespace kernels {
+
+inline void launchOnCuda(const HOGMatch_kernel& m) {
+  using namespace match::cuda;
   if (m.outW > 0) {
     device::cuda::start(matchKernel, dim3(static_cast<unsigned>(m.outW)), dim3(kThreads), m);
   }
 }
 
-}  // namespace match::cuda
+}  // namespace kernels
 
 #endif

@@ -105,6 +105,9 @@ struct HostRecords {
 /// the CPU this is decided with less search.
 void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY);
 
+/// Floats that gCreateAndMatchHOG takes from the pool at one time.
+std::size_t matchingFloats(int h, int w, int p);
+
 /// What the records hold of the backward search: all matches and distances, or as matchHome leaves them.
 enum class Backward { Matches, Home };
 

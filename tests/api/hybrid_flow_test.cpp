@@ -85,7 +85,7 @@ TEST(HybridFlow, IsTheSchemeOnTheDevicesMatchesAndSaysSoInOrder) {
                 static_cast<double>(features.energy2(108, 108)),
                 static_cast<double>(features.energy2(72, 206)));
   auto line = outcome.lines.begin();
-  for (const std::string start : std::vector<std::string>{
+  for (const std::string& start : std::vector<std::string>{
            means, energies, "GPU Match",
            "0 : ", "1 : ", "9 : ", "# scales = ", "time in matrix solve = ", "z=3 \n", "Filter time = "}) {
     line = std::find_if(line, outcome.lines.end(),

@@ -150,7 +150,7 @@ TEST(HostFlow, ReturnsForEverySizeAndForPassesOfEqualSize) {
 }
 
 TEST(HostFlow, RefusesWhatDoesNotFit) {
-  enum Outcome { kAccepted, kSizes, kArgument };
+  enum Outcome { kAccepted, kSizesDiffer, kArgument };
   const auto outcome = [](Input in) {
     CTensor<float> flow(2, 2, 7, 9.0f);
     const Report report;
@@ -159,7 +159,7 @@ TEST(HostFlow, RefusesWhatDoesNotFit) {
       in.fixedPointIterations = 1;
       in.run(flow);
     } catch (const ETensorIncompatibleSize&) {
-      result = kSizes;
+      result = kSizesDiffer;
     } catch (const std::invalid_argument&) {
       result = kArgument;
     }
@@ -171,11 +171,11 @@ TEST(HostFlow, RefusesWhatDoesNotFit) {
     Outcome outcome;
     void (*change)(Input& in);
   } kCases[] = {
-      {kSizes, [](Input& in) { in.extraTerm = CMatrix<float>(9, 7, 1.0f); }},
-      {kSizes, [](Input& in) { in.extraTerm = CMatrix<float>(100, 80, 1.0f); }},
-      {kSizes, [](Input& in) { in.matchU = CTensor<float>(9, 8, 2, 0.0f); }},
-      {kSizes, [](Input& in) { in.image2 = CTensor<float>(9, 7, 3, 0.0f); }},
-      {kSizes, [](Input& in) { in.matchV = CTensor<float>(8, 8, 1, 0.0f); }},
+      {kSizesDiffer, [](Input& in) { in.extraTerm = CMatrix<float>(9, 7, 1.0f); }},
+      {kSizesDiffer, [](Input& in) { in.extraTerm = CMatrix<float>(100, 80, 1.0f); }},
+      {kSizesDiffer, [](Input& in) { in.matchU = CTensor<float>(9, 8, 2, 0.0f); }},
+      {kSizesDiffer, [](Input& in) { in.image2 = CTensor<float>(9, 7, 3, 0.0f); }},
+      {kSizesDiffer, [](Input& in) { in.matchV = CTensor<float>(8, 8, 1, 0.0f); }},
       {kArgument, [](Input& in) { in.solverIterations = INT_MAX; }},
       {kAccepted, [](Input& in) { in.solverIterations = INT_MIN; }},
       {kArgument, [](Input& in) { in.eta = 0.0f; }},

@@ -178,8 +178,7 @@ TEST(Device, ComputesInChildrenForkedWhileAnotherThreadComputes) {
     while (!stop) smallFlow();
   });
   for (int i = 0; i < 12; ++i) {
-    EXPECT_EQ(statusOfChild([&] { return exact(planesOf(smallFlow()), expected) ? 0 : 1; }), 0)
-        << i;
+    EXPECT_EQ(statusOfChild([&] { return exact(planesOf(smallFlow()), expected) ? 0 : 1; }), 0) << i;
   }
   stop = true;
   worker.join();

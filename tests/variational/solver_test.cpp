@@ -16,14 +16,19 @@ Planes solvedBy(const TestSystem& system, int iterations, int padding = DevicePl
 
 using kernels::SystemLayout;
 
-/// The system as SystemLayout::once needs it, not-a-number in the planes that it does without.
-TestSystem storedOnce(TestSystem system) {
-  for (const MatrixPlane plane : {kMatrixUV, kMatrixNorth, kMatrixWest}) {
+/// The system in the five planes of SystemLayout::once, not-a-number in the rest of the stack.
+TestSystem storedOnce(const TestSystem& system) {
+  constexpr MatrixPlane kOrder[] = {kMatrixUU, kMatrixVU, kMatrixVV, kMatrixEast, kMatrixSouth};
+  TestSystem once = system;
+  for (int plane = 0; plane < 12; ++plane) {
     for (int y = 0; y < system.h(); ++y) {
-      for (int x = 0; x < system.w(); ++x) system.matrix.at(x, y, plane) = kNan;
+      for (int x = 0; x < system.w(); ++x) {
+        once.matrix.at(x, y, plane) =
+            plane < SystemLayout::kOncePlanes ? system.matrix.at(x, y, kOrder[plane]) : kNan;
+      }
     }
   }
-  return system;
+  return once;
 }
 
 Planes solvedPlainly(const TestSystem& system, int iterations, bool once = false) {

@@ -121,7 +121,7 @@ std::string describe() {
 
 const Backend& cpuBackend() {
   static const Backend backend{"cpu",         allocate,     release, clear, copyRows, synchronize,
-                               takeLastError, setLastError, text,    pitch, describe};
+                               takeLastError, setLastError, text,    pitch, describe, true};
   return backend;
 }
 

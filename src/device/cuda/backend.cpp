@@ -131,7 +131,7 @@ void leaveCuda(int callersDevice) {
 
 const Backend& cudaBackend() {
   static const Backend backend{"cuda",        allocate,     release, clear, copyRows, synchronize,
-                               takeLastError, setLastError, text,    pitch, describe};
+                               takeLastError, setLastError, text,    pitch, describe, false};
   return backend;
 }
 

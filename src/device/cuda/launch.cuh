@@ -17,7 +17,7 @@ __global__ void __launch_bounds__(kBlockX* kBlockY) planeKernel(const Kernel ker
 }
 
 template <class Kernel>
-void launchPlane(const Kernel& kernel) {
+void launchOnCuda(const Kernel& kernel) {
   const int h = rowsOf(kernel, 0);
   const int w = columnsOf(kernel, 0);
   if (h <= 0 || w <= 0) return;

@@ -26,20 +26,22 @@ TARVO_HOST_DEVICE Pair blockSolve(float a0, float a1, float a3, float r1, float 
   return {regular ? z1 : r1, regular ? z2 : r2};
 }
 
-/// Where a solver finds those entries of a symmetric matrix that the stack may hold twice: offsets from the
-/// pixel's element of the stack's first plane.
+/// Where the entries of a pixel's equations stand: offsets from its element of the matrix's first plane, which
+/// is that of UU. Planes have n = h * p floats.
 struct SystemLayout {
-  int uv, north, west;
+  int vu, uv, vv, north, west, east, south;
 
-  /// Every plane is filled, as MakeMatrix_kernel does.
+  /// The twelve planes of the public layout (MatrixPlane), as MakeMatrix_kernel fills them.
   TARVO_HOST_DEVICE static SystemLayout full(int n) {
-    return {kMatrixUV * n, kMatrixNorth * n, kMatrixWest * n};
+    return {kMatrixVU * n,   kMatrixUV * n,   kMatrixVV * n,   kMatrixNorth * n,
+            kMatrixWest * n, kMatrixEast * n, kMatrixSouth * n};
   }
-  /// Planes UV, north and west are not: the coupling of two neighbours stands once, as south of the upper or
-  /// east of the left one. A solve then reads 5 planes instead of 8.
+  /// Five planes: UU, the mixed entry, VV, east and south. The coupling of two neighbours stands once, as south
+  /// of the upper or east of the left one.
   TARVO_HOST_DEVICE static SystemLayout once(int n, int p) {
-    return {kMatrixVU * n, kMatrixSouth * n - p, kMatrixEast * n - 1};
+    return {n, n, 2 * n, 4 * n - p, 3 * n - 1, 3 * n, 4 * n};
   }
+  static constexpr int kOncePlanes = 5;
 };
 
 /// Product with the system matrix: the block, then the neighbours north, west, east, south, every step fused.
@@ -55,11 +57,11 @@ struct MatrixProduct {
     const int i = y * p + x;
     const int n = h * p;
     float out1 = fmaf(d1[i], matrix[i], d2[i] * matrix[i + layout.uv]);
-    float out2 = fmaf(d1[i], matrix[i + secondOff], d2[i] * matrix[i + kMatrixVV * n]);
+    float out2 = fmaf(d1[i], matrix[i + secondOff], d2[i] * matrix[i + layout.vv]);
     if (y >= 1) couple(matrix[i + layout.north], i - p, out1, out2);
     if (x >= 1) couple(matrix[i + layout.west], i - 1, out1, out2);
-    if (x < w - 1) couple(matrix[i + kMatrixEast * n], i + 1, out1, out2);
-    if (y < h - 1) couple(matrix[i + kMatrixSouth * n], i + p, out1, out2);
+    if (x < w - 1) couple(matrix[i + layout.east], i + 1, out1, out2);
+    if (y < h - 1) couple(matrix[i + layout.south], i + p, out1, out2);
     out[i] = out1;
     out[i + n] = out2;
   }
@@ -81,11 +83,11 @@ struct MatrixResidual {
     const int i = y * p + x;
     const int n = h * p;
     float r1 = rhs[i] - fmaf(du[i], matrix[i], dv[i] * matrix[i + layout.uv]);
-    float r2 = rhs[i + n] - fmaf(du[i], matrix[i + kMatrixVU * n], dv[i] * matrix[i + kMatrixVV * n]);
+    float r2 = rhs[i + n] - fmaf(du[i], matrix[i + layout.vu], dv[i] * matrix[i + layout.vv]);
     if (y >= 1) decouple(matrix[i + layout.north], i - p, r1, r2);
     if (x >= 1) decouple(matrix[i + layout.west], i - 1, r1, r2);
-    if (x < w - 1) decouple(matrix[i + kMatrixEast * n], i + 1, r1, r2);
-    if (y < h - 1) decouple(matrix[i + kMatrixSouth * n], i + p, r1, r2);
+    if (x < w - 1) decouple(matrix[i + layout.east], i + 1, r1, r2);
+    if (y < h - 1) decouple(matrix[i + layout.south], i + p, r1, r2);
     r[i] = r1;
     r[i + n] = r2;
   }
@@ -99,12 +101,12 @@ struct applyBlockJacobiPreconditioner_kernel {
   const float *matrix, *r;
   float* z;
   int h, w, p;
+  SystemLayout layout;
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
     const int n = h * p;
-    const Pair pair =
-        blockSolve(matrix[i], matrix[i + kMatrixVU * n], matrix[i + kMatrixVV * n], r[i], r[i + n]);
+    const Pair pair = blockSolve(matrix[i], matrix[i + layout.vu], matrix[i + layout.vv], r[i], r[i + n]);
     z[i] = pair.first;
     z[i + n] = pair.second;
   }
@@ -182,6 +184,7 @@ struct StepAndPrecondition {
   const float* q;
   float* z;
   int h, w, p;
+  SystemLayout layout;
 
   TARVO_HOST_DEVICE void operator()(int column, int row) const {
     if (state->done != 0) return;
@@ -192,7 +195,7 @@ struct StepAndPrecondition {
     x[i + n] = fmaf(alpha, search[i + n], x[i + n]);
     const float r1 = fmaf(-alpha, q[i], r[i]);
     const float r2 = fmaf(-alpha, q[i + n], r[i + n]);
-    const Pair pair = blockSolve(matrix[i], matrix[i + kMatrixVU * n], matrix[i + kMatrixVV * n], r1, r2);
+    const Pair pair = blockSolve(matrix[i], matrix[i + layout.vu], matrix[i + layout.vv], r1, r2);
     r[i] = r1;
     r[i + n] = r2;
     z[i] = pair.first;
