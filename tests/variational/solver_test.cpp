@@ -19,9 +19,7 @@ using kernels::SystemLayout;
 /// The system as SystemLayout::once needs it, not-a-number in the planes that it does without.
 TestSystem storedOnce(TestSystem system) {
   for (const MatrixPlane plane : {kMatrixUV, kMatrixNorth, kMatrixWest}) {
-    for (int y = 0; y < system.h(); ++y) {
-      for (int x = 0; x < system.w(); ++x) system.matrix.at(x, y, plane) = kNan;
-    }
+    forPixels(system.h(), system.w(), [&](int x, int y) { system.matrix.at(x, y, plane) = kNan; });
   }
   return system;
 }
@@ -205,13 +203,11 @@ TEST(SolverKernels, EqualTheReferenceBitForBit) {
     EXPECT_TRUE(exact(device.z.values(), reference::precondition(system.matrix, r)));
     applyJacobiPreconditioner_kernel(device.matrix.get(), device.r.get(), device.z.get(), size.h, size.w, p);
     Planes scaled = r;
-    for (int y = 0; y < size.h; ++y) {
-      for (int x = 0; x < size.w; ++x) {
-        const float uu = system.matrix.at(x, y, kMatrixUU);
-        scaled.at(x, y, 0) /= uu < 0.000001f ? 1.0f : uu;
-        scaled.at(x, y, 1) /= system.matrix.at(x, y, kMatrixVV);
-      }
-    }
+    forPixels(size.h, size.w, [&](int x, int y) {
+      const float uu = system.matrix.at(x, y, kMatrixUU);
+      scaled.at(x, y, 0) /= uu < 0.000001f ? 1.0f : uu;
+      scaled.at(x, y, 1) /= system.matrix.at(x, y, kMatrixVV);
+    });
     EXPECT_TRUE(exact(device.z.values(), scaled));
     for (const DevicePlanes* planes : {&device.r, &device.q, &device.z}) EXPECT_TRUE(planes->intact());
   }
