@@ -143,8 +143,8 @@ bench::FlowRow measure(Rendering& scene, int threads, int runs) {
   do {
     const auto before = clocks();
     const auto start = std::chrono::steady_clock::now();
-    runFlowGPU(scene.frame1, scene.frame2, flow, 0.0f, bench::kAlpha, bench::kBeta, bench::kGamma,
-               bench::kEta, bench::kFixedPointIterations, bench::kSolverIterations);
+    runFlowGPU(scene.frame1, scene.frame2, flow, bench::kDefaults.sigma, bench::kAlpha, bench::kBeta,
+               bench::kGamma, bench::kEta, bench::kFixedPointIterations, bench::kSolverIterations);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
     const auto after = clocks();
     if (run < 0) continue;

@@ -1,12 +1,17 @@
 #pragma once
 
+#include <tarvo/flow.h>
+
 #include <vector>
 
 namespace bench {
 
 // Parameters of every measured computation: the defaults.
-constexpr float kAlpha = 30.0f, kBeta = 300.0f, kGamma = 5.0f, kEta = 0.95f;
-constexpr int kFixedPointIterations = 5, kSolverIterations = 10;
+constexpr NFlow::Parameters kDefaults;
+constexpr float kAlpha = kDefaults.alpha, kBeta = kDefaults.beta, kGamma = kDefaults.gamma,
+                kEta = kDefaults.eta;
+constexpr int kFixedPointIterations = kDefaults.fixedPointIterations,
+              kSolverIterations = kDefaults.solverIterations;
 
 /// One pass of the coarse-to-fine scheme.
 struct Pass {

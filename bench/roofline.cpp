@@ -96,8 +96,8 @@ void measureCalls(const std::vector<bench::Case>& cases, Samples& samples) {
 
 void computeFlow(Rendering& scene) {
   CTensor<float> flow;
-  runFlowGPU(scene.frame1, scene.frame2, flow, 0.0f, bench::kAlpha, bench::kBeta, bench::kGamma, bench::kEta,
-             bench::kFixedPointIterations, bench::kSolverIterations);
+  runFlowGPU(scene.frame1, scene.frame2, flow, bench::kDefaults.sigma, bench::kAlpha, bench::kBeta,
+             bench::kGamma, bench::kEta, bench::kFixedPointIterations, bench::kSolverIterations);
 }
 
 /// A whole direction by the library's clocks; the confidence, which has none, lies within the matching's.

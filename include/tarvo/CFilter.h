@@ -4,7 +4,7 @@
 #include <tarvo/export.h>
 
 /// One-dimensional filter mask. Entry (centre + i) is the weight of the sample at offset i from the output
-/// position. Exists for float, as do the masks derived from it.
+/// position. Available for float, as are the masks derived from it.
 template <typename T>
 class TARVO_API CFilter : public CVector<T> {
  public:
@@ -15,7 +15,7 @@ class TARVO_API CFilter : public CVector<T> {
   /// @throws std::invalid_argument  centre is not one of the entries
   CFilter(int size, int centre);
   CFilter(const CFilter& other) = default;
-  /// Takes the entries of `other` over, which becomes empty.
+  /// Takes over the entries of `other`, which becomes empty.
   CFilter(CFilter&& other) noexcept;
   ~CFilter() override;
 
@@ -34,11 +34,11 @@ template <typename T>
 class TARVO_API CSmooth : public CFilter<T> {
  public:
   /// Radius r = ceil(precision * sigma), 2 * r + 1 entries, centre r.
-  /// @param sigma      standard deviation [samples]. Not greater than 0 (not-a-number included), or so small
-  /// that
-  ///                   its square vanishes in single precision: one entry 1, which leaves samples unchanged.
+  /// @param sigma      standard deviation [samples]. If it is not greater than 0 (not-a-number included), or
+  ///                   so small that its square vanishes in single precision, the mask is one entry 1, which
+  ///                   leaves samples unchanged.
   /// @param precision  radius in standard deviations; 3 is usual. A radius below 0 counts as 0.
-  /// @throws std::length_error  the radius is too large for a mask
+  /// @throws std::length_error  2 * r + 1 does not fit an int
   CSmooth(float sigma, float precision);
 };
 

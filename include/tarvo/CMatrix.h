@@ -3,8 +3,8 @@
 #include <tarvo/export.h>
 
 /// Owning array of sizeX columns and sizeY rows, row by row: element (x, y) lies at data()[y * sizeX + x].
-/// Copies copy the elements; a container without storage has a null data pointer and sizes 0. Exists for
-/// float, double and bool (one byte per element).
+/// Copying copies the elements; a container without storage has a null data pointer and sizes 0.
+/// Available for float, double and bool (one byte per element).
 template <typename T>
 class TARVO_API CMatrix {
  public:
@@ -18,15 +18,14 @@ class TARVO_API CMatrix {
   CMatrix(int sizeX, int sizeY, T fill);
   /// A new array with the sizes and elements of `other`.
   CMatrix(const CMatrix& other);
-  /// Takes sizes and array of `other` over, which becomes empty.
+  /// Takes over the sizes and the array of `other`, which becomes empty.
   CMatrix(CMatrix&& other) noexcept;
   virtual ~CMatrix();
 
   /// Copies sizes and elements. An array with the same number of elements is kept and overwritten (the shape
-  /// may change), any other is released first; an empty source empties this matrix. Empty after
-  /// std::bad_alloc.
+  /// may change), any other is released first. An empty source empties this matrix; so does std::bad_alloc.
   CMatrix& operator=(const CMatrix& other);
-  /// Releases this array and takes sizes and array of `other` over, which becomes empty.
+  /// Releases this array and takes over the sizes and the array of `other`, which becomes empty.
   CMatrix& operator=(CMatrix&& other) noexcept;
 
   /// Number of columns.
@@ -42,39 +41,40 @@ class TARVO_API CMatrix {
   T& operator()(int x, int y) { return data_[y * sizeX_ + x]; }
   const T& operator()(int x, int y) const { return data_[y * sizeX_ + x]; }
 
-  // Other sizes, in place; for float. If anything is thrown, this matrix is as it was.
+  // Resampling to other sizes, in place; for float. If anything is thrown, this matrix is unchanged.
 
-  /// Area average: every new element is the mean of the old ones over the area that it covers, parts of
-  /// elements with their share. Single precision, rows first.
-  /// @param newX, newY  1 ... the old sizes; a size that stays is passed through
+  /// Area average: every new element is the mean of the old ones over the area that it covers; an element
+  /// that is covered in part counts in proportion. Single precision, along rows first.
+  /// @param newX, newY  1 ... the old sizes; along an axis whose size stays nothing is averaged
   /// @throws std::invalid_argument  other sizes
   void downsample(int newX, int newY);
 
-  /// Weighted reduction: element (x, y) is spread over the four new elements around (x * newX / sizeX, y *
-  /// newY / sizeY), bilinearly, with the weight confidence(x, y); a new element is the mean of what it
-  /// receives, 0 if that is nothing.
-  /// @param newX, newY  from 1 up
-  /// @param confidence  sizes of this matrix; elements that are not greater than 0 (not-a-number included)
-  ///                    add nothing. May be this matrix.
+  /// Weighted reduction: element (x, y) is spread bilinearly, with the weight confidence(x, y), over the four
+  /// new elements around (x * newX / sizeX, y * newY / sizeY). A new element is the weighted mean of what it
+  /// receives, or 0 if it receives nothing.
+  /// @param newX, newY  at least 1
+  /// @param confidence  same sizes as this matrix; an element that is not greater than 0 (not-a-number
+  ///                    included) contributes nothing. May be this matrix.
   /// @throws ETensorIncompatibleSize  confidence has other sizes
   /// @throws std::invalid_argument    sizes below 1
   void downsample(int newX, int newY, CMatrix& confidence);
 
-  /// Bilinear samples at the centres of the new elements, borders repeated. Meant for enlargement: nothing is
-  /// averaged where the new sizes are smaller.
-  /// @param newX, newY  from 1 up
+  /// Bilinear samples at the centres of the new elements, borders repeated. Meant for enlargement: where the
+  /// new sizes are smaller nothing is averaged.
+  /// @param newX, newY  at least 1
   /// @throws std::invalid_argument  sizes below 1, or an empty matrix
   void upsampleBilinear(int newX, int newY);
 
   // Algebra: a matrix of sizeX columns and sizeY rows.
 
-  /// This matrix times `other`, summed up in increasing index in the element's own precision. For float and
-  /// double.
+  /// This matrix times `other`; terms are added in order of increasing index, in the precision of T. For
+  /// float and double.
   /// @throws EIncompatibleMatrices  sizeX is not other.sizeY; nothing has changed then
   CMatrix& operator*=(const CMatrix& other);
 
-  /// Replaces a square matrix by its inverse: Gauss-Jordan elimination with the largest element of a column
-  /// as pivot. For double. A singular matrix is left partly transformed, without a message.
+  /// Replaces a square matrix by its inverse: Gauss-Jordan elimination; the pivot of a column is its largest
+  /// remaining element in magnitude. For double. A singular matrix is left partly transformed, without a
+  /// message.
   /// @throws ENonquadraticMatrix  not square; nothing has changed then
   void inv();
 

@@ -2,11 +2,11 @@
 
 #include <tarvo/export.h>
 
-/// Owning stack of sizeZ planes, each sizeX columns by sizeY rows: element (x, y, z) lies at
-/// data()[(z * sizeY + y) * sizeX + x], so that plane z is laid out as a CMatrix of the same x and y sizes
-/// and starts at element z * sizeX * sizeY. A colour image has one plane per channel; a flow field has plane
-/// 0 for the horizontal and plane 1 for the vertical displacement. Copies copy the elements; a container
-/// without storage has a null data pointer and sizes 0. Exists for float.
+/// Owning stack of sizeZ planes, each sizeX columns by sizeY rows: element (x, y, z) lies at data()[(z *
+/// sizeY + y) * sizeX + x], so that plane z is laid out as a CMatrix of the same x and y sizes and starts at
+/// element z * sizeX * sizeY. A colour image has one plane per channel; a flow field has plane 0 for the
+/// horizontal and plane 1 for the vertical displacement. Copying copies the elements; a container without
+/// storage has a null data pointer and sizes 0. Available for float.
 template <typename T>
 class TARVO_API CTensor {
  public:
@@ -20,15 +20,15 @@ class TARVO_API CTensor {
   CTensor(int sizeX, int sizeY, int sizeZ, T fill);
   /// A new array with the sizes and elements of `other`.
   CTensor(const CTensor& other);
-  /// Takes sizes and array of `other` over, which becomes empty.
+  /// Takes over the sizes and the array of `other`, which becomes empty.
   CTensor(CTensor&& other) noexcept;
   virtual ~CTensor();
 
-  /// Copies sizes and elements. An array with the same number of elements is kept and overwritten (a 4 x 5 x
-  /// 2 tensor receives a 10 x 4 x 1 tensor without reallocation), any other is released first; an empty
-  /// source empties this tensor. Empty after std::bad_alloc.
+  /// Copies sizes and elements. An array with the same number of elements is kept and overwritten (a tensor
+  /// of 4 x 5 x 2 receives one of 10 x 4 x 1 without reallocation), any other is released first. An empty
+  /// source empties this tensor, and so does std::bad_alloc.
   CTensor& operator=(const CTensor& other);
-  /// Releases this array and takes sizes and array of `other` over, which becomes empty.
+  /// Releases this array and takes over the sizes and the array of `other`, which becomes empty.
   CTensor& operator=(CTensor&& other) noexcept;
 
   /// Number of columns.
@@ -46,8 +46,8 @@ class TARVO_API CTensor {
   T& operator()(int x, int y, int z) { return data_[(z * sizeY_ + y) * sizeX_ + x]; }
   const T& operator()(int x, int y, int z) const { return data_[(z * sizeY_ + y) * sizeX_ + x]; }
 
-  // Other x and y sizes, in place: CMatrix's operation of the same name on every plane. If anything is
-  // thrown, this tensor is as it was.
+  // Resampling to other x and y sizes, in place: the CMatrix operation of the same name on every plane. If
+  // anything is thrown, this tensor is unchanged.
 
   void downsample(int newX, int newY);
   /// Plane z of `confidence` weights plane z. It may be this tensor.

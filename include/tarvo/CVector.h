@@ -2,28 +2,29 @@
 
 #include <tarvo/export.h>
 
-/// Owning array of `size` elements. Copies copy the elements; a container without storage has a null data
-/// pointer and size 0. Exists for float and double.
+/// Owning array of `size` elements. Copying copies the elements; a container without storage has a null data
+/// pointer and size 0. Available for float and double.
 template <typename T>
 class TARVO_API CVector {
  public:
   /// Empty: size 0, no storage.
   CVector() = default;
   /// `size` elements with unspecified contents.
-  /// @throws std::length_error  negative size; std::bad_alloc if there is no memory
+  /// @throws std::length_error  negative size
+  /// @throws std::bad_alloc     no memory
   explicit CVector(int size);
   /// `size` elements, each equal to `fill`. Throws as above.
   CVector(int size, T fill);
   /// A new array with the elements of `other`.
   CVector(const CVector& other);
-  /// Takes the array of `other` over, which becomes empty.
+  /// Takes over the array of `other`, which becomes empty.
   CVector(CVector&& other) noexcept;
   virtual ~CVector();
 
   /// Copies size and elements. An array with the same number of elements is kept and overwritten, any other
-  /// is released first; an empty source empties this vector. Empty after std::bad_alloc.
+  /// is released first. An empty source empties this vector, and so does std::bad_alloc.
   CVector& operator=(const CVector& other);
-  /// Releases this array and takes that of `other` over, which becomes empty.
+  /// Releases this array and takes over that of `other`, which becomes empty.
   CVector& operator=(CVector&& other) noexcept;
 
   /// Number of elements.

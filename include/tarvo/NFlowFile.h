@@ -5,8 +5,8 @@
 #include <tarvo/CTensor.h>
 #include <tarvo/export.h>
 
-/// Flow files with exceptions instead of messages; format and care as in COpticFlow::readMiddlebury and
-/// COpticFlow::writeMiddlebury. Optional: the library itself does not need it.
+/// Flow files, with exceptions instead of messages. Format and handling are those of
+/// COpticFlow::readMiddlebury and COpticFlow::writeMiddlebury.
 namespace NFlowFile {
 
 /// Reads a flow file into a tensor of width x height x 2 (u, v in pixels; a component of magnitude 1e9 or
@@ -15,8 +15,8 @@ namespace NFlowFile {
 TARVO_API CTensor<float> read(const std::string& path);
 
 /// Writes planes 0 and 1 of `flow`; any file name is accepted. The file appears under its name when it is
-/// complete; on failure a file that was there before stays.
-/// Throws std::runtime_error naming the file and the reason.
+/// complete; on failure a file that was there before is left unchanged. Throws std::runtime_error naming the
+/// file and the reason.
 TARVO_API void write(const std::string& path, const CTensor<float>& flow);
 
 }  // namespace NFlowFile

@@ -2,7 +2,7 @@
 
 namespace NMath {
 
-/// The circle number in single precision, as every formula of the library uses it.
+/// Pi in single precision.
 inline constexpr float Pi = 3.1415927f;
 
 }  // namespace NMath

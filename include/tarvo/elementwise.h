@@ -4,9 +4,9 @@
 
 // Element-wise kernels over device planes and small diagnostics.
 //
-// Kernels: each touches element i = y * p + x of every argument for x < w, y < h; padding columns stay as
-// they are. Pass h * planes as h to cover a stack. Launched without a check: an error is reported by the next
-// one.
+// Kernels: each touches element i = y * p + x of every argument for x < w, y < h; padding columns keep their
+// values. Pass h * planes as h to cover a stack. The launch is not checked ("No check" in these headers): an
+// error shows at the next check.
 
 /// a[i] = a[i] * s.
 TARVO_API void Scale_kernel(float* a, int h, int w, int p, float s);
@@ -14,7 +14,7 @@ TARVO_API void Scale_kernel(float* a, int h, int w, int p, float s);
 TARVO_API void Scale1_kernel(float* a, int h, int w, int p, float s);
 /// a[i] = s.
 TARVO_API void setValue_kernel(float* a, int h, int w, int p, float s);
-/// a[i] = lo where a[i] < lo, then hi where a[i] > hi; a not-a-number passes unchanged.
+/// a[i] = lo where a[i] < lo, then hi where a[i] > hi; a not-a-number stays.
 TARVO_API void Bound_kernel(float* a, float lo, float hi, int h, int w, int p);
 /// a[i] = b[i] + a[i].
 TARVO_API void Add_kernel(float* a, const float* b, int h, int w, int p);

@@ -4,10 +4,11 @@
 
 #include <exception>
 
-/// What the containers and filters throw when they are misused. Each class writes one line to standard error
-/// when it is constructed and flushes it; what() is the bare class name. They carry no data.
+// What the containers and filters throw when they are misused. Every class but EFilterNotAvailable writes one
+// line to standard error when it is constructed, and flushes it. what() is the bare class name; they carry no
+// data.
 
-/// Two containers that have to match in size do not.
+/// Two containers whose sizes must match do not match.
 class TARVO_API ETensorIncompatibleSize : public std::exception {
  public:
   /// Sizes of the first (x1, y1) and of the second container (x2, y2).
@@ -23,7 +24,7 @@ class TARVO_API EIncompatibleMatrices : public std::exception {
   const char* what() const noexcept override;
 };
 
-/// A matrix that has to be square is not.
+/// A matrix that must be square is not.
 class TARVO_API ENonquadraticMatrix : public std::exception {
  public:
   ENonquadraticMatrix(int x, int y);
@@ -38,7 +39,7 @@ class TARVO_API EFilterIncompatibleSize : public std::exception {
   const char* what() const noexcept override;
 };
 
-/// No mask is defined for the size that was asked for. The only one that writes no message.
+/// No mask is defined for the requested size. Writes no message.
 class TARVO_API EFilterNotAvailable : public std::exception {
  public:
   EFilterNotAvailable();

@@ -4,9 +4,9 @@
 
 #include <sys/time.h>
 
-// Wall-clock accumulators in milliseconds, one per phase, with the pair of clock readings each was last fed
-// from. They only grow: every value is a total since the library was loaded. Read them between calls, not
-// during one.
+// Wall-clock accumulators in milliseconds, one per phase, each with the two clock readings that were added to
+// it last. They only grow: every value is a total since the library was loaded. Read them between calls, not
+// during a call.
 
 extern TARVO_API double timer_filter;       ///< host pre-smoothing of the images
 extern TARVO_API double timer_memcpy1;      ///< upload and download of one flow computation
@@ -15,13 +15,13 @@ extern TARVO_API double timer_var;          ///< the variational step
 extern TARVO_API double timer_total;        ///< a whole flow computation, without device initialisation
 extern TARVO_API double timer_hogc;         ///< creation of the histogram fields
 extern TARVO_API double timer_hogmatch;     ///< confidence, energies, matching and consistency check
-extern TARVO_API double timer_memcpy;       ///< level match planes; transfers of the host-array functions
+extern TARVO_API double timer_memcpy;       ///< match planes of the levels; transfers of variationalFlow
 extern TARVO_API double timer_down;         ///< building each level's images and match planes
 extern TARVO_API double timer_interp_warp;  ///< flow prolongation, validity plane and warping
 extern TARVO_API double timer_makematrix;   ///< each fixed-point step, solver included
 extern TARVO_API double timer_solver;       ///< each linear solve
 
-// Processor time (as std::clock counts it, of all threads) in clock ticks, CLOCKS_PER_SEC to the second.
+// Processor time of all threads, as std::clock counts it, in ticks: CLOCKS_PER_SEC to the second.
 
 extern TARVO_API double setup_time;  ///< COpticFlow::nonlinearIteration, solver included
 extern TARVO_API double sortimer;    ///< SORIterations

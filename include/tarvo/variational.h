@@ -8,7 +8,7 @@
 // in the second, displacements in pixels, u to the right and v downwards. Any device error prints its message
 // (unit "OpticalFlowGPU") and ends the process.
 
-/// Work buffers of the fixed-point step. A view; the caller owns the buffers.
+/// Work buffers of the fixed-point step. The caller owns them.
 struct FPtmp {
   float* increment;    ///< 2 planes: du, dv
   float* stData;       ///< 6 planes: brightness-constancy tensor
@@ -24,19 +24,20 @@ struct FPtmp {
   float* rhs;          ///< 2 planes: right-hand side
 };
 
-/// Flow from image 1 to image 2, coarse to fine, then five further passes at full resolution without matches.
+/// Flow from image 1 to image 2, coarse to fine, then five more passes at full resolution without matches. If
+/// the picture is too small for any pass the flow is zero.
 /// @param image1, image2 device stacks of three planes, values 0 ... 255
 /// @param uOut, vOut     out: two new planes of the images' size and pitch, released with NDevice::release
-/// @param matchU, matchV, matchWeight match field planes: displacement [pixels] and weight (0: no match)
-/// @param candidates, reserved no effect; pass 1
+/// @param matchU, matchV, matchWeight  match field: displacement [pixels] and weight (0: no match)
+/// @param candidates, reserved  no effect; pass 1
 /// @param channels       3
-/// @param sigma          greater than 0 prints a notice; no smoothing here
+/// @param sigma          if greater than 0 a notice is printed; this function does not smooth
 /// @param alpha          weight of the smoothness term
 /// @param beta           weight of the match term
 /// @param gamma          weight of the gradient term; gamma * eta^l on level l
 /// @param eta            size ratio of consecutive levels, between 0 and 1
-/// @param fixedPointIterations, solverIterations per pass; solver iterations are doubled for the last five
-/// passes Where the picture is too small for any pass the flow is zero.
+/// @param fixedPointIterations  per pass
+/// @param solverIterations      per fixed-point iteration; doubled in the last five passes
 TARVO_API void gVariationalFlowTarvo(float* image1, float* image2, float** uOut, float** vOut, float* matchU,
                                      float* matchV, float* matchWeight, int candidates, int height, int width,
                                      int pitch, int channels, float sigma, float alpha, float beta,
@@ -49,7 +50,7 @@ TARVO_API void variationalFlowTarvo(float* image1, float* image2, float* u, floa
                                     float* matchV, float* matchWeight, int candidates, int height, int width,
                                     int channels, float sigma, float alpha, float beta, float gamma,
                                     float eta, int fixedPointIterations, int solverIterations, int reserved);
-/// The same without matches: the match arguments are not read.
+/// The same without matches: the match arguments are not read. `sigma` greater than 0 prints the notice.
 TARVO_API void variationalFlow(float* image1, float* image2, float* u, float* v, float* matchU, float* matchV,
                                float* matchWeight, int candidates, int height, int width, int channels,
                                float sigma, float alpha, float beta, float gamma, float eta,
@@ -65,8 +66,8 @@ TARVO_API float gObjectiveValue(float* image1, float* image2, float* u, float* v
 /// @param image1, warped2 `channels` stacked planes; warped2 is the second image warped by (u, v)
 /// @param gconf           validity of the warp: 1 inside, 0 outside
 /// @param gamma           the level's gradient weight
-/// @param matchWeightIn        in: weights; null means no matches, and matchU and matchV are not read
-/// @param candidates, reserved no effect
+/// @param matchWeightIn   weights of the matches; null: no matches, matchU and matchV are not read
+/// @param candidates, reserved  no effect
 /// @param cg, fp          scratch; contents lost
 TARVO_API void gNonLinearIteration(float* image1, float* warped2, float* gconf, float* matchU, float* matchV,
                                    float* matchWeightIn, int candidates, float* u, float* v, int h, int w,
@@ -79,7 +80,7 @@ TARVO_API void NonLinearIteration(float* image1, float* warped2, float* gconf, f
                                   float alpha, float beta, float gamma, int fixedPointIterations,
                                   int solverIterations, float reserved);
 
-/// dataFactor = 1 / sqrt(E + 0.000001), E = d^T J d with d = (du, dv, 1), negative E counted as 0. No check.
+/// dataFactor = 1 / sqrt(E + 0.000001), E = d^T J d with d = (du, dv, 1); a negative E counts as 0. No check.
 TARVO_API void DataFactor_kernel(const float* stData, const float* du, const float* dv, float* dataFactor,
                                  int h, int w, int p);
 /// gradFactor = gamma / sqrt(E + 0.000001), likewise. No check.
@@ -97,7 +98,7 @@ TARVO_API void MakeMatrix_kernel(float* matrix, float* rhs, const float* dataFac
                                  const float* matchRhsU, const float* matchRhsV, const float* u,
                                  const float* v, const float* diffX, const float* diffY, int h, int w, int p,
                                  float gamma, float alpha);
-/// The same with couplings that lack the factor alpha. No check.
+/// The same, but the couplings lack the factor alpha. No check.
 TARVO_API void MakeMatrix_dummy_kernel(float* matrix, float* rhs, const float* dataFactor,
                                        const float* gradFactor, const float* matchWeight, const float* stData,
                                        const float* stGrad, const float* matchRhsU, const float* matchRhsV,

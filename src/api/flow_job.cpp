@@ -58,13 +58,12 @@ void match(DeviceFlow& job) {
   HOG.stop();
 }
 
-void solve(DeviceFlow& job, const variational::FlowWeights& weights) {
+void solve(DeviceFlow& job, const NFlow::Parameters& a) {
   auto var = TARVO_STOPWATCH(var);
   float *u = nullptr, *v = nullptr;
   gVariationalFlowTarvo(job.image1.get(), job.image2.get(), &u, &v, job.matchU.get(), job.matchV.get(),
-                        job.matchWeight.get(), 1, job.h, job.w, job.p, job.channels, 0.0f, weights.alpha,
-                        weights.beta, weights.gamma, weights.eta, weights.fixedPointIterations,
-                        weights.solverIterations, 1);
+                        job.matchWeight.get(), 1, job.h, job.w, job.p, job.channels, 0.0f, a.alpha, a.beta,
+                        a.gamma, a.eta, a.fixedPointIterations, a.solverIterations, 1);
   job.u = device::Buffer::adopt(u);
   job.v = device::Buffer::adopt(v);
   var.stop();
@@ -107,7 +106,7 @@ std::string sizeOf(const CTensor<float>& image) {
 }  // namespace
 
 void checkArguments(const char* function, const CTensor<float>& image1, const CTensor<float>& image2,
-                    const FlowParameters& parameters) {
+                    const NFlow::Parameters& parameters) {
   if (image1.sizeX() != image2.sizeX() || image1.sizeY() != image2.sizeY() ||
       image1.sizeZ() != image2.sizeZ()) {
     throw std::invalid_argument(std::string(function) + ": image1 and image2 must have the same size, got " +
@@ -117,7 +116,8 @@ void checkArguments(const char* function, const CTensor<float>& image1, const CT
   if (std::isinf(parameters.sigma) && parameters.sigma > 0.0f) {
     throw std::invalid_argument(std::string(function) + ": sigma must be finite, got inf");
   }
-  variational::checkWeights(function, parameters.weights);
+  variational::checkWeights(function, {parameters.alpha, parameters.beta, parameters.gamma, parameters.eta,
+                                       parameters.fixedPointIterations, parameters.solverIterations});
 }
 
 void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma) {
@@ -136,7 +136,7 @@ bool matchingEnabled() {
 }
 
 void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
-                 const FlowParameters& parameters) {
+                 const NFlow::Parameters& parameters) {
   device::chosenPitch(image1.sizeX());  // chooses and starts the device before any clock
   auto total = TARVO_STOPWATCH(total);
   smooth(image1, image2, parameters.sigma);
@@ -146,7 +146,7 @@ void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>&
   job.channels = image1.sizeZ();
   upload(job, image1, image2);
   match(job);
-  solve(job, parameters.weights);
+  solve(job, parameters);
   download(job, flow);
   release(job);
   total.stop();

@@ -1,20 +1,12 @@
 #pragma once
 
-#include <tarvo/CTensor.h>
-
-#include "variational/flow/weights.h"
+#include <tarvo/flow.h>
 
 namespace api {
 
-/// The seven parameters of a flow computation.
-struct FlowParameters {
-  float sigma;
-  variational::FlowWeights weights;
-};
-
 /// Throws std::invalid_argument, in the name of `function`, unless a flow can be computed from these.
 void checkArguments(const char* function, const CTensor<float>& image1, const CTensor<float>& image2,
-                    const FlowParameters& parameters);
+                    const NFlow::Parameters& parameters);
 
 /// Smooths both images in place if sigma > 0; counts as timer_filter.
 void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma);
@@ -24,6 +16,6 @@ bool matchingEnabled();
 
 /// One flow computation on the device, on checked arguments, inside a device::Entry.
 void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
-                 const FlowParameters& parameters);
+                 const NFlow::Parameters& parameters);
 
 }  // namespace api

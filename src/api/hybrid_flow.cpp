@@ -87,7 +87,7 @@ void printSum(float sum) {
 void runFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow, float sigma, float alpha,
              float beta, float gamma, float eta, int fixedPointIterations, int solverIterations) {
   api::checkArguments("runFlow", image1, image2,
-                      {sigma, {alpha, beta, gamma, eta, fixedPointIterations, solverIterations}});
+                      {sigma, alpha, beta, gamma, eta, fixedPointIterations, solverIterations});
   const device::Entry entry;
   api::smooth(image1, image2, sigma);
   MatchField matches = matchPictures(image1, image2);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <tarvo/elementwise.h>
-#include <tarvo/export.h>
 
 #include <algorithm>
 #include <vector>
@@ -103,8 +102,8 @@ struct HostRecords {
 
 /// A backward search: as HOGMatch_kernel, but a point's match is only told where it lies within one pixel of
 /// the point's home (x, y >= 2); elsewhere what is told lies farther off, and the distances mean nothing. On
-/// the CPU this is decided with less search. Exported because the tests hold it against HOGMatch_kernel.
-TARVO_API void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY);
+/// the CPU this is decided with less search.
+void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY);
 
 /// What the records hold of the backward search: all matches and distances, or as matchHome leaves them.
 enum class Backward { Matches, Home };

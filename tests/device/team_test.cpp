@@ -1,4 +1,4 @@
-// The CPU device's thread team, compiled into this program because the library does not export it.
+// The CPU device's thread team.
 #include "device/cpu/team.h"
 
 #include <gtest/gtest.h>
@@ -8,12 +8,6 @@
 #include <atomic>
 #include <thread>
 #include <vector>
-
-#include "device/device.h"
-
-unsigned device::plainFloatMode() {
-  return 0;
-}
 
 namespace {
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarvo/flow.h>
+
 #include <string>
 
 #include "commands/console.h"
@@ -8,16 +10,7 @@
 /// UsageError for arguments that can't go together and std::exception for what fails while running.
 namespace tool {
 
-/// The parameters of a flow computation with the library's defaults.
-struct FlowParameters {
-  float sigma = 0;
-  float alpha = 30;
-  float beta = 300;
-  float gamma = 5;
-  float eta = 0.95f;
-  int fixedPointIterations = 5;
-  int solverIterations = 10;
-};
+using FlowParameters = NFlow::Parameters;
 
 struct FlowOptions {
   std::string frame1, frame2;

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <tarvo/export.h>
-
 #include <vector>
 
 #include "device/memory.h"
@@ -41,9 +39,8 @@ class MatchLevels {
   std::vector<int> rows_;       // first match of every row, and the number of matches
 };
 
-/// One level of a MatchLevels that is made for it alone. Exported because the tests hold it against
-/// `downsample`.
-TARVO_API void averageMatches(const MatchField& field, int h, int w, int p, float* u, float* v, float* weight,
-                              int outH, int outW, int outP, float scale);
+/// One level of a MatchLevels that is made for it alone. The tests hold it against `downsample`.
+void averageMatches(const MatchField& field, int h, int w, int p, float* u, float* v, float* weight, int outH,
+                    int outW, int outP, float scale);
 
 }  // namespace variational

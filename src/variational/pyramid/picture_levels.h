@@ -1,7 +1,5 @@
 #pragma once
 
-#include <tarvo/export.h>
-
 #include <cstddef>
 #include <vector>
 
@@ -48,9 +46,8 @@ class PictureLevels {
 };
 
 /// The levels of a PictureLevels one after the other; out: for each a stack of six planes of its size.
-/// Exported because the tests hold it against `downsample`.
-TARVO_API void averagePictures(const float* image1, const float* image2, int h, int w, int p,
-                               const std::vector<PictureLevels::Size>& levels,
-                               const std::vector<float*>& out);
+/// The tests hold it against `downsample`.
+void averagePictures(const float* image1, const float* image2, int h, int w, int p,
+                     const std::vector<PictureLevels::Size>& levels, const std::vector<float*>& out);
 
 }  // namespace variational

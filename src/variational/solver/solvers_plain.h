@@ -8,8 +8,8 @@ namespace variational {
 
 /// gPCG as a list of kernel launches, one per step: the form that leaves the contents of the work vectors as
 /// promised for no iterations, that of CUDA devices without cooperative launches, and the twin against which
-/// the tests hold the devices' own forms (which is why it is exported). x is the stack (du, dv).
-TARVO_API void plainPCG(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations,
-                        CGtmp cg, kernels::SystemLayout layout);
+/// the tests hold the devices' own forms. x is the stack (du, dv).
+void plainPCG(const float* matrix, const float* rhs, float* x, int h, int w, int p, int iterations, CGtmp cg,
+              kernels::SystemLayout layout);
 
 }  // namespace variational
