@@ -35,14 +35,12 @@ double meanError(const CTensor<float>& flow, const CTensor<float>& truth) {
   constexpr float kUnknown = 1e9f;
   double sum = 0.0;
   long pixels = 0;
-  for (int y = 0; y < truth.sizeY(); ++y) {
-    for (int x = 0; x < truth.sizeX(); ++x) {
-      if (!(std::fabs(truth(x, y, 0)) < kUnknown && std::fabs(truth(x, y, 1)) < kUnknown)) continue;
-      sum += std::hypot(static_cast<double>(flow(x, y, 0) - truth(x, y, 0)),
-                        static_cast<double>(flow(x, y, 1) - truth(x, y, 1)));
-      ++pixels;
-    }
-  }
+  forPixels(truth.sizeY(), truth.sizeX(), [&](int x, int y) {
+    if (!(std::fabs(truth(x, y, 0)) < kUnknown && std::fabs(truth(x, y, 1)) < kUnknown)) return;
+    sum += std::hypot(static_cast<double>(flow(x, y, 0) - truth(x, y, 0)),
+                      static_cast<double>(flow(x, y, 1) - truth(x, y, 1)));
+    ++pixels;
+  });
   return sum / static_cast<double>(pixels);
 }
 

@@ -42,11 +42,8 @@ struct Level {
 /// The planes at least `border` pixels inside.
 Planes inner(const Planes& planes, int border) {
   Planes part(planes.h - 2 * border, planes.w - 2 * border, planes.count);
-  for (int k = 0; k < planes.count; ++k) {
-    for (int y = 0; y < part.h; ++y) {
-      for (int x = 0; x < part.w; ++x) part.at(x, y, k) = planes.at(x + border, y + border, k);
-    }
-  }
+  forPixels(part.h, part.w, planes.count,
+            [&](int x, int y, int k) { part.at(x, y, k) = planes.at(x + border, y + border, k); });
   return part;
 }
 
@@ -115,14 +112,12 @@ TEST(HostSystem, IsTheDeviceSystemDividedByAlphaInsideTheMasksReach) {
 
 TEST(HostDiffusivity, IsTheInverseGradientOfTheTotalFlow) {
   CTensor<float> flow(7, 6, 2), increment(7, 6, 2);
-  for (int y = 0; y < 6; ++y) {
-    for (int x = 0; x < 7; ++x) {
-      flow(x, y, 0) = static_cast<float>(x);
-      increment(x, y, 0) = static_cast<float>(x + 2 * y);  // u = 2 x + 2 y
-      flow(x, y, 1) = static_cast<float>(3 - 4 * y);
-      increment(x, y, 1) = 2.0f;  // v = 5 - 4 y
-    }
-  }
+  forPixels(6, 7, [&](int x, int y) {
+    flow(x, y, 0) = static_cast<float>(x);
+    increment(x, y, 0) = static_cast<float>(x + 2 * y);  // u = 2 x + 2 y
+    flow(x, y, 1) = static_cast<float>(3 - 4 * y);
+    increment(x, y, 1) = 2.0f;  // v = 5 - 4 y
+  });
   CMatrix<float> diffX(7, 6), diffY(7, 6), extra(7, 6, 3.0f);
   const auto root = [](float squares) { return 1.0f / std::sqrt(squares); };
   COpticFlow::diffusivity(flow, increment, diffX, diffY, nullptr, 7.0f);

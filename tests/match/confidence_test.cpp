@@ -49,15 +49,13 @@ Planes hostReference(const Planes& image) {
   }
   NFilter::recursiveSmoothX(tensor, 4.0f);
   NFilter::recursiveSmoothY(tensor, 4.0f);
-  for (int y = 0; y < image.h; ++y) {
-    for (int x = 0; x < image.w; ++x) {
-      const float xx = tensor(x, y, 0), xy = tensor(x, y, 1), yy = tensor(x, y, 2);
-      const float t = (xx + yy) * 0.5f;
-      const float q = t * t + xy * xy - yy * xx;
-      const double root = std::sqrt(q < 0.0f ? 0.0 : static_cast<double>(q));
-      out.at(x, y) = static_cast<float>((static_cast<double>(t) - root) * static_cast<double>(out.at(x, y)));
-    }
-  }
+  forPixels(image.h, image.w, [&](int x, int y) {
+    const float xx = tensor(x, y, 0), xy = tensor(x, y, 1), yy = tensor(x, y, 2);
+    const float t = (xx + yy) * 0.5f;
+    const float q = t * t + xy * xy - yy * xx;
+    const double root = std::sqrt(q < 0.0f ? 0.0 : static_cast<double>(q));
+    out.at(x, y) = static_cast<float>((static_cast<double>(t) - root) * static_cast<double>(out.at(x, y)));
+  });
   return out;
 }
 
@@ -106,11 +104,9 @@ TEST(Confidence, FindsCornersOnly) {
     const Planes corners = of(square);
     EXPECT_EQ(corners.at(25, 25), 0.0f);  // no derivatives of its own
     int bestX = 0, bestY = 0;
-    for (int y = 0; y < 60; ++y) {
-      for (int x = 0; x < 60; ++x) {
-        if (corners.at(x, y) > corners.at(bestX, bestY)) bestX = x, bestY = y;
-      }
-    }
+    forPixels(60, 60, [&](int x, int y) {
+      if (corners.at(x, y) > corners.at(bestX, bestY)) bestX = x, bestY = y;
+    });
     const int fromX = std::min(std::abs(bestX - 20), std::abs(bestX - 39));
     const int fromY = std::min(std::abs(bestY - 20), std::abs(bestY - 39));
     EXPECT_LE(std::max(fromX, fromY), 2) << bestX << " " << bestY;
@@ -152,11 +148,7 @@ TEST(Energy, AddsThePlanesInOrder) {
   for (const int bins : {15, 4}) {
     const Planes hog = randomPlanes(21, 37, bins, 38);
     Planes expected(21, 37), result(21, 37);
-    for (int b = 0; b < bins; ++b) {
-      for (int y = 0; y < 21; ++y) {
-        for (int x = 0; x < 37; ++x) expected.at(x, y) += hog.at(x, y, b);
-      }
-    }
+    forPixels(21, 37, bins, [&](int x, int y, int b) { expected.at(x, y) += hog.at(x, y, b); });
     computeEnergy(hog.data(), result.data(), 21, 37, bins);
     EXPECT_TRUE(exact(result, expected));
   }

@@ -101,9 +101,8 @@ Planes hostHogOf(const Planes& image) {
 /// A plane of slope (sx, sy).
 Planes ramp(int h, int w, float sx, float sy) {
   Planes image(h, w);
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) image.at(x, y) = sx * static_cast<float>(x) + sy * static_cast<float>(y);
-  }
+  forPixels(h, w,
+            [&](int x, int y) { image.at(x, y) = sx * static_cast<float>(x) + sy * static_cast<float>(y); });
   return image;
 }
 
@@ -252,20 +251,18 @@ TEST(BoxFilter, AveragesThePixelsInside) {
   for (const int size : {0, 1, 2, 3, 7, 1000}) {
     const Planes image = randomPlanes(13, 17, 1, 20);
     Planes expected(13, 17);
-    for (int y = 0; y < 13; ++y) {
-      for (int x = 0; x < 17; ++x) {
-        double sum = 0;
-        int count = 0;
-        for (int j = 0; j < 13; ++j) {
-          for (int i = 0; i < 17; ++i) {
-            if (std::abs(i - x) > size / 2 || std::abs(j - y) > size / 2) continue;
-            sum += image.at(i, j);
-            ++count;
-          }
+    forPixels(13, 17, [&](int x, int y) {
+      double sum = 0;
+      int count = 0;
+      for (int j = 0; j < 13; ++j) {
+        for (int i = 0; i < 17; ++i) {
+          if (std::abs(i - x) > size / 2 || std::abs(j - y) > size / 2) continue;
+          sum += image.at(i, j);
+          ++count;
         }
-        expected.at(x, y) = static_cast<float>(sum / count);
       }
-    }
+      expected.at(x, y) = static_cast<float>(sum / count);
+    });
     DevicePlanes plane(image);
     boxFilterCPU(plane.get(), plane.get(), 13, 17, plane.p(), size);
     EXPECT_TRUE(tolerance::rounding(plane.values(), expected, 221)) << size;

@@ -14,11 +14,9 @@ MatchInput acceptableFields(int h, int w, const std::function<float(int, int, in
                             const std::function<float(int, int, int)>& b) {
   MatchInput in{Planes(h, w, 3), Planes(h, w, 3),       Planes(h, w, 15),      Planes(h, w, 15),
                 Planes(h, w),    Planes(h, w, 1, 1.0f), Planes(h, w, 1, 1.0f), 0.0f};
-  for (int bin = 0; bin < 15; ++bin) {
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) in.hogA.at(x, y, bin) = a(x, y, bin), in.hogB.at(x, y, bin) = b(x, y, bin);
-    }
-  }
+  forPixels(h, w, 15, [&](int x, int y, int bin) {
+    in.hogA.at(x, y, bin) = a(x, y, bin), in.hogB.at(x, y, bin) = b(x, y, bin);
+  });
   return in;
 }
 

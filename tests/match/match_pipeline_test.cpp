@@ -77,11 +77,9 @@ TEST_F(MatchField, FollowsTheWidestShiftOfTheWindowAndNoneBeyond) {
   const auto share = [&](int dx) {
     const Field field = match(image, picture(h, w, textured, dx, 0));
     int found = 0;
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) {
-        found += field.at(x, y, 2) > 0.0f && field.at(x, y, 0) == static_cast<float>(dx) ? 1 : 0;
-      }
-    }
+    forPixels(h, w, [&](int x, int y) {
+      found += field.at(x, y, 2) > 0.0f && field.at(x, y, 0) == static_cast<float>(dx) ? 1 : 0;
+    });
     return found;
   };
   EXPECT_GT(share(80), 300);

@@ -53,10 +53,6 @@ inline float quantised(int x, int y, int channel) {
 template <class Function>
 Planes picture(int h, int w, const Function& function, int dx = 0, int dy = 0) {
   Planes planes(h, w, 3);
-  for (int c = 0; c < 3; ++c) {
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) planes.at(x, y, c) = function(x - dx, y - dy, c);
-    }
-  }
+  forPixels(h, w, 3, [&](int x, int y, int c) { planes.at(x, y, c) = function(x - dx, y - dy, c); });
   return planes;
 }

@@ -13,19 +13,15 @@ namespace reference {
 inline Planes convolve(const Planes& in, const std::vector<float>& mask, bool alongX) {
   Planes out(in.h, in.w, in.count);
   const int n = static_cast<int>(mask.size());
-  for (int k = 0; k < in.count; ++k) {
-    for (int y = 0; y < in.h; ++y) {
-      for (int x = 0; x < in.w; ++x) {
-        float sum = 0.0f;
-        for (int i = 0; i < n; ++i) {
-          const int column = alongX ? std::clamp(x - n / 2 + i, 0, in.w - 1) : x;
-          const int row = alongX ? y : std::clamp(y - n / 2 + i, 0, in.h - 1);
-          sum = std::fmaf(mask[static_cast<std::size_t>(i)], in.at(column, row, k), sum);
-        }
-        out.at(x, y, k) = sum;
-      }
+  forPixels(in.h, in.w, in.count, [&](int x, int y, int k) {
+    float sum = 0.0f;
+    for (int i = 0; i < n; ++i) {
+      const int column = alongX ? std::clamp(x - n / 2 + i, 0, in.w - 1) : x;
+      const int row = alongX ? y : std::clamp(y - n / 2 + i, 0, in.h - 1);
+      sum = std::fmaf(mask[static_cast<std::size_t>(i)], in.at(column, row, k), sum);
     }
-  }
+    out.at(x, y, k) = sum;
+  });
   return out;
 }
 
@@ -45,21 +41,17 @@ inline int mirrored(int g, int n) {
 /// or clamped.
 inline Planes convolve2d(const Planes& in, const std::vector<float>& mask, int fh, int fw, bool mirror) {
   Planes out(in.h, in.w);
-  for (int y = 0; y < in.h; ++y) {
-    for (int x = 0; x < in.w; ++x) {
-      float sum = 0.0f;
-      for (int j = 0; j < fh; ++j) {
-        for (int i = 0; i < fw; ++i) {
-          const int column = x - fw / 2 + i;
-          const int row = y - fh / 2 + j;
-          const float sample = mirror ? in.at(mirrored(column, in.w), mirrored(row, in.h))
-                                      : in.at(std::clamp(column, 0, in.w - 1), std::clamp(row, 0, in.h - 1));
-          sum = std::fmaf(mask[static_cast<std::size_t>(j * fw + i)], sample, sum);
-        }
-      }
-      out.at(x, y) = sum;
-    }
-  }
+  forPixels(in.h, in.w, [&](int x, int y) {
+    float sum = 0.0f;
+    forPixels(fh, fw, [&](int i, int j) {
+      const int column = x - fw / 2 + i;
+      const int row = y - fh / 2 + j;
+      const float sample = mirror ? in.at(mirrored(column, in.w), mirrored(row, in.h))
+                                  : in.at(std::clamp(column, 0, in.w - 1), std::clamp(row, 0, in.h - 1));
+      sum = std::fmaf(mask[static_cast<std::size_t>(j * fw + i)], sample, sum);
+    });
+    out.at(x, y) = sum;
+  });
   return out;
 }
 

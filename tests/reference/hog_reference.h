@@ -29,14 +29,10 @@ inline Planes sectorSums(const Planes& image, int bins) {
   const std::vector<float> mask = {-0.5f, 0.0f, 0.5f};
   const Planes gx = convolveX(image, mask), gy = convolveY(image, mask);
   Planes sums(image.h, image.w, bins);
-  for (int k = 0; k < image.count; ++k) {
-    for (int y = 0; y < image.h; ++y) {
-      for (int x = 0; x < image.w; ++x) {
-        const float a = gx.at(x, y, k), b = gy.at(x, y, k);
-        if (a != 0.0f || b != 0.0f) sums.at(x, y, sectorOf(a, b, bins)) += std::sqrt(a * a + b * b);
-      }
-    }
-  }
+  forPixels(image.h, image.w, image.count, [&](int x, int y, int k) {
+    const float a = gx.at(x, y, k), b = gy.at(x, y, k);
+    if (a != 0.0f || b != 0.0f) sums.at(x, y, sectorOf(a, b, bins)) += std::sqrt(a * a + b * b);
+  });
   return sums;
 }
 
@@ -46,12 +42,10 @@ inline Planes smoothSectors(const Planes& sums) {
   Planes out(sums.h, sums.w, sums.count);
   for (int b = 0; b < sums.count; ++b) {
     const int before = (b + sums.count - 1) % sums.count, after = (b + 1) % sums.count;
-    for (int y = 0; y < sums.h; ++y) {
-      for (int x = 0; x < sums.w; ++x) {
-        out.at(x, y, b) =
-            kOuter * sums.at(x, y, before) + kInner * sums.at(x, y, b) + kOuter * sums.at(x, y, after);
-      }
-    }
+    forPixels(sums.h, sums.w, [&](int x, int y) {
+      out.at(x, y, b) =
+          kOuter * sums.at(x, y, before) + kInner * sums.at(x, y, b) + kOuter * sums.at(x, y, after);
+    });
   }
   return out;
 }
@@ -67,32 +61,26 @@ inline Planes hostHogField(const Planes& image) {
   constexpr double kOuter = 0.23899427f, kInner = 0.52201146f;
   const Planes sums = sectorSums(image, 15);
   Planes smooth(image.h, image.w, 15), out(image.h, image.w, 15);
-  for (int y = 0; y < image.h; ++y) {
-    for (int x = 0; x < image.w; ++x) {
-      double line[15];
-      for (int b = 0; b < 15; ++b) {
-        line[b] = kOuter * sums.at(x, y, std::max(b - 1, 0)) + kInner * sums.at(x, y, b) +
-                  kOuter * sums.at(x, y, std::min(b + 1, 14));
-      }
-      const double first = line[0], last = line[14];
-      line[0] = kOuter * last + (1.0 - kOuter) * first;
-      line[14] = kOuter * first + (1.0 - kOuter) * last;
-      for (int b = 0; b < 15; ++b) smooth.at(x, y, b) = static_cast<float>(line[b]);
+  forPixels(image.h, image.w, [&](int x, int y) {
+    double line[15];
+    for (int b = 0; b < 15; ++b) {
+      line[b] = kOuter * sums.at(x, y, std::max(b - 1, 0)) + kInner * sums.at(x, y, b) +
+                kOuter * sums.at(x, y, std::min(b + 1, 14));
     }
-  }
-  for (int b = 0; b < 15; ++b) {
-    for (int y = 0; y < image.h; ++y) {
-      for (int x = 0; x < image.w; ++x) {
-        double sum = 0.0;
-        int count = 0;
-        for (int j = std::max(0, y - 3); j <= std::min(image.h - 1, y + 3); ++j) {
-          for (int i = std::max(0, x - 3); i <= std::min(image.w - 1, x + 3); ++i, ++count)
-            sum += smooth.at(i, j, b);
-        }
-        out.at(x, y, b) = static_cast<float>(sum / count);
-      }
+    const double first = line[0], last = line[14];
+    line[0] = kOuter * last + (1.0 - kOuter) * first;
+    line[14] = kOuter * first + (1.0 - kOuter) * last;
+    for (int b = 0; b < 15; ++b) smooth.at(x, y, b) = static_cast<float>(line[b]);
+  });
+  forPixels(image.h, image.w, 15, [&](int x, int y, int b) {
+    double sum = 0.0;
+    int count = 0;
+    for (int j = std::max(0, y - 3); j <= std::min(image.h - 1, y + 3); ++j) {
+      for (int i = std::max(0, x - 3); i <= std::min(image.w - 1, x + 3); ++i, ++count)
+        sum += smooth.at(i, j, b);
     }
-  }
+    out.at(x, y, b) = static_cast<float>(sum / count);
+  });
   return out;
 }
 
@@ -102,16 +90,12 @@ Planes gradientTensor(const Planes& image, const Add& add) {
   const std::vector<float> mask = {-0.5f, 0.0f, 0.5f};
   const Planes gx = convolveX(image, mask), gy = convolveY(image, mask);
   Planes tensor(image.h, image.w, 3);
-  for (int k = 0; k < image.count; ++k) {
-    for (int y = 0; y < image.h; ++y) {
-      for (int x = 0; x < image.w; ++x) {
-        const float a = gx.at(x, y, k), b = gy.at(x, y, k);
-        tensor.at(x, y, 0) = add(a, a, tensor.at(x, y, 0));
-        tensor.at(x, y, 1) = add(a, b, tensor.at(x, y, 1));
-        tensor.at(x, y, 2) = add(b, b, tensor.at(x, y, 2));
-      }
-    }
-  }
+  forPixels(image.h, image.w, image.count, [&](int x, int y, int k) {
+    const float a = gx.at(x, y, k), b = gy.at(x, y, k);
+    tensor.at(x, y, 0) = add(a, a, tensor.at(x, y, 0));
+    tensor.at(x, y, 1) = add(a, b, tensor.at(x, y, 1));
+    tensor.at(x, y, 2) = add(b, b, tensor.at(x, y, 2));
+  });
   return tensor;
 }
 
@@ -123,16 +107,14 @@ inline Planes confidence(const Planes& image) {
   const std::unique_ptr<float[]> taps(GaussianFilterCreate(4.0f, size));
   const std::vector<float> gaussian(taps.get(), taps.get() + size);
   const Planes smooth = convolveY(convolveX(tensor, gaussian), gaussian);
-  for (int y = 0; y < image.h; ++y) {
-    for (int x = 0; x < image.w; ++x) {
-      const float xx = smooth.at(x, y, 0), xy = smooth.at(x, y, 1), yy = smooth.at(x, y, 2);
-      const float t = (xx + yy) * 0.5f;
-      const float d = xx * yy - xy * xy;
-      const float q = t * t - d;
-      const float magnitude = std::sqrt(tensor.at(x, y, 0) + tensor.at(x, y, 2));
-      out.at(x, y) = magnitude * (t - std::sqrt(q < 0.0f ? 0.0f : q));
-    }
-  }
+  forPixels(image.h, image.w, [&](int x, int y) {
+    const float xx = smooth.at(x, y, 0), xy = smooth.at(x, y, 1), yy = smooth.at(x, y, 2);
+    const float t = (xx + yy) * 0.5f;
+    const float d = xx * yy - xy * xy;
+    const float q = t * t - d;
+    const float magnitude = std::sqrt(tensor.at(x, y, 0) + tensor.at(x, y, 2));
+    out.at(x, y) = magnitude * (t - std::sqrt(q < 0.0f ? 0.0f : q));
+  });
   return out;
 }
 

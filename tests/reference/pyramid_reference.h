@@ -37,28 +37,26 @@ inline float areaOf(const Extent& rows, const Extent& columns, int i, int j) {
 /// Area average, weighted by a plane where `weight` is not null.
 inline Planes downsample(const Planes& in, int outH, int outW, const Planes* weight) {
   Planes out(outH, outW);
-  for (int y = 0; y < outH; ++y) {
-    for (int x = 0; x < outW; ++x) {
-      const Extent rows(y, in.h, outH);
-      const Extent columns(x, in.w, outW);
-      float sum = 0.0f;
-      float weights = 0.0f;
-      for (int j = rows.first; j <= rows.last; ++j) {
-        for (int i = columns.first; i <= columns.last; ++i) {
-          float area = areaOf(rows, columns, i, j);
-          if (weight != nullptr) {
-            if (!(weight->at(i, j) > 0.0f && area > 0.0f)) continue;
-            area = weight->at(i, j) * area;
-            weights = weights + area;
-          }
-          sum = std::fmaf(area, in.at(i, j), sum);
+  forPixels(outH, outW, [&](int x, int y) {
+    const Extent rows(y, in.h, outH);
+    const Extent columns(x, in.w, outW);
+    float sum = 0.0f;
+    float weights = 0.0f;
+    for (int j = rows.first; j <= rows.last; ++j) {
+      for (int i = columns.first; i <= columns.last; ++i) {
+        float area = areaOf(rows, columns, i, j);
+        if (weight != nullptr) {
+          if (!(weight->at(i, j) > 0.0f && area > 0.0f)) continue;
+          area = weight->at(i, j) * area;
+          weights = weights + area;
         }
+        sum = std::fmaf(area, in.at(i, j), sum);
       }
-      const float sx = static_cast<float>(in.w) / static_cast<float>(outW);
-      const float sy = static_cast<float>(in.h) / static_cast<float>(outH);
-      out.at(x, y) = sum / (weight != nullptr ? weights : sx * sy);
     }
-  }
+    const float sx = static_cast<float>(in.w) / static_cast<float>(outW);
+    const float sy = static_cast<float>(in.h) / static_cast<float>(outH);
+    out.at(x, y) = sum / (weight != nullptr ? weights : sx * sy);
+  });
   return out;
 }
 
@@ -81,12 +79,10 @@ inline float bilinear(const Planes& in, int k, double px, double py) {
 
 inline Planes interpolate(const Planes& in, int h, int w, float factor) {
   Planes out(h, w);
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      out.at(x, y) = bilinear(in, 0, static_cast<double>(static_cast<float>(x) / factor),
-                              static_cast<double>(static_cast<float>(y) / factor));
-    }
-  }
+  forPixels(h, w, [&](int x, int y) {
+    out.at(x, y) = bilinear(in, 0, static_cast<double>(static_cast<float>(x) / factor),
+                            static_cast<double>(static_cast<float>(y) / factor));
+  });
   return out;
 }
 
@@ -96,20 +92,18 @@ struct Warped {
 
 inline Warped warp(const Planes& source, const Planes& fallback, const Planes& u, const Planes& v) {
   Warped result{Planes(source.h, source.w, source.count), Planes(source.h, source.w)};
-  for (int y = 0; y < source.h; ++y) {
-    for (int x = 0; x < source.w; ++x) {
-      const float px = static_cast<float>(x) + u.at(x, y);
-      const float py = static_cast<float>(y) + v.at(x, y);
-      const bool outside = px < 0.0f || px > static_cast<float>(source.w - 1) || py < 0.0f ||
-                           py > static_cast<float>(source.h - 1);
-      result.valid.at(x, y) = outside ? 0.0f : 1.0f;
-      for (int k = 0; k < source.count; ++k) {
-        result.out.at(x, y, k) = outside
-                                     ? fallback.at(x, y, k)
-                                     : bilinear(source, k, static_cast<double>(px), static_cast<double>(py));
-      }
+  forPixels(source.h, source.w, [&](int x, int y) {
+    const float px = static_cast<float>(x) + u.at(x, y);
+    const float py = static_cast<float>(y) + v.at(x, y);
+    const bool outside = px < 0.0f || px > static_cast<float>(source.w - 1) || py < 0.0f ||
+                         py > static_cast<float>(source.h - 1);
+    result.valid.at(x, y) = outside ? 0.0f : 1.0f;
+    for (int k = 0; k < source.count; ++k) {
+      result.out.at(x, y, k) = outside
+                                   ? fallback.at(x, y, k)
+                                   : bilinear(source, k, static_cast<double>(px), static_cast<double>(py));
     }
-  }
+  });
   return result;
 }
 

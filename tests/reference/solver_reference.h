@@ -63,16 +63,14 @@ inline Planes residual(const Planes& A, const Planes& rhs, const Planes& x) {
 
 inline Planes precondition(const Planes& A, const Planes& r) {
   Planes z(r.h, r.w, 2);
-  for (int y = 0; y < r.h; ++y) {
-    for (int x = 0; x < r.w; ++x) {
-      const float a0 = A.at(x, y, kMatrixUU), a1 = A.at(x, y, kMatrixVU), a3 = A.at(x, y, kMatrixVV);
-      const float r1 = r.at(x, y, 0), r2 = r.at(x, y, 1);
-      const float det = a0 * a3 - a1 * a1;
-      const bool regular = std::fabs(static_cast<double>(det)) > 0.0001;
-      z.at(x, y, 0) = regular ? (a3 * r1 - a1 * r2) / det : r1;
-      z.at(x, y, 1) = regular ? (a0 * r2 - a1 * r1) / det : r2;
-    }
-  }
+  forPixels(r.h, r.w, [&](int x, int y) {
+    const float a0 = A.at(x, y, kMatrixUU), a1 = A.at(x, y, kMatrixVU), a3 = A.at(x, y, kMatrixVV);
+    const float r1 = r.at(x, y, 0), r2 = r.at(x, y, 1);
+    const float det = a0 * a3 - a1 * a1;
+    const bool regular = std::fabs(static_cast<double>(det)) > 0.0001;
+    z.at(x, y, 0) = regular ? (a3 * r1 - a1 * r2) / det : r1;
+    z.at(x, y, 1) = regular ? (a0 * r2 - a1 * r1) / det : r2;
+  });
   return z;
 }
 
@@ -134,28 +132,26 @@ inline Planes relax(const Planes& A, const Planes& rhs, Planes x, float omega, i
   };
   for (int half = 0; half < 2 * sweeps; ++half) {
     const Planes old = x;
-    for (int row = 0; row < x.h; ++row) {
-      for (int column = 0; column < x.w; ++column) {
-        if ((column + row) % 2 != half % 2) continue;
-        float r[2];
-        for (int k = 0; k < 2; ++k) {
-          r[k] = rhs.at(column, row, k);
-          if (row > 0) r[k] -= A.at(column, row, kMatrixNorth) * value(old, column, row - 1, k);
-          if (column > 0) r[k] -= A.at(column, row, kMatrixWest) * value(old, column - 1, row, k);
-          if (column < x.w - 1) r[k] -= A.at(column, row, kMatrixEast) * value(old, column + 1, row, k);
-          if (row < x.h - 1) r[k] -= A.at(column, row, kMatrixSouth) * value(old, column, row + 1, k);
-        }
-        const float a = A.at(column, row, kMatrixUU), b = A.at(column, row, kMatrixUV),
-                    c = A.at(column, row, kMatrixVV);
-        const float det = a * c - b * b;
-        const bool regular = std::fabs(static_cast<double>(det)) > 0.0001;
-        const float solution[] = {regular ? (c * r[0] - b * r[1]) / det : 0.0f,
-                                  regular ? (a * r[1] - b * r[0]) / det : 0.0f};
-        for (int k = 0; k < 2; ++k) {
-          x.at(column, row, k) = std::fmaf(solution[k], omega, (1.0f - omega) * old.at(column, row, k));
-        }
+    forPixels(x.h, x.w, [&](int column, int row) {
+      if ((column + row) % 2 != half % 2) return;
+      float r[2];
+      for (int k = 0; k < 2; ++k) {
+        r[k] = rhs.at(column, row, k);
+        if (row > 0) r[k] -= A.at(column, row, kMatrixNorth) * value(old, column, row - 1, k);
+        if (column > 0) r[k] -= A.at(column, row, kMatrixWest) * value(old, column - 1, row, k);
+        if (column < x.w - 1) r[k] -= A.at(column, row, kMatrixEast) * value(old, column + 1, row, k);
+        if (row < x.h - 1) r[k] -= A.at(column, row, kMatrixSouth) * value(old, column, row + 1, k);
       }
-    }
+      const float a = A.at(column, row, kMatrixUU), b = A.at(column, row, kMatrixUV),
+                  c = A.at(column, row, kMatrixVV);
+      const float det = a * c - b * b;
+      const bool regular = std::fabs(static_cast<double>(det)) > 0.0001;
+      const float solution[] = {regular ? (c * r[0] - b * r[1]) / det : 0.0f,
+                                regular ? (a * r[1] - b * r[0]) / det : 0.0f};
+      for (int k = 0; k < 2; ++k) {
+        x.at(column, row, k) = std::fmaf(solution[k], omega, (1.0f - omega) * old.at(column, row, k));
+      }
+    });
   }
   return x;
 }

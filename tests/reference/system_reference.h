@@ -28,21 +28,19 @@ inline Factors factors(const Tensors& tensors, const Planes& u, const Planes& v,
                        const Planes& dv, const Planes& match, float beta, float gamma) {
   const int h = u.h, w = u.w;
   Factors f{Planes(h, w), Planes(h, w), Planes(h, w), Planes(h, w), Planes(h, w)};
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      const float a = du.at(x, y), b = dv.at(x, y);
-      f.data.at(x, y) = tensorFactor(1.0f, tensors.data, a, b, x, y);
-      f.grad.at(x, y) = tensorFactor(gamma, tensors.grad, a, b, x, y);
-      const float c = match.at(x, y, 2);
-      if (!(c > 0.0f)) continue;
-      const float apartU = u.at(x, y) + a - match.at(x, y, 0);
-      const float apartV = v.at(x, y) + b - match.at(x, y, 1);
-      const float m = inverseRoot(c * beta, apartU * apartU + apartV * apartV);
-      f.matchWeight.at(x, y) = m;
-      f.matchRhsU.at(x, y) = (u.at(x, y) - match.at(x, y, 0)) * m;
-      f.matchRhsV.at(x, y) = (v.at(x, y) - match.at(x, y, 1)) * m;
-    }
-  }
+  forPixels(h, w, [&](int x, int y) {
+    const float a = du.at(x, y), b = dv.at(x, y);
+    f.data.at(x, y) = tensorFactor(1.0f, tensors.data, a, b, x, y);
+    f.grad.at(x, y) = tensorFactor(gamma, tensors.grad, a, b, x, y);
+    const float c = match.at(x, y, 2);
+    if (!(c > 0.0f)) return;
+    const float apartU = u.at(x, y) + a - match.at(x, y, 0);
+    const float apartV = v.at(x, y) + b - match.at(x, y, 1);
+    const float m = inverseRoot(c * beta, apartU * apartU + apartV * apartV);
+    f.matchWeight.at(x, y) = m;
+    f.matchRhsU.at(x, y) = (u.at(x, y) - match.at(x, y, 0)) * m;
+    f.matchRhsV.at(x, y) = (v.at(x, y) - match.at(x, y, 1)) * m;
+  });
   return f;
 }
 

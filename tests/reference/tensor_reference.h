@@ -25,26 +25,23 @@ inline void addTensors(Tensors& tensors, const Planes& first, const Planes& seco
   const Planes Ix = convolveX(first, mask), Iy = convolveY(first, mask), Iz = difference;
   const Planes Ixx = convolveX(Ix, mask), Ixy = convolveY(Ix, mask), Iyy = convolveY(Iy, mask);
   const Planes Ixz = convolveX(Iz, mask), Iyz = convolveY(Iz, mask);
-  for (int y = 0; y < first.h; ++y) {
-    for (int x = 0; x < first.w; ++x) {
-      const float g = gconf.at(x, y);
-      const float gx = Ix.at(x, y), gy = Iy.at(x, y), gz = Iz.at(x, y);
-      const float k = inverseRoot(g, gx * gx + gy * gy);
-      const float data[6] = {gx * (gx * k), gy * (gy * k), gz * (gz * k),
-                             gy * (gx * k), gz * (gx * k), gz * (gy * k)};
-      const float xx = Ixx.at(x, y), xy = Ixy.at(x, y), yy = Iyy.at(x, y), xz = Ixz.at(x, y),
-                  yz = Iyz.at(x, y);
-      const float kx = inverseRoot(1.0f, xx * xx + xy * xy);
-      const float ky = inverseRoot(1.0f, xy * xy + yy * yy);
-      const float grad[6] = {g * (xx * xx * kx + xy * xy * ky), g * (xy * xy * kx + yy * yy * ky),
-                             g * (xz * xz * kx + yz * yz * ky), g * xy * (xx * kx + yy * ky),
-                             g * (xx * xz * kx + xy * yz * ky), g * (xy * xz * kx + yy * yz * ky)};
-      for (int j = 0; j < 6; ++j) {
-        tensors.data.at(x, y, j) = tensors.data.at(x, y, j) + data[j];
-        tensors.grad.at(x, y, j) = tensors.grad.at(x, y, j) + grad[j];
-      }
+  forPixels(first.h, first.w, [&](int x, int y) {
+    const float g = gconf.at(x, y);
+    const float gx = Ix.at(x, y), gy = Iy.at(x, y), gz = Iz.at(x, y);
+    const float k = inverseRoot(g, gx * gx + gy * gy);
+    const float data[6] = {gx * (gx * k), gy * (gy * k), gz * (gz * k),
+                           gy * (gx * k), gz * (gx * k), gz * (gy * k)};
+    const float xx = Ixx.at(x, y), xy = Ixy.at(x, y), yy = Iyy.at(x, y), xz = Ixz.at(x, y), yz = Iyz.at(x, y);
+    const float kx = inverseRoot(1.0f, xx * xx + xy * xy);
+    const float ky = inverseRoot(1.0f, xy * xy + yy * yy);
+    const float grad[6] = {g * (xx * xx * kx + xy * xy * ky), g * (xy * xy * kx + yy * yy * ky),
+                           g * (xz * xz * kx + yz * yz * ky), g * xy * (xx * kx + yy * ky),
+                           g * (xx * xz * kx + xy * yz * ky), g * (xy * xz * kx + yy * yz * ky)};
+    for (int j = 0; j < 6; ++j) {
+      tensors.data.at(x, y, j) = tensors.data.at(x, y, j) + data[j];
+      tensors.grad.at(x, y, j) = tensors.grad.at(x, y, j) + grad[j];
     }
-  }
+  });
 }
 
 /// Tensors of all channels, from zero.
@@ -68,20 +65,18 @@ inline Diffusivities diffusivities(const Planes& u, const Planes& v, const Plane
     for (std::size_t i = 0; i < total.values.size(); ++i)
       total.values[i] = increment.values[i] + total.values[i];
     const Planes fx = convolveX(total, mask), fy = convolveY(total, mask);
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) {
-        if (x < w - 1) {
-          const float along = total.at(x + 1, y) - total.at(x, y);
-          const float across = 0.5f * (fy.at(x, y) + fy.at(x + 1, y));
-          diff.x.at(x, y) = diff.x.at(x, y) + (along * along + across * across);
-        }
-        if (y < h - 1) {
-          const float along = total.at(x, y + 1) - total.at(x, y);
-          const float across = 0.5f * (fx.at(x, y) + fx.at(x, y + 1));
-          diff.y.at(x, y) = diff.y.at(x, y) + (across * across + along * along);
-        }
+    forPixels(h, w, [&](int x, int y) {
+      if (x < w - 1) {
+        const float along = total.at(x + 1, y) - total.at(x, y);
+        const float across = 0.5f * (fy.at(x, y) + fy.at(x + 1, y));
+        diff.x.at(x, y) = diff.x.at(x, y) + (along * along + across * across);
       }
-    }
+      if (y < h - 1) {
+        const float along = total.at(x, y + 1) - total.at(x, y);
+        const float across = 0.5f * (fx.at(x, y) + fx.at(x, y + 1));
+        diff.y.at(x, y) = diff.y.at(x, y) + (across * across + along * along);
+      }
+    });
   }
   for (Planes* plane : {&diff.x, &diff.y}) {
     for (float& value : plane->values) value = inverseRoot(1.0f, value);

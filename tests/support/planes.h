@@ -1,8 +1,25 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+/// Calls body(x, y) for every pixel, row by row.
+template <class Body>
+void forPixels(int h, int w, const Body& body) {
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) body(x, y);
+  }
+}
+
+/// Calls body(x, y, k) for every pixel of every plane, plane by plane.
+template <class Body>
+void forPixels(int h, int w, int planes, const Body& body) {
+  for (int k = 0; k < planes; ++k) {
+    forPixels(h, w, [&](int x, int y) { body(x, y, k); });
+  }
+}
 
 /// Stacked host planes without padding: element (x, y) of plane k is at (k * h + y) * w + x.
 struct Planes {
@@ -26,9 +43,8 @@ struct Planes {
   /// Plane k alone.
   Planes plane(int k) const {
     Planes one(h, w);
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) one.at(x, y) = at(x, y, k);
-    }
+    std::copy_n(values.begin() + static_cast<std::ptrdiff_t>(index(0, 0, k)), one.values.size(),
+                one.values.begin());
     return one;
   }
 

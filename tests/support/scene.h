@@ -21,11 +21,7 @@ inline float textureAt(double x, double y, int channel) {
 /// everywhere.
 inline Planes render(int h, int w, double dx, double dy) {
   Planes picture(h, w, 3);
-  for (int c = 0; c < 3; ++c) {
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) picture.at(x, y, c) = textureAt(x - dx, y - dy, c);
-    }
-  }
+  forPixels(h, w, 3, [&](int x, int y, int c) { picture.at(x, y, c) = textureAt(x - dx, y - dy, c); });
   return picture;
 }
 

@@ -21,12 +21,10 @@ TestSystem storedOnce(const TestSystem& system) {
   constexpr MatrixPlane kOrder[] = {kMatrixUU, kMatrixVU, kMatrixVV, kMatrixEast, kMatrixSouth};
   TestSystem once = system;
   for (int plane = 0; plane < 12; ++plane) {
-    for (int y = 0; y < system.h(); ++y) {
-      for (int x = 0; x < system.w(); ++x) {
-        once.matrix.at(x, y, plane) =
-            plane < SystemLayout::kOncePlanes ? system.matrix.at(x, y, kOrder[plane]) : kNan;
-      }
-    }
+    forPixels(system.h(), system.w(), [&](int x, int y) {
+      once.matrix.at(x, y, plane) =
+          plane < SystemLayout::kOncePlanes ? system.matrix.at(x, y, kOrder[plane]) : kNan;
+    });
   }
   return once;
 }
@@ -210,13 +208,11 @@ TEST(SolverKernels, EqualTheReferenceBitForBit) {
     EXPECT_TRUE(exact(device.z.values(), reference::precondition(system.matrix, r)));
     applyJacobiPreconditioner_kernel(device.matrix.get(), device.r.get(), device.z.get(), size.h, size.w, p);
     Planes scaled = r;
-    for (int y = 0; y < size.h; ++y) {
-      for (int x = 0; x < size.w; ++x) {
-        const float uu = system.matrix.at(x, y, kMatrixUU);
-        scaled.at(x, y, 0) /= uu < 0.000001f ? 1.0f : uu;
-        scaled.at(x, y, 1) /= system.matrix.at(x, y, kMatrixVV);
-      }
-    }
+    forPixels(size.h, size.w, [&](int x, int y) {
+      const float uu = system.matrix.at(x, y, kMatrixUU);
+      scaled.at(x, y, 0) /= uu < 0.000001f ? 1.0f : uu;
+      scaled.at(x, y, 1) /= system.matrix.at(x, y, kMatrixVV);
+    });
     EXPECT_TRUE(exact(device.z.values(), scaled));
     for (const DevicePlanes* planes : {&device.r, &device.q, &device.z}) EXPECT_TRUE(planes->intact());
   }

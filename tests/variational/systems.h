@@ -18,25 +18,22 @@ struct TestSystem {
     const Planes diffX = randomPlanes(h, w, 1, seed + 3, 0.1f, strength);
     const Planes diffY = randomPlanes(h, w, 1, seed + 4, 0.1f, strength);
     const Planes block = randomPlanes(h, w, 3, seed + 5, 0.2f, 3.0f);
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) {
-        const float north = y > 0 ? diffY.at(x, y - 1) : 0.0f;
-        const float west = x > 0 ? diffX.at(x - 1, y) : 0.0f;
-        const float east = x < w - 1 ? diffX.at(x, y) : 0.0f;
-        const float south = y < h - 1 ? diffY.at(x, y) : 0.0f;
-        const float sum = north + west + east + south;
-        matrix.at(x, y, kMatrixUU) = block.at(x, y, 0) + sum;
-        matrix.at(x, y, kMatrixVV) = block.at(x, y, 1) + sum;
-        // Smaller than both diagonal entries.
-        const float mixed =
-            0.3f * std::min(block.at(x, y, 0), block.at(x, y, 1)) * (block.at(x, y, 2) - 1.6f);
-        matrix.at(x, y, kMatrixUV) = matrix.at(x, y, kMatrixVU) = mixed;
-        matrix.at(x, y, kMatrixNorth) = -north;
-        matrix.at(x, y, kMatrixWest) = -west;
-        matrix.at(x, y, kMatrixEast) = -east;
-        matrix.at(x, y, kMatrixSouth) = -south;
-      }
-    }
+    forPixels(h, w, [&](int x, int y) {
+      const float north = y > 0 ? diffY.at(x, y - 1) : 0.0f;
+      const float west = x > 0 ? diffX.at(x - 1, y) : 0.0f;
+      const float east = x < w - 1 ? diffX.at(x, y) : 0.0f;
+      const float south = y < h - 1 ? diffY.at(x, y) : 0.0f;
+      const float sum = north + west + east + south;
+      matrix.at(x, y, kMatrixUU) = block.at(x, y, 0) + sum;
+      matrix.at(x, y, kMatrixVV) = block.at(x, y, 1) + sum;
+      // Smaller than both diagonal entries.
+      const float mixed = 0.3f * std::min(block.at(x, y, 0), block.at(x, y, 1)) * (block.at(x, y, 2) - 1.6f);
+      matrix.at(x, y, kMatrixUV) = matrix.at(x, y, kMatrixVU) = mixed;
+      matrix.at(x, y, kMatrixNorth) = -north;
+      matrix.at(x, y, kMatrixWest) = -west;
+      matrix.at(x, y, kMatrixEast) = -east;
+      matrix.at(x, y, kMatrixSouth) = -south;
+    });
   }
   int h() const { return matrix.h; }
   int w() const { return matrix.w; }

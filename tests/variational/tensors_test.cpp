@@ -86,9 +86,7 @@ TEST(Diffusivity, OfAConstantFlowIsThousandAndOfAStepItsInverse) {
 
   // u = 4 x: 1 / sqrt(16) along x; along y half a central difference across, except in the border columns.
   Planes ramp(5, 6);
-  for (int y = 0; y < 5; ++y) {
-    for (int x = 0; x < 6; ++x) ramp.at(x, y) = 4.0f * static_cast<float>(x);
-  }
+  forPixels(5, 6, [&](int x, int y) { ramp.at(x, y) = 4.0f * static_cast<float>(x); });
   const reference::Diffusivities sloped = diffusivitiesOf(zero, ramp, zero, zero);
   EXPECT_FLOAT_EQ(sloped.x.at(2, 2), 0.25f);
   EXPECT_FLOAT_EQ(sloped.y.at(2, 2), 0.25f);
