@@ -9,8 +9,8 @@
 #include "device/memory.h"
 #include "match/match_kernels.h"
 
-/// What the device pipeline and its host-array twin share of the matching step. Included by parts of the unit
-/// HOGMatch and its tests.
+/// The parts of the matching step that its functions on device planes (match_device.cpp) and on host arrays
+/// (match_host.cpp) share.
 namespace match {
 
 constexpr const char* kUnit = "HOGMatch";
@@ -22,7 +22,7 @@ struct Pair {
   int h, w, p;
 };
 
-/// Points (x, y) = margin, margin + 4, ... below the size less the margin, row by row.
+/// Points with x and y = margin, margin + 4, ... below the size less the margin, row by row.
 struct Grid {
   int columns, rows;
   std::vector<int> x, y;
@@ -101,22 +101,23 @@ struct HostRecords {
   }
 };
 
-/// A backward search: as HOGMatch_kernel, but a point's match is only told where it lies within one pixel of
-/// the point's home (x, y >= 2); elsewhere what is told lies farther off, and the distances mean nothing. On
-/// the CPU this is decided with less search. Exported because the tests hold it against HOGMatch_kernel.
+/// A backward search, which tells whether a point's match lies within one pixel of the point's home (x and y
+/// at least 2). If it does, matchX and matchY are those of HOGMatch_kernel; if not, they name some position
+/// farther off. The distances mean nothing. On the CPU this takes less search. Exported because the tests
+/// compare it with HOGMatch_kernel.
 TARVO_API void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY);
 
-/// What the records hold of the backward search: all matches and distances, or as matchHome leaves them.
+/// What the records hold of the backward search: all matches and distances, or what matchHome writes.
 enum class Backward { Matches, Home };
 
 /// Forward match, backward match of what it found, consistency check.
 void matchBothWays(const Pair& pair, const Records& records, Backward backward, float* weight, float* u,
                    float* v);
 
-/// Makes the records' counts the last ones.
+/// Counts the records for NMatching::lastCounts.
 void setCounts(const Grid& grid, const HostRecords& records);
 
-/// Mean of a plane with this sum, in single precision.
+/// Mean of an h x w plane with this sum, in single precision.
 inline float meanOf(float sum, int h, int w) {
   return sum / (static_cast<float>(w) * static_cast<float>(h));
 }
