@@ -103,8 +103,7 @@ struct HostRecords {
 
 /// A backward search, which tells whether a point's match lies within one pixel of the point's home (x and y
 /// at least 2). If it does, matchX and matchY are those of HOGMatch_kernel; if not, they name some position
-/// farther off. The distances mean nothing. On the CPU this takes less search. Exported because the tests
-/// compare it with HOGMatch_kernel.
+/// farther off. The distances mean nothing. On the CPU this takes less search.
 TARVO_API void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY);
 
 /// What the records hold of the backward search: all matches and distances, or what matchHome writes.
