@@ -39,7 +39,7 @@ TARVO_BAND void sumRowsBand(const float* plane, float* rowSums, int w, int p, in
   }
 }
 
-/// Uploads `planes` dense host planes into memory with a pitch of its own, which is returned.
+/// Uploads `planes` dense host planes into memory with a pitch of its own; returns the pitch.
 int uploadPlanes(device::Buffer& to, const float* from, int h, int w, int planes) {
   int p = 0;
   TARVO_CALL(to.allocatePitched(&p, w, h * planes));

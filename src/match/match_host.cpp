@@ -14,9 +14,9 @@ using match::HostRecords;
 using match::kUnit;
 
 constexpr int kMargin = 4;   // first grid coordinate of HOGMatch
-constexpr int kPrinted = 9;  // a kind of result is printed while its count does not exceed this
+constexpr int kPrinted = 9;  // a kind of line is printed while its count does not exceed this
 
-/// A host array on the device, dense.
+/// A copy of a host array on the device, dense.
 class Uploaded {
  public:
   Uploaded(const float* host, int h, int w, int planes) {
@@ -58,7 +58,7 @@ class MatchField {
   int h_, w_, p_;
 };
 
-/// Prints the energy at (108, 108) in both images and at (72, 206) in the second where they exist.
+/// Prints the energy at (108, 108) in both images and at (72, 206) in the second, if these pixels exist.
 void printEnergies(const float* energy1, const float* energy2, int h, int w) {
   constexpr int kX = 108, kY = 108, kOtherX = 72, kOtherY = 206;
   if (w <= kX || h <= kOtherY) return;

@@ -47,7 +47,7 @@ TARVO_HOST_DEVICE int cellRow(int k) {
   return kSpacing * (k / 3 - 1);
 }
 
-/// The integer part; beyond the integers their limits, and 0 for a not-a-number.
+/// The integer part; INT_MAX or INT_MIN beyond the integers, 0 for a not-a-number.
 TARVO_HOST_DEVICE int integerPart(float value) {
   if (value >= 2147483648.0f) return INT_MAX;
   if (value < -2147483648.0f) return INT_MIN;
@@ -66,8 +66,8 @@ struct Column {
 
 namespace kernels {
 
-/// Searches point `k` of image A in image B; the call operator is the whole search of one point, column by
-/// column, the simplest form. The devices run faster ones with the same results, made of the same steps.
+/// Searches point `k` of image A in image B. The call operator is the whole search of one point in its
+/// simplest form, column by column. The devices run faster forms of the same steps, with the same results.
 struct HOGMatch_kernel {
   const float *imageA, *imageB, *hogA, *hogB, *confidence;
   int forwardPass;
@@ -108,8 +108,8 @@ struct HOGMatch_kernel {
     return !(sum > match::kColourThreshold);
   }
 
-  /// Sum of squared differences to `descriptor`, bin by bin, within a bin cell by cell. Once a whole bin
-  /// leaves it at `limit` or above, which no later term undoes, the sum so far is returned.
+  /// Sum of squared differences to `descriptor`, bin by bin, within a bin cell by cell. If the sum has
+  /// reached `limit` after a whole bin it is returned as it is, since no later term lowers it.
   TARVO_HOST_DEVICE float distance(const float* descriptor, int x, int y, float limit) const {
     float sum = 0.0f;
     for (int b = 0; b < kHogBins && !(sum >= limit); ++b) {
@@ -121,7 +121,7 @@ struct HOGMatch_kernel {
     return sum;
   }
 
-  /// Column x of the window, from the top down. Distances are abandoned once they would change nothing.
+  /// Column x of the window, from the top down. kAbandon: gives a distance up once it can change nothing.
   template <bool kAbandon>
   TARVO_HOST_DEVICE match::Column column(const float* descriptor, int ax, int ay, int x, int y0,
                                          int y1) const {

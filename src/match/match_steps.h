@@ -8,8 +8,8 @@
 #include "device/memory.h"
 #include "match/match_kernels.h"
 
-/// What the device pipeline and its host-array twin share of the matching step. Included by parts of the unit
-/// HOGMatch and its tests.
+/// The parts of the matching step that its functions on device planes (match_device.cpp) and on host arrays
+/// (match_host.cpp) share.
 namespace match {
 
 constexpr const char* kUnit = "HOGMatch";
@@ -21,7 +21,7 @@ struct Pair {
   int h, w, p;
 };
 
-/// Points (x, y) = margin, margin + 4, ... below the size less the margin, row by row.
+/// Points with x and y = margin, margin + 4, ... below the size less the margin, row by row.
 struct Grid {
   int columns, rows;
   std::vector<int> x, y;
@@ -100,25 +100,25 @@ struct HostRecords {
   }
 };
 
-/// A backward search: as HOGMatch_kernel, but a point's match is only told where it lies within one pixel of
-/// the point's home (x, y >= 2); elsewhere what is told lies farther off, and the distances mean nothing. On
-/// the CPU this is decided with less search.
+/// A backward search, which tells whether a point's match lies within one pixel of the point's home (x and y
+/// at least 2). If it does, matchX and matchY are those of HOGMatch_kernel; if not, they name some position
+/// farther off. The distances mean nothing. On the CPU this takes less search.
 void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY);
 
 /// Floats that gCreateAndMatchHOG takes from the pool at one time.
 std::size_t matchingFloats(int h, int w, int p);
 
-/// What the records hold of the backward search: all matches and distances, or as matchHome leaves them.
+/// What the records hold of the backward search: all matches and distances, or what matchHome writes.
 enum class Backward { Matches, Home };
 
 /// Forward match, backward match of what it found, consistency check.
 void matchBothWays(const Pair& pair, const Records& records, Backward backward, float* weight, float* u,
                    float* v);
 
-/// Makes the records' counts the last ones.
+/// Counts the records for NMatching::lastCounts.
 void setCounts(const Grid& grid, const HostRecords& records);
 
-/// Mean of a plane with this sum, in single precision.
+/// Mean of an h x w plane with this sum, in single precision.
 inline float meanOf(float sum, int h, int w) {
   return sum / (static_cast<float>(w) * static_cast<float>(h));
 }

@@ -22,13 +22,12 @@ int usableProcessors() {
 }
 
 /// The chunks of a job are cut into ranges, one for each thread, but no more than kMostRanges. A thread
-/// claims the chunks of its own range first, then what is left of the others: in one job after the other over
-/// the same rows it meets rows that its caches still hold.
+/// claims the chunks of its own range first, then what is left of the others. So in successive jobs over the
+/// same rows it meets rows that its caches still hold.
 ///
 /// A job is posted by writing its fields, then the ticket of every range (generation << 32 | chunks left),
 /// then the generation. A thread claims a chunk by lowering a ticket from the value under which it read the
-/// fields: a success proves that a chunk of that job was left, so that its caller still waits and the fields
-/// are valid.
+/// fields. If that succeeds, a chunk of that job was left: its caller still waits, and the fields are valid.
 class Team {
  public:
   explicit Team(int size) : size_(size) {}
@@ -144,8 +143,8 @@ class Team {
   std::atomic<int> done_{0};
 };
 
-// Never destroyed: a process may end from inside a job. After a fork the child, which has no workers, gets a
-// new one.
+// Never destroyed: a process may end from inside a job. After a fork the child has no workers and gets a new
+// team.
 Team*& teamPointer() {
   static Team* team = [] {
     pthread_atfork(nullptr, nullptr, [] { teamPointer() = new Team(teamPointer()->size()); });

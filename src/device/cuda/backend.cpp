@@ -10,7 +10,7 @@ namespace {
 int chosenDevice = 0;
 std::string chosenName;
 
-// An error that the layer itself sets, for injected failures; the runtime's own comes first.
+// An error that this room sets itself, for injected failures; an error of the runtime takes precedence.
 Code ownError = kSuccess;
 
 Code allocate(void** memory, std::size_t bytes) {
@@ -29,7 +29,7 @@ Code copyRows(void* to, std::size_t toPitch, const void* from, std::size_t fromP
                               : direction == Direction::ToHost ? cudaMemcpyDeviceToHost
                                                                : cudaMemcpyDeviceToDevice;
   if (width > toPitch || width > fromPitch)
-    return kInvalidValue;  // of a single row the runtime asks no pitch
+    return kInvalidValue;  // for a single row the runtime would not check the pitch
   if (rows == 1) return cudaMemcpy(to, from, width, kind);
   return cudaMemcpy2D(to, toPitch, from, fromPitch, width, rows, kind);
 }

@@ -5,7 +5,7 @@
 
 namespace device::cuda {
 
-/// Block shape of every per-pixel launch: a warp along a row, so that its accesses join into whole lines.
+/// Block shape of every per-pixel launch: a warp lies along a row, so that its accesses form whole lines.
 constexpr unsigned kBlockX = 32;
 constexpr unsigned kBlockY = 8;
 
