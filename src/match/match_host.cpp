@@ -1,5 +1,6 @@
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
+#include <tarvo/picture.h>
 
 #include "device/device.h"
 #include "device/report.h"
@@ -101,8 +102,8 @@ class HostPair {
  public:
   HostPair(const float* image1, const float* image2, const float* hog1, const float* hog2,
            const float* confidence, int h, int w)
-      : image1_(image1, h, w, match::kColours),
-        image2_(image2, h, w, match::kColours),
+      : image1_(image1, h, w, kPictureChannels),
+        image2_(image2, h, w, kPictureChannels),
         hog1_(hog1, h, w, kHogBins),
         hog2_(hog2, h, w, kHogBins),
         confidence_(confidence, h, w, 1),
