@@ -14,10 +14,11 @@
 #include "match/confidence_rows.cuh"
 #include "match/hog_bands.h"
 #include "match/hog_internal.h"
+#include "match/unit.h"
 
 namespace {
 
-constexpr const char* kUnit = "HOGMatch";
+using match::kUnit;
 constexpr float kTensorSigma = 4.0f;  // pixels
 
 /// Row sums of rows y0 ... y1 - 1: the lanes side by side, then halving.

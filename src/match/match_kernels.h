@@ -1,6 +1,7 @@
 #pragma once
 
 #include <tarvo/hog.h>
+#include <tarvo/matching.h>
 #include <tarvo/picture.h>
 
 #include <climits>
@@ -9,9 +10,9 @@
 
 namespace match {
 
-constexpr int kSpacing = 4;        ///< pixels between grid points, and between descriptor cells
-constexpr int kRadius = 80;        ///< half-width of the search window [pixels]
-constexpr int kWindowMargin = 12;  ///< least distance of a candidate from the border [pixels]
+constexpr int kSpacing = NMatching::kSpacing;
+constexpr int kRadius = NMatching::kRadius;
+constexpr int kWindowMargin = NMatching::kMargin;
 constexpr int kCells = 9;
 constexpr int kCentreCell = 4;
 constexpr int kDescriptorSize = kCells * kHogBins;

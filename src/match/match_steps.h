@@ -8,12 +8,14 @@
 
 #include "device/memory.h"
 #include "match/match_kernels.h"
+#include "match/unit.h"
 
 /// What the device pipeline and its host-array twin share of the matching step. Included by parts of the unit
 /// HOGMatch and its tests.
 namespace match {
 
-constexpr const char* kUnit = "HOGMatch";
+/// First grid coordinate of the device pipeline; no candidate lies nearer to the border.
+constexpr int kGridMargin = kWindowMargin;
 
 /// Device planes that are matched; image 1 is searched in image 2.
 struct Pair {

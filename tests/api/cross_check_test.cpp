@@ -82,8 +82,9 @@ class Search {
   /// The nearest candidate at least `margin` pixels from the border, by columns.
   Candidate nearest(int margin) const {
     Candidate best;
-    for (int x = std::max(margin, ax_ - 80); x <= std::min(ax_ + 80, kernel_.w - 1 - margin); ++x) {
-      for (int y = std::max(margin, ay_ - 80); y <= std::min(ay_ + 80, kernel_.h - 1 - margin); ++y) {
+    const match::Window window = match::windowAround(ax_, ay_, kernel_.h, kernel_.w, margin);
+    for (int x = window.x0; x <= window.x1; ++x) {
+      for (int y = window.y0; y <= window.y1; ++y) {
         const float d = distance(x, y);
         if (d < best.distance) best = {d, x, y};
       }
