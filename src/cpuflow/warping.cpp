@@ -14,13 +14,14 @@
 
 #include "device/device.h"
 #include "device/report.h"
+#include "variational/flow/levels.h"
 
 // The coarse-to-fine scheme on the host.
 
 namespace {
 
-constexpr int kFinalPasses = 5;                // further passes at full resolution, without matches
-constexpr float kCoarsest = 15.0f;             // shorter side of the coarsest level, about [pixels]
+using variational::kFinalPasses;
+
 constexpr double kTicksPerSecond = 1000000.0;  // of the processor clock
 
 /// The pixel left of and above a position, and the position's distance from it.
@@ -78,7 +79,8 @@ Pass passOf(int index, int width, int height, double eta) {
 
 /// Levels above the full resolution.
 int scalesOf(int width, int height, double eta) {
-  const float ratio = kCoarsest / static_cast<float>(width < height ? width : height);
+  const float ratio =
+      static_cast<float>(variational::kLeastSide) / static_cast<float>(width < height ? width : height);
   const double scales = std::log(static_cast<double>(ratio)) / std::log(eta);
   return scales > 0.0 && std::isfinite(scales) ? static_cast<int>(scales) : 0;
 }

@@ -1,5 +1,6 @@
 #include <tarvo/filters.h>
 #include <tarvo/hog.h>
+#include <tarvo/picture.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -13,12 +14,12 @@
 #include "match/confidence_rows.cuh"
 #include "match/hog_bands.h"
 #include "match/hog_internal.h"
+#include "match/unit.h"
 
 namespace {
 
-constexpr const char* kUnit = "HOGMatch";
+using match::kUnit;
 constexpr float kTensorSigma = 4.0f;  // pixels
-constexpr int kColourChannels = 3;
 
 /// Row sums of rows y0 ... y1 - 1: the lanes side by side, then halving.
 TARVO_BAND void sumRowsBand(const float* plane, float* rowSums, int w, int p, int y0, int y1) {
@@ -57,9 +58,9 @@ void downloadPlane(float* to, device::Buffer& from, int h, int w, int p) {
 
 void sqrAddMag_kernel(const float* dx, const float* dy, float* jxx, float* jxy, float* jyy, float* magnitude,
                       int height, int width, int pitch, int channels) {
-  if (channels == kColourChannels) {
-    launch(kernels::sqrAddMag_kernel<kColourChannels>{dx, dy, jxx, jxy, jyy, magnitude, height, width, pitch,
-                                                      channels});
+  if (channels == kPictureChannels) {
+    launch(kernels::sqrAddMag_kernel<kPictureChannels>{dx, dy, jxx, jxy, jyy, magnitude, height, width, pitch,
+                                                       channels});
   } else {
     launch(kernels::sqrAddMag_kernel<0>{dx, dy, jxx, jxy, jyy, magnitude, height, width, pitch, channels});
   }

@@ -14,7 +14,6 @@
 namespace match {
 namespace {
 
-constexpr int kGridMargin = 12;
 constexpr int kPrintedPoints = 10;
 constexpr double kWeightTolerance = 0.001;
 

@@ -26,6 +26,6 @@ struct HostFeatures {
 ///  - a second candidate at the smallest distance makes that the second distance, whatever its column
 ///  - the weight makes no exception for absent candidates
 void crossCheck(const HostFeatures& features, const CTensor<float>& u, const CTensor<float>& v,
-                          const CTensor<float>& weight);
+                const CTensor<float>& weight);
 
 }  // namespace match

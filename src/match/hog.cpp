@@ -11,10 +11,11 @@
 #include "match/hog_bands.h"
 #include "match/hog_internal.h"
 #include "match/hog_kernels.h"
+#include "match/unit.h"
 
 namespace {
 
-constexpr const char* kUnit = "HOGMatch";
+using match::kUnit;
 
 /// The field by the plain kernels.
 void computeWithKernels(const float* image, float* hog, int channels, int bins, int h, int w, int p) {

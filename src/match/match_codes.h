@@ -75,7 +75,7 @@ TARVO_HOST_DEVICE unsigned char energyCode(float energy) {
 
 /// The codes of image B, dense.
 struct Codes {
-  static constexpr int kPlanes = kColours + 1 + kCoarseParts;
+  static constexpr int kPlanes = kPictureChannels + 1 + kCoarseParts;
   int h, w;
   float coarseScale, fineScale;  ///< codes per grey level
   unsigned char* planes;         ///< of each row: colours, energy, coarse sums
@@ -97,8 +97,8 @@ struct Codes {
 
 /// A point's codes, with which those of image B are compared.
 struct PointCodes {
-  Bytes least[kColours + 1];  // smallest code of an acceptable candidate
-  unsigned char acceptable;   // largest difference of a code from `least`
+  Bytes least[kPictureChannels + 1];  // smallest code of an acceptable candidate
+  unsigned char acceptable;           // largest difference of a code from `least`
   int coarse[kCorners][kCoarseParts];
   alignas(32) std::uint16_t fine[3][kRowOfCells];
 
@@ -111,11 +111,11 @@ struct PointCodes {
       std::memset(&least[k], from, kBlock);
       width = std::max(width, to - from);
     };
-    for (int c = 0; c < kColours; ++c) {
+    for (int c = 0; c < kPictureChannels; ++c) {
       finite = finite && std::fabs(colour[c]) < INFINITY;
       range(c, colourCode(colour[c] - kWidth), colourCode(colour[c] + kWidth));
     }
-    range(kColours, energyCode(0.5f * energy), energyCode(2.0f * energy));
+    range(kPictureChannels, energyCode(0.5f * energy), energyCode(2.0f * energy));
     acceptable = finite ? static_cast<unsigned char>(width) : kAll;
   }
 
@@ -192,11 +192,11 @@ TARVO_HOST_DEVICE void setFirst(Bytes& block, unsigned count) {
 TARVO_HOST_DEVICE void testColumns(const unsigned char* codes, long plane, const PointCodes& point, bool open,
                                    unsigned count, const Bytes& last, unsigned char* passing) {
   const unsigned char width = open ? kAll : point.acceptable;
-  Bytes least[kColours + 1];
-  for (int k = 0; k <= kColours; ++k) least[k] = point.least[k];
+  Bytes least[kPictureChannels + 1];
+  for (int k = 0; k <= kPictureChannels; ++k) least[k] = point.least[k];
   for (unsigned i = 0; i < count; i += kBlock) {
     Bytes apart = {};
-    for (int k = 0; k <= kColours; ++k) compare(apart, codes + k * plane + i, least[k]);
+    for (int k = 0; k <= kPictureChannels; ++k) compare(apart, codes + k * plane + i, least[k]);
     auto passed = reinterpret_cast<Bytes>(apart <= width);
     if (i + kBlock == count) passed &= last;
     std::memcpy(passing + i, &passed, sizeof passed);
@@ -293,7 +293,8 @@ TARVO_HOST_DEVICE void codeHistograms(const Codes& codes, const kernels::HOGMatc
     for (int i = 0; i < kChunk; ++i) {
       coarse[part][i] = codeOf(sum(part * kBinsOfCoarse, kBinsOfCoarse, i) * codes.coarseScale, kMostByte);
     }
-    std::memcpy(codes.planeRow(kColours + 1 + part, y) + x0, coarse[part], static_cast<std::size_t>(count));
+    std::memcpy(codes.planeRow(kPictureChannels + 1 + part, y) + x0, coarse[part],
+                static_cast<std::size_t>(count));
   }
   for (int part = 0; part < kFineParts; ++part) {
 #pragma omp simd
@@ -310,7 +311,7 @@ TARVO_HOST_DEVICE void codeHistograms(const Codes& codes, const kernels::HOGMatc
 /// All codes of row y.
 TARVO_HOST_DEVICE void codeRow(const Codes& codes, const kernels::HOGMatch_kernel& m, int y) {
   unsigned char open = 0;
-  for (int c = 0; c < kColours; ++c) {
+  for (int c = 0; c < kPictureChannels; ++c) {
     const float* colour = m.imageB + m.plane(c) + m.at(0, y);
     unsigned char* out = codes.planeRow(c, y);
 #pragma omp simd reduction(| : open)
@@ -320,7 +321,7 @@ TARVO_HOST_DEVICE void codeRow(const Codes& codes, const kernels::HOGMatch_kerne
     }
   }
   const float* energy = m.energyB + m.at(0, y);
-  unsigned char* out = codes.planeRow(kColours, y);
+  unsigned char* out = codes.planeRow(kPictureChannels, y);
 #pragma omp simd reduction(| : open)
   for (int x = 0; x < codes.w; ++x) {
     out[x] = energyCode(energy[x]);

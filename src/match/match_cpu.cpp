@@ -63,8 +63,8 @@ TARVO_HOST_DEVICE void loadPoint(Point& point, const Job& job, int ax, int ay) {
     point.cells[k][kHogBins] = 0.0f;
     point.codes.setCell(job.codes, k, point.cells[k]);
   }
-  float colour[kColours];
-  for (int c = 0; c < kColours; ++c) colour[c] = m.imageA[m.plane(c) + m.at(ax, ay)];
+  float colour[kPictureChannels];
+  for (int c = 0; c < kPictureChannels; ++c) colour[c] = m.imageA[m.plane(c) + m.at(ax, ay)];
   point.codes.setAcceptable(colour, m.energyA[m.at(ax, ay)]);
   point.window = windowAround(ax, ay, m.h, m.w);
 }

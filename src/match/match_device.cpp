@@ -15,8 +15,6 @@ using match::kUnit;
 using match::Pair;
 using match::Records;
 
-constexpr int kMargin = 12;  // first grid coordinate
-
 void printTimes() {
   report::print("HOG creation = %f msec\n", timer_hogc);
   report::print("HOG match = %f msec\n", timer_hogmatch);
@@ -79,7 +77,7 @@ std::size_t match::matchingFloats(int h, int w, int p) {
 
 void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, float* v, float* weight,
                         int height, int width, int pitch, int channels) {
-  const match::Grid grid(width, height, kMargin);
+  const match::Grid grid(width, height, match::kGridMargin);
   report::print("%d %d %d %d\n", grid.columns, grid.rows, width, height);
   for (float* plane : {u, v, weight}) {
     TARVO_CALL(device::clear(plane, device::planeFloats(height, pitch) * sizeof(float)));

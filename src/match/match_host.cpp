@@ -1,9 +1,11 @@
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
+#include <tarvo/picture.h>
 
 #include "device/device.h"
 #include "device/report.h"
 #include "match/match_steps.h"
+#include "match/shown_pixels.h"
 
 // The matching step for host arrays.
 
@@ -58,18 +60,11 @@ class MatchField {
   int h_, w_, p_;
 };
 
-/// Prints the energy at (108, 108) in both images and at (72, 206) in the second, if these pixels exist.
-void printEnergies(const float* energy1, const float* energy2, int h, int w) {
-  constexpr int kX = 108, kY = 108, kOtherX = 72, kOtherY = 206;
-  if (w <= kX || h <= kOtherY) return;
-  const auto read = [w](const float* plane, int x, int y) {
-    float value = 0.0f;
-    TARVO_CALL(
-        device::copyFloats(&value, plane + static_cast<long>(y) * w + x, 1, device::Direction::ToHost));
-    return static_cast<double>(value);
-  };
-  report::print("108,108: E1=%f E2=%f E2'=%f \n", read(energy1, kX, kY), read(energy2, kX, kY),
-                read(energy2, kOtherX, kOtherY));
+/// Value (x, y) of a device plane of w floats a row.
+float valueAt(const float* plane, int w, int x, int y) {
+  float value = 0.0f;
+  TARVO_CALL(device::copyFloats(&value, plane + static_cast<long>(y) * w + x, 1, device::Direction::ToHost));
+  return value;
 }
 
 /// Prints the first results: forward matches and failures share one count, kept ones have their own.
@@ -101,8 +96,8 @@ class HostPair {
  public:
   HostPair(const float* image1, const float* image2, const float* hog1, const float* hog2,
            const float* confidence, int h, int w)
-      : image1_(image1, h, w, match::kColours),
-        image2_(image2, h, w, match::kColours),
+      : image1_(image1, h, w, kPictureChannels),
+        image2_(image2, h, w, kPictureChannels),
         hog1_(hog1, h, w, kHogBins),
         hog2_(hog2, h, w, kHogBins),
         confidence_(confidence, h, w, 1),
@@ -132,7 +127,9 @@ class HostPair {
                   static_cast<double>(pair_.meanConfidence));
     computeEnergy_kernel(hog1_.get(), energy1_.get(), h, w, w, kHogBins);
     computeEnergy_kernel(hog2_.get(), energy2_.get(), h, w, w, kHogBins);
-    printEnergies(pair_.energy1, pair_.energy2, h, w);
+    match::printEnergies(w, h, [&](int picture, int x, int y) {
+      return valueAt(picture == 1 ? pair_.energy1 : pair_.energy2, w, x, y);
+    });
   }
   const match::Pair& pair() const { return pair_; }
   void release() {

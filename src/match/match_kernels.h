@@ -1,6 +1,8 @@
 #pragma once
 
 #include <tarvo/hog.h>
+#include <tarvo/matching.h>
+#include <tarvo/picture.h>
 
 #include <climits>
 
@@ -8,14 +10,13 @@
 
 namespace match {
 
-constexpr int kSpacing = 4;        ///< pixels between grid points, and between descriptor cells
-constexpr int kRadius = 80;        ///< half-width of the search window [pixels]
-constexpr int kWindowMargin = 12;  ///< least distance of a candidate from the border [pixels]
+constexpr int kSpacing = NMatching::kSpacing;
+constexpr int kRadius = NMatching::kRadius;
+constexpr int kWindowMargin = NMatching::kMargin;
 constexpr int kCells = 9;
 constexpr int kCentreCell = 4;
 constexpr int kDescriptorSize = kCells * kHogBins;
 constexpr int kMostColumns = 2 * kRadius + 1;
-constexpr int kColours = 3;
 constexpr float kRejected = 1e9f;           ///< distances from here on count as none
 constexpr float kColourThreshold = 300.0f;  ///< largest sum of squared colour differences
 constexpr double kGate = 0.125;             ///< fraction of the mean confidence that a point must reach
@@ -101,7 +102,7 @@ struct HOGMatch_kernel {
     const double eB = energyB[at(x, y)];
     if (eB > 2.0 * eA || eA > 2.0 * eB) return false;
     float sum = 0.0f;
-    for (int c = 0; c < match::kColours; ++c) {
+    for (int c = 0; c < kPictureChannels; ++c) {
       const float d = imageA[plane(c) + at(ax, ay)] - imageB[plane(c) + at(x, y)];
       sum += d * d;
     }

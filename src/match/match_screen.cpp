@@ -69,7 +69,7 @@ TARVO_HOST_DEVICE unsigned listGroups(const unsigned char* passing, unsigned blo
 TARVO_BAND unsigned boundBand(const Codes& codes, const Bounds& bounds, const Band& band, unsigned blocks,
                               Screening& screening) {
   const long plane = codes.w, row = plane * Codes::kPlanes;
-  const unsigned char* first = codes.planeRow(kColours + 1, band.y - kSpacing) + band.x0 - kSpacing;
+  const unsigned char* first = codes.planeRow(kPictureChannels + 1, band.y - kSpacing) + band.x0 - kSpacing;
   const auto cellsOf = [&](unsigned block) {
     return first + block / kPaddedColumns * row + block % kPaddedColumns;
   };

@@ -7,12 +7,14 @@
 
 #include "device/memory.h"
 #include "match/match_kernels.h"
+#include "match/unit.h"
 
 /// The parts of the matching step that its functions on device planes (match_device.cpp) and on host arrays
 /// (match_host.cpp) share.
 namespace match {
 
-constexpr const char* kUnit = "HOGMatch";
+/// First grid coordinate of the device pipeline; no candidate lies nearer to the border.
+constexpr int kGridMargin = kWindowMargin;
 
 /// Device planes that are matched; image 1 is searched in image 2.
 struct Pair {

@@ -1,5 +1,7 @@
 #include "variational/flow/arguments.h"
 
+#include <tarvo/picture.h>
+
 #include <climits>
 #include <cmath>
 #include <sstream>
@@ -28,7 +30,7 @@ void checkSize(const char* function, const char* what, int height, int width, in
     refuse(function, what, "at most about 178 million pixels",
            std::to_string(width) + " x " + std::to_string(height));
   }
-  if (channels != 3) {
+  if (channels != kPictureChannels) {
     refuse(function, what, "of 3 channels",
            std::to_string(channels) + (channels == 1 ? " channel" : " channels"));
   }
