@@ -69,17 +69,12 @@ void checkArguments(const FlowOptions& options) {
 
 Frames readFrames(const FlowOptions& options, const Verbosity& verbosity) {
   std::vector<std::string> messages;
-  Frames frames{readPicture(options.frame1, &messages), readPicture(options.frame2, &messages)};
+  CTensor<float> first = readPicture(options.frame1, &messages);
+  CTensor<float> second = readPicture(options.frame2, &messages, &first);
   for (const std::string& text : messages) {
     message(verbosity, text);
   }
-  const CTensor<float>&a = frames.first, &b = frames.second;
-  if (a.sizeX() != b.sizeX() || a.sizeY() != b.sizeY()) {
-    throw std::runtime_error("the pictures differ in size: " + options.frame1 + " has " +
-                             sizeText(a.sizeX(), a.sizeY()) + " pixels, " + options.frame2 + " has " +
-                             sizeText(b.sizeX(), b.sizeY()));
-  }
-  return frames;
+  return {std::move(first), std::move(second)};
 }
 
 Json phaseSeconds(const Run& run, bool hybrid) {
