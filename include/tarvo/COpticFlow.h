@@ -67,8 +67,8 @@ struct TARVO_API COpticFlow {
   /// integers, then u and v of every pixel as floats, row after row, all little-endian.
   ///
   /// The data go to a temporary file in the same folder that is renamed when it is complete: on any failure a
-  /// file that was there before is still there, unchanged. Devices and pipes are written directly. A folder
-  /// that takes no new file cannot be written to, not even over an old one.
+  /// file that was there before is still there, unchanged. Devices and pipes are written directly, and
+  /// so is an old file in a folder that takes no new one.
   /// @param flow      at least two planes
   /// @param filename  should end in ".flo"; another name is warned about and used all the same
   /// Messages: "NAME should have extension '.flo'", "Could not open NAME", "Problem writing header",

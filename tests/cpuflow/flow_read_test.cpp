@@ -82,6 +82,7 @@ TEST_F(FlowRead, RefusesWrongTagsAndImpossibleSizesWithoutTakingMemory) {
   expectRefused(flowBytes(INT_MAX, INT_MAX, {1, 2}), "the size 2147483647 x 2147483647 is too large");
   // 2^32 elements, which is 0 in 32 bits.
   expectRefused(flowBytes(65536, 32768, {1, 2}), "the size 65536 x 32768 is too large");
+  expectRefused(flowBytes(0, INT_MAX, {}), "the size 0 x 2147483647 is too large");
   // The largest that a tensor can hold.
   expectRefused(flowBytes(INT_MAX / 2, 1, {1, 2}), "short data: 1073741823 x 1 pixels need 8589934596 bytes");
   expectRefused(flowBytes(30000, 30000, {1, 2}), "short data: 30000 x 30000 pixels need 7200000012 bytes");

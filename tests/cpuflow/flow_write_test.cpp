@@ -3,7 +3,9 @@
 #include <tarvo/NFlowFile.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 
 #include "cpuflow/file_fixture.h"
@@ -87,7 +89,7 @@ TEST_F(FlowWrite, SaysWhatCannotBeOpened) {
   EXPECT_EQ(entries(), 2);
 }
 
-TEST_F(FlowWrite, LeavesWriteProtectedFilesAndFoldersAlone) {
+TEST_F(FlowWrite, LeavesWriteProtectedFilesAndTakesNoNewOnesToProtectedFolders) {
   if (geteuid() == 0) GTEST_SKIP() << "the superuser may write anywhere";
   CTensor<float> flow = numberedFlow(2, 2);
   const std::string name = path("protected.flo");
@@ -100,8 +102,11 @@ TEST_F(FlowWrite, LeavesWriteProtectedFilesAndFoldersAlone) {
   const std::string fresh = path("fresh.flo");
   EXPECT_EQ(printed([&] { COpticFlow::writeMiddlebury(flow, fresh.c_str()); }),
             "Could not open " + fresh + "\n");
-  chmod(folder_.c_str(), 0755);
   EXPECT_EQ(contents(name), "old");
+  // The old file itself may be written: directly, for there is no place for a new one.
+  EXPECT_EQ(printed([&] { COpticFlow::writeMiddlebury(flow, name.c_str()); }), "");
+  chmod(folder_.c_str(), 0755);
+  EXPECT_TRUE(sameFlow(NFlowFile::read(name), flow));
   EXPECT_EQ(entries(), 1);
 }
 
@@ -125,10 +130,26 @@ TEST_F(FlowWrite, KeepsTheOldFileWhenTheDiskIsFull) {
 TEST_F(FlowWrite, ReportsAFailedHeaderAndGoesOn) {
   CTensor<float> flow = numberedFlow(2, 2);
   EXPECT_EQ(printed([&] { COpticFlow::writeMiddlebury(flow, "/dev/full"); }),
-            "/dev/full should have extension '.flo'\nProblem writing header\n"
-            "Problem writing data to /dev/full: No space left on device\n");
+            "/dev/full should have extension '.flo'\nProblem writing header\n");
   EXPECT_THROW(NFlowFile::write("/dev/full", flow), std::runtime_error);
   EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
+}
+
+TEST_F(FlowWrite, GoesToAnOpenFileFromItsPosition) {
+  using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+  File file(std::fopen(path("a").c_str(), "wb"), std::fclose);
+  std::fputs("before", file.get());
+  NFlowFile::write(file.get(), numberedFlow(37, 21));
+  EXPECT_THROW(NFlowFile::write(file.get(), CTensor<float>(2, 2, 1, 0.0F)), std::runtime_error);
+  NFlowFile::write(path("b.flo"), numberedFlow(37, 21));
+  EXPECT_EQ(contents(path("a")), "before" + contents(path("b.flo")));
+  file.reset(std::fopen("/dev/full", "wb"));
+  try {
+    NFlowFile::write(file.get(), numberedFlow(2, 2));
+    ADD_FAILURE() << "written to a full device";
+  } catch (const std::runtime_error& problem) {
+    EXPECT_STREQ(problem.what(), "No space left on device");
+  }
 }
 
 TEST_F(FlowWrite, RefusesATensorWithoutSecondPlane) {
