@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 #include <tarvo/tarvo.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <filesystem>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -14,6 +17,7 @@
 namespace {
 
 using Json = nlohmann::json;
+namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 
 class Command : public testing::Test {
@@ -71,6 +75,9 @@ TEST_F(Command, WrongUsageEndsWith2AndNamesTheOption) {
       {{"flow", "a.png", "b.png", "-o", "x.png"}, "x.png"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--backward", "./x.flo"}, "--backward"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--color", "b.png"}, "--color"},
+      {{"flow", "a.png", "b.flo", "-o", "./b.flo"}, "--output names an input"},
+      {{"flow", "a.csv", "b.png", "-o", "x.flo", "--matches", "a.csv"}, "--matches names an input"},
+      {{"color", "x.png", "-o", "x.png"}, "--output names an input"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--eta", "1.5"}, "--eta: 1.5"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--eta", "0.999999999"}, "--eta"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--alpha", "nan"}, "--alpha: nan"},
@@ -153,9 +160,54 @@ TEST_F(Command, AFailedRunLeavesTheOldFilesAndNothingElse) {
                                       TARVO_TOOL, "synth", "demo", "-o", path("."), "--size", "8x2000"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_TRUE(contains(outcome.err, "frame1.png")) << outcome.err;
-  EXPECT_FALSE(contains(outcome.err, ".tmp")) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "(File too large)")) << outcome.err;
   EXPECT_EQ(folder.names(), before);
   EXPECT_EQ(readPicture(frames[0], nullptr).sizeX(), 48);
+}
+
+TEST_F(Command, ASignalRemovesTemporaryFilesAndEndsTheProgram) {
+  // Waits for the first temporary file with contents, while the second picture is still to be written.
+  const char* const script =
+      "\"$@\" & until [ -s \"$4\"/.tarvo* ]; do kill -0 $! || exit 99; sleep 0.01; done; "
+      "kill -$0 $!; wait $!";
+  for (const char* signal : {"TERM", "HUP"}) {
+    const Outcome outcome = runProgram(
+        {"/bin/sh", "-c", script, signal, TARVO_TOOL, "synth", "-o", path("."), "demo", "--size", "900x900"});
+    EXPECT_EQ(outcome.status, 128 + (signal[0] == 'T' ? SIGTERM : SIGHUP)) << outcome.err;
+    EXPECT_EQ(folder.names(), Words{});
+  }
+}
+
+TEST_F(Command, OutputsKeepPermissionsAndFollowLinks) {
+  makeFrames();
+  const auto draw = [&](const std::string& name) {
+    return runTool({"color", path("flow.flo"), "-o", path(name)});
+  };
+  writeText(path("private.png"), "old");
+  fs::permissions(path("private.png"), fs::perms::owner_read | fs::perms::owner_write);
+  fs::create_symlink("private.png", path("link.png"));
+  fs::create_symlink("new.png", path("dangling.png"));
+  fs::create_symlink("loop.png", path("loop.png"));
+  const std::string longest = std::string(251, 'a') + ".png";
+  for (const std::string& name : {std::string("link.png"), std::string("dangling.png"), longest}) {
+    EXPECT_EQ(draw(name).status, 0) << name;
+  }
+  EXPECT_EQ(fs::status(path("private.png")).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  for (const std::string& name : {std::string("private.png"), std::string("new.png"), longest}) {
+    EXPECT_EQ(readPicture(path(name), nullptr).sizeX(), 48) << name;
+  }
+  EXPECT_TRUE(fs::is_symlink(path("link.png")) && fs::is_symlink(path("dangling.png")));
+  EXPECT_TRUE(contains(draw("loop.png").err, "symbolic links"));
+  if (geteuid() == 0) return;  // who may write anywhere
+
+  writeText(path("private.png"), "old");
+  fs::permissions(path("private.png"), fs::perms::owner_read);
+  EXPECT_EQ(draw("private.png").status, 1);
+  EXPECT_EQ(readText(path("private.png")), "old");
+  fs::permissions(path("."), fs::perms::owner_read | fs::perms::owner_exec);
+  EXPECT_EQ(draw("new.png").status, 0);
+  EXPECT_EQ(draw("newer.png").status, 1);
+  fs::permissions(path("."), fs::perms::owner_all);
 }
 
 TEST_F(Command, TheHybridPipelineIsRunFlow) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 
 #include <jpeglib.h>
@@ -320,11 +321,14 @@ TEST_F(Pictures, WritesRoundedAndLimitedValues) {
   CTensor<float> picture(2, 2, 3, 0.f);
   const float given[] = {-7, 0.4f, 0.6f, 254.6f, 300, std::numeric_limits<float>::quiet_NaN()};
   std::copy(given, given + 6, picture.data());
+  const auto write = [](const std::string& path, const CTensor<float>& values) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"), std::fclose);
+    writePng(file.get(), values);
+  };
   const std::string path = folder.path("written.png");
-  writePng(path, picture);
+  write(path, picture);
   const CTensor<float> read = readPicture(path, nullptr);
   EXPECT_EQ(std::vector<float>(read.data(), read.data() + 6), (Values{0, 0, 1, 255, 255, 0}));
-  EXPECT_THROW(writePng(folder.path("none/written.png"), picture), std::runtime_error);
-  EXPECT_THROW(writePng("/dev/full", picture), std::runtime_error);
-  EXPECT_THROW(writePng(path, CTensor<float>(2, 2, 2, 0.f)), std::runtime_error);
+  EXPECT_THROW(write("/dev/full", picture), std::runtime_error);
+  EXPECT_THROW(write(path, CTensor<float>(2, 2, 2, 0.f)), std::runtime_error);
 }

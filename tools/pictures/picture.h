@@ -2,6 +2,7 @@
 
 #include <tarvo/CTensor.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@ CTensor<float> readPicture(const std::string& path, std::vector<std::string>* me
                            const CTensor<float>* like = nullptr);
 
 /// Writes a PNG with 8 bits per value.
-/// @param rgb  width x height x 3; values are rounded and limited to 0 ... 255, not-a-number gives 0
-/// @throws std::runtime_error  naming the file and the reason; the file may then be incomplete
-void writePng(const std::string& path, const CTensor<float>& rgb);
+/// @param file  open for writing; stays open
+/// @param rgb   width x height x 3; values are rounded and limited to 0 ... 255, not-a-number gives 0
+/// @throws std::runtime_error  with the reason alone; the file may then be incomplete
+void writePng(std::FILE* file, const CTensor<float>& rgb);

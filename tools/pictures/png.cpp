@@ -130,43 +130,38 @@ bool readRows(Decoder& d) {
 }
 
 struct Encoder {
-  explicit Encoder(const std::string& path) : file(std::fopen(path.c_str(), "wb")) {
-    if (!file) {
-      throw std::runtime_error(std::string("cannot be written (") + std::strerror(errno) + ")");
-    }
-    png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &log, onError, onWarning);
+  Encoder() : png(png_create_write_struct(PNG_LIBPNG_VER_STRING, &log, onError, onWarning)) {
     info = png ? png_create_info_struct(png) : nullptr;
     if (!info) {
       png_destroy_write_struct(&png, nullptr);
-      std::fclose(file);
       throw std::bad_alloc();
     }
   }
-  ~Encoder() {
-    png_destroy_write_struct(&png, &info);
-    if (file) {
-      std::fclose(file);
-    }
-  }
+  ~Encoder() { png_destroy_write_struct(&png, &info); }
   Encoder(const Encoder&) = delete;
   Encoder& operator=(const Encoder&) = delete;
 
   Log log;
-  std::FILE* file;
   png_structp png = nullptr;
   png_infop info = nullptr;
   std::vector<unsigned char> row;
 };
 
+void writeBytes(png_structp png, png_bytep bytes, std::size_t count) {
+  if (std::fwrite(bytes, 1, count, static_cast<std::FILE*>(png_get_io_ptr(png))) < count) {
+    png_error(png, std::strerror(errno));
+  }
+}
+
 unsigned char toByte(float value) {
   return value > 0 ? static_cast<unsigned char>(std::lround(std::min(value, 255.f))) : 0;
 }
 
-bool writeRows(Encoder& e, const CTensor<float>& rgb) {
+bool writeRows(Encoder& e, std::FILE* file, const CTensor<float>& rgb) {
   if (setjmp(png_jmpbuf(e.png))) {
     return false;
   }
-  png_init_io(e.png, e.file);
+  png_set_write_fn(e.png, file, writeBytes, nullptr);
   png_set_user_limits(e.png, 0x7fffffff, 0x7fffffff);
   png_set_IHDR(e.png, e.info, rgb.sizeX(), rgb.sizeY(), 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
@@ -205,22 +200,16 @@ CTensor<float> decodePng(Input& input) {
 
 }  // namespace pictures
 
-void writePng(const std::string& path, const CTensor<float>& rgb) {
-  try {
-    if (rgb.sizeX() < 1 || rgb.sizeY() < 1 || rgb.sizeZ() != 3) {
-      throw std::runtime_error("has no pixels to write, or not three planes");
-    }
-    pictures::Encoder encoder(path);
-    encoder.row.resize(3 * static_cast<std::size_t>(rgb.sizeX()));
-    if (!pictures::writeRows(encoder, rgb)) {
-      throw std::runtime_error("cannot be written (" + encoder.log.error + ")");
-    }
-    std::FILE* file = encoder.file;
-    encoder.file = nullptr;
-    if (std::fclose(file) != 0) {
-      throw std::runtime_error(std::string("cannot be written (") + std::strerror(errno) + ")");
-    }
-  } catch (const std::runtime_error& error) {
-    throw std::runtime_error(path + ": " + error.what());
+void writePng(std::FILE* file, const CTensor<float>& rgb) {
+  if (rgb.sizeX() < 1 || rgb.sizeY() < 1 || rgb.sizeZ() != 3) {
+    throw std::runtime_error("no pixels, or not three planes");
+  }
+  pictures::Encoder encoder;
+  encoder.row.resize(3 * static_cast<std::size_t>(rgb.sizeX()));
+  if (!pictures::writeRows(encoder, file, rgb)) {
+    throw std::runtime_error(encoder.log.error);
+  }
+  if (std::fflush(file) != 0) {
+    throw std::runtime_error(std::strerror(errno));
   }
 }
