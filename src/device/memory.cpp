@@ -6,6 +6,7 @@
 #include <climits>
 #include <map>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
@@ -59,8 +60,11 @@ class Pool {
     const Record record = found->second;
     inUse_.erase(found);
     if (kKeepReleased && record.pooled && record.backend == &chosenBackend()) {
-      free_.emplace(record.bytes, memory);
-      return kSuccess;
+      try {
+        free_.emplace(record.bytes, memory);
+        return kSuccess;
+      } catch (const std::bad_alloc&) {  // maybe while another one unwinds: it is given back instead
+      }
     }
     return record.backend->release(memory);
   }
