@@ -84,6 +84,8 @@ TEST_F(Command, WrongUsageEndsWith2AndNamesTheOption) {
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--gamma", "1e99"}, "--gamma: 1e99"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--beta", "3px"}, "--beta: 3px"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--solver-iterations", "-1"}, "--solver-iterations: -1"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--solver-iterations", "2147483647"}, "0 to 1073741823"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--device", "cuda:4711"}, "--device: cuda:4711"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--threads", "0"}, "--threads: 0"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--device", "gpu"}, "--device: gpu"},
       {{"color", "x.flo", "-o", "x.jpg"}, "x.jpg"},
@@ -131,7 +133,8 @@ TEST_F(Command, FailuresEndWith1AndNameTheFile) {
                {{"flow", frames[0], path("small/frame1.png"), "-o", out}, "48 x 40"},
                {{"flow", frames[0], path("small/frame1.png"), "-o", out}, "20 x 10"},
                {{"flow", frames[0], frames[1], "-o", path("none/x.flo")}, "none/x.flo"},
-               {{"flow", frames[0], frames[1], "-o", out, "--device", "cuda:4711"}, "cuda"},
+               {{"flow", frames[0], frames[1], "-o", out, "--device", "cuda:999"}, "cuda"},
+               {{"flow", frames[0], frames[1], "-o", out, "--alpha", "3e38"}, "too large"},
                {{"eval", path("none.flo"), good}, "none.flo"},
                {{"eval", good, path("damaged.flo")}, "damaged.flo"},
                {{"eval", good, path("small/flow.flo")}, "20 x 10"},
@@ -244,7 +247,7 @@ TEST_F(Command, FlowWritesItsFilesAndTellsOfThemInJson) {
   makeFrames();
   const Outcome outcome =
       flow({"-o", path("f.flo"), "--backward", path("b.flo"), "--color", path("f.png"), "--eta", "0.5",
-            "--alpha", "12.5", "--device", "cpu", "--threads", "1", "--json"});
+            "--alpha", "12.5", "--device", "cpu", "--threads", "01", "--solver-iterations", "010", "--json"});
   ASSERT_EQ(outcome.status, 0) << outcome.err;
   EXPECT_EQ(outcome.err, "");
   const Json json = Json::parse(outcome.out);
@@ -252,6 +255,7 @@ TEST_F(Command, FlowWritesItsFilesAndTellsOfThemInJson) {
   EXPECT_EQ(json.at("height"), 40);
   EXPECT_EQ(json.at("threads"), 1);
   EXPECT_EQ(json.at("parameters").at("alpha"), 12.5);
+  EXPECT_EQ(json.at("parameters").at("solver_iterations"), 10);
   EXPECT_TRUE(contains(json.at("device"), "cpu"));
   EXPECT_GT(json.at("forward").at("phases").at("total"), 0.0);
   EXPECT_EQ(json.at("backward").at("file"), path("b.flo"));

@@ -1,7 +1,9 @@
 #include <tarvo/tarvo.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -70,6 +72,15 @@ Json phaseSeconds(const Run& run, bool hybrid) {
           {"solver", seconds(&Phases::solver)}};
 }
 
+/// Pictures have finite values, and so does their flow unless a weight lets a sum overflow.
+void checkFinite(const CTensor<float>& flow) {
+  const auto finite = [](float value) { return std::isfinite(value); };
+  const long bad = flow.size() - std::count_if(flow.data(), flow.data() + flow.size(), finite);
+  if (bad == 0) return;
+  throw std::runtime_error("the flow is not a number at " + std::to_string(bad) + " of " +
+                           std::to_string(flow.size()) + " values: --alpha, --beta or --gamma is too large");
+}
+
 /// One direction. The frames are copies of its own, because smoothing changes them.
 Run compute(CTensor<float> from, CTensor<float> to, const FlowOptions& options, const Verbosity& verbosity,
             const std::string& label) {
@@ -83,6 +94,7 @@ Run compute(CTensor<float> from, CTensor<float> to, const FlowOptions& options, 
            p.solverIterations);
   run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   run.after = Phases::now();
+  checkFinite(run.flow);
   if (!options.noMatches) run.counts = NMatching::lastCounts();
   return run;
 }
