@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <iterator>
-#include <vector>
 
 #include "device/choice.h"
 
@@ -28,65 +27,61 @@ std::size_t pieceBytes(std::size_t bytes) {
   return (bytes + kUnit - 1) / kUnit * kUnit + (bytes >= kLargeFrom ? kPage : 0);
 }
 
-}  // namespace
-
-Code Pool::fromBackend(const Backend& backend, void** memory, std::size_t bytes) {
-  Code code = backend.allocate(memory, bytes);
-  if (code == kOutOfMemory && heldBytes_ > inUseBytes_) {
-    trim();
-    backend.takeLastError();
-    code = backend.allocate(memory, bytes);
-  }
-  if (code == kSuccess) heldBytes_ += bytes;
-  return code;
+/// From the start of a piece to the memory of the count-th large one.
+std::size_t offsetOf(const char* start, std::size_t count) {
+  const std::size_t wanted = count * 17 % (kPage / kLine) * kLine;
+  return (wanted + kPage - reinterpret_cast<std::uintptr_t>(start) % kPage) % kPage;
 }
+
+}  // namespace
 
 Code Pool::allocate(void** memory, std::size_t bytes) {
   if (!kKeepReleased) return allocateWhole(memory, bytes);
   const Backend& backend = chosenBackend();
   const std::size_t need = pieceBytes(bytes);
-  auto piece = findFree(backend, need);
-  if (piece == pieces_.end()) {
+  auto found = smallestFree(backend, need);
+  if (found == pieces_.end()) {
     giveBack(backend, need);
-    const Code code = addSlab(backend, need);
+    const Code code = addSlab(backend, need, &found);
     if (code != kSuccess) return code;
-    piece = findFree(backend, need);
   }
-  char* const start = piece->first;
-  Piece& taken = piece->second;
-  markFree(piece, false);
-  if (taken.bytes > need) {
-    const auto rest = pieces_.emplace(start + need, Piece{taken.slab, taken.bytes - need, false}).first;
-    markFree(rest, true);
-    taken.bytes = need;
+  char* const start = found->first;
+  Piece& piece = found->second;
+  if (piece.bytes > need) {
+    pieces_.emplace(start + need, Piece{piece.slab, piece.bytes - need, 0, nullptr});
+    piece.bytes = need;
   }
-  char* from = start;
-  if (backend.staggers && bytes >= kLargeFrom) {
-    const std::size_t wanted = next_++ * 17 % (kPage / kLine) * kLine;
-    from += (wanted + kPage - reinterpret_cast<std::uintptr_t>(start) % kPage) % kPage;
-  }
-  used_[from] = {start, &backend, bytes, true};
-  inUseBytes_ += bytes;
-  *memory = from;
+  piece.used = bytes;
+  piece.memory = start + (backend.staggers && bytes >= kLargeFrom ? offsetOf(start, count_++) : 0);
+  inUse_ += bytes;
+  *memory = piece.memory;
   return kSuccess;
 }
 
 Code Pool::allocateWhole(void** memory, std::size_t bytes) {
   const Backend& backend = chosenBackend();
-  auto fitting = freeWhole_.lower_bound(bytes);
-  while (fitting != freeWhole_.end() && fitting->second.second != &backend) ++fitting;
-  std::size_t size = bytes;
-  if (fitting != freeWhole_.end() && fitting->first / 2 <= bytes) {
-    *memory = fitting->second.first;
-    size = fitting->first;
-    freeWhole_.erase(fitting);
-  } else {
-    giveBack(backend, bytes);
-    const Code code = fromBackend(backend, memory, bytes);
-    if (code != kSuccess) return code;
+  auto best = wholes_.end();
+  for (auto at = wholes_.begin(); at != wholes_.end(); ++at) {
+    const Whole& whole = at->second;
+    if (whole.used || whole.backend != &backend || whole.bytes < bytes || whole.bytes / 2 > bytes) continue;
+    if (best == wholes_.end() || whole.bytes < best->second.bytes) best = at;
   }
-  used_[*memory] = {nullptr, &backend, size, true};
-  inUseBytes_ += size;
+  if (best == wholes_.end()) {
+    giveBack(backend, bytes);
+    void* fresh = nullptr;
+    const Code code = fromBackend(backend, &fresh, bytes);
+    if (code != kSuccess) return code;
+    try {
+      best = wholes_.emplace(fresh, Whole{&backend, bytes, false, true}).first;
+    } catch (...) {
+      backend.release(fresh);
+      throw;
+    }
+    held_ += bytes;
+  }
+  best->second.used = best->second.kept = true;
+  inUse_ += best->second.bytes;
+  *memory = best->first;
   return kSuccess;
 }
 
@@ -94,120 +89,129 @@ Code Pool::reserve(std::size_t bytes) {
   constexpr std::size_t kPieces = 64;  // about as many share it, each with its rounding
   const Backend& backend = chosenBackend();
   bytes = pieceBytes(bytes) + kPieces * (kPage + kUnit);
-  if (!kKeepReleased || findFree(backend, bytes) != pieces_.end()) return kSuccess;
+  if (!kKeepReleased || smallestFree(backend, bytes) != pieces_.end()) return kSuccess;
   giveBack(backend, SIZE_MAX);
-  return addSlab(backend, bytes);
+  Pieces::iterator slab;
+  return addSlab(backend, bytes, &slab);
 }
 
 Code Pool::release(void* memory) {
-  const auto found = used_.find(memory);
-  if (found == used_.end()) return kInvalidValue;
-  const Used used = found->second;
-  used_.erase(found);
-  inUseBytes_ -= used.bytes;
-  const bool keep = kKeepReleased && used.kept && used.backend == &chosenBackend();
-  if (used.piece == nullptr) {
-    if (keep) {
-      freeWhole_.emplace(used.bytes, std::make_pair(memory, used.backend));
-      return kSuccess;
-    }
-    heldBytes_ -= used.bytes;
-    return used.backend->release(memory);
+  if (const auto whole = wholes_.find(memory); whole != wholes_.end()) return releaseWhole(whole);
+  auto piece = pieces_.upper_bound(static_cast<char*>(memory));
+  if (piece == pieces_.begin()) return kInvalidValue;
+  --piece;
+  return piece->second.used != 0 && piece->second.memory == memory ? releasePiece(piece) : kInvalidValue;
+}
+
+Code Pool::releaseWhole(Wholes::iterator whole) {
+  if (!whole->second.used) return kInvalidValue;
+  inUse_ -= whole->second.bytes;
+  whole->second.used = false;
+  if (kKeepReleased && whole->second.kept && whole->second.backend == &chosenBackend()) return kSuccess;
+  return removeWhole(whole);
+}
+
+bool Pool::joins(Pieces::iterator first, Pieces::iterator second) const {
+  return first->second.used == 0 && second->second.used == 0 && first->second.slab == second->second.slab;
+}
+
+Code Pool::releasePiece(Pieces::iterator piece) {
+  inUse_ -= piece->second.used;
+  piece->second.used = 0;
+  if (piece != pieces_.begin() && joins(std::prev(piece), piece)) --piece;
+  for (auto next = std::next(piece); next != pieces_.end() && joins(piece, next);) {
+    piece->second.bytes += next->second.bytes;
+    next = pieces_.erase(next);
   }
-  auto piece = pieces_.find(used.piece);
-  const auto join = [this](Pieces::iterator first, Pieces::iterator second) {
-    free_.erase({second->second.bytes, second->first});
-    first->second.bytes += second->second.bytes;
-    pieces_.erase(second);
-  };
-  if (const auto after = std::next(piece);
-      after != pieces_.end() && after->second.free && after->second.slab == piece->second.slab) {
-    join(piece, after);
-  }
-  markFree(piece, true);
-  if (piece != pieces_.begin()) {
-    const auto before = std::prev(piece);
-    if (before->second.free && before->second.slab == piece->second.slab) {
-      markFree(before, false);
-      join(before, piece);
-      markFree(before, true);
-      piece = before;
-    }
-  }
-  if (!keep && piece->second.bytes == slabs_.at(piece->second.slab).bytes) removeSlab(piece);
+  const Slab& slab = piece->second.slab->second;
+  if (slab.backend != &chosenBackend() && piece->second.bytes == slab.bytes) removeSlab(piece);
   return kSuccess;
 }
 
 bool Pool::setKept(void* memory, bool kept) {
-  const auto found = used_.find(memory);
-  if (found == used_.end() || found->second.piece != nullptr) return false;
-  found->second.kept = kept;
+  const auto whole = wholes_.find(memory);
+  if (whole == wholes_.end() || !whole->second.used) return false;
+  whole->second.kept = kept;
   return true;
 }
 
 void Pool::trim() {
-  if (heldBytes_ > inUseBytes_) giveBack(chosenBackend(), SIZE_MAX);
+  if (held_ > inUse_) giveBack(chosenBackend(), SIZE_MAX);
 }
 
-Pool::Pieces::iterator Pool::findFree(const Backend& backend, std::size_t bytes) {
-  for (auto at = free_.lower_bound({bytes, nullptr}); at != free_.end(); ++at) {
-    const auto piece = pieces_.find(at->second);
-    if (slabs_.at(piece->second.slab).backend == &backend) return piece;
+Pool::Pieces::iterator Pool::smallestFree(const Backend& backend, std::size_t bytes) {
+  auto best = pieces_.end();
+  for (auto at = pieces_.begin(); at != pieces_.end(); ++at) {
+    const Piece& piece = at->second;
+    if (piece.used != 0 || piece.bytes < bytes || piece.slab->second.backend != &backend) continue;
+    if (best == pieces_.end() || piece.bytes < best->second.bytes) best = at;
   }
-  return pieces_.end();
+  return best;
 }
 
-Code Pool::addSlab(const Backend& backend, std::size_t bytes) {
+Pool::Pieces::iterator Pool::largestFreeSlab() {
+  auto best = pieces_.end();
+  for (auto at = pieces_.begin(); at != pieces_.end(); ++at) {
+    const Piece& piece = at->second;
+    if (piece.used != 0 || piece.bytes != piece.slab->second.bytes) continue;
+    if (best == pieces_.end() || piece.bytes > best->second.bytes) best = at;
+  }
+  return best;
+}
+
+Code Pool::fromBackend(const Backend& backend, void** memory, std::size_t bytes) {
+  Code code = backend.allocate(memory, bytes);
+  if (code == kOutOfMemory && held_ > inUse_) {
+    trim();
+    backend.takeLastError();
+    code = backend.allocate(memory, bytes);
+  }
+  return code;
+}
+
+Code Pool::addSlab(const Backend& backend, std::size_t bytes, Pieces::iterator* piece) {
   void* memory = nullptr;
   const Code code = fromBackend(backend, &memory, bytes);
   if (code != kSuccess) return code;
   auto* const base = static_cast<char*>(memory);
-  slabs_[base] = {&backend, bytes};
-  markFree(pieces_.emplace(base, Piece{base, bytes, false}).first, true);
+  auto slab = slabs_.end();
+  try {
+    slab = slabs_.emplace(base, Slab{&backend, bytes}).first;
+    *piece = pieces_.emplace(base, Piece{slab, bytes, 0, nullptr}).first;
+  } catch (...) {
+    if (slab != slabs_.end()) slabs_.erase(slab);
+    backend.release(memory);
+    throw;
+  }
+  held_ += bytes;
   return kSuccess;
 }
 
-void Pool::markFree(Pieces::iterator piece, bool free) {
-  piece->second.free = free;
-  const std::pair<std::size_t, char*> key{piece->second.bytes, piece->first};
-  if (free) {
-    free_.insert(key);
-  } else {
-    free_.erase(key);
-  }
+void Pool::removeSlab(Pieces::iterator piece) {
+  const auto slab = piece->second.slab;
+  held_ -= slab->second.bytes;
+  slab->second.backend->release(slab->first);
+  pieces_.erase(piece);
+  slabs_.erase(slab);
+}
+
+Code Pool::removeWhole(Wholes::iterator whole) {
+  held_ -= whole->second.bytes;
+  const Code code = whole->second.backend->release(whole->first);
+  wholes_.erase(whole);
+  return code;
 }
 
 void Pool::giveBack(const Backend& backend, std::size_t bytes) {
+  for (auto at = wholes_.begin(); at != wholes_.end();) {
+    const auto whole = at++;
+    if (!whole->second.used && (bytes == SIZE_MAX || whole->second.backend != &backend)) removeWhole(whole);
+  }
   std::size_t given = 0;
-  const auto goes = [&](const Backend* maker, std::size_t size) {
-    if (maker != &backend) return true;
-    if (given >= bytes) return false;
-    given += size;
-    return true;
-  };
-  std::vector<char*> slabs;
-  for (auto at = free_.rbegin(); at != free_.rend(); ++at) {
-    const Slab& slab = slabs_.at(pieces_.at(at->second).slab);
-    if (at->first == slab.bytes && goes(slab.backend, slab.bytes)) slabs.push_back(at->second);
+  for (auto slab = largestFreeSlab(); slab != pieces_.end() && given < bytes; slab = largestFreeSlab()) {
+    given += slab->second.slab->second.backend == &backend ? slab->second.bytes : 0;
+    removeSlab(slab);
   }
-  for (char* slab : slabs) removeSlab(pieces_.find(slab));
-  for (auto at = freeWhole_.end(); at != freeWhole_.begin();) {
-    --at;
-    const auto [memory, maker] = at->second;
-    if (!goes(maker, at->first)) continue;
-    heldBytes_ -= at->first;
-    maker->release(memory);
-    at = freeWhole_.erase(at);
-  }
-}
-
-void Pool::removeSlab(Pieces::iterator piece) {
-  const auto slab = slabs_.find(piece->second.slab);
-  markFree(piece, false);
-  pieces_.erase(piece);
-  heldBytes_ -= slab->second.bytes;
-  slab->second.backend->release(slab->first);
-  slabs_.erase(slab);
 }
 
 }  // namespace device

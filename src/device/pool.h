@@ -3,9 +3,6 @@
 #include <cstddef>
 #include <map>
 #include <mutex>
-#include <set>
-#include <unordered_map>
-#include <utility>
 
 #include "device/backend.h"
 
@@ -17,12 +14,14 @@ namespace device {
 /// are wholly free are given back, the largest first, until a new slab makes the pool no larger than before.
 ///
 /// Whole buffers are as the backend made them, so that a client may hand them back to the backend. They are kept
-/// apart: a request takes the smallest free one that holds it.
+/// apart: a request takes the smallest free one that holds it and is not twice as large.
+///
+/// Requests may throw std::bad_alloc, and change nothing then; releases allocate nothing.
 class Pool {
  public:
   Code allocate(void** memory, std::size_t bytes);
   Code allocateWhole(void** memory, std::size_t bytes);
-  /// Makes sure that one free stretch of at least `bytes` exists.
+  /// Makes sure that one free stretch exists which holds pieces of `bytes` in all.
   Code reserve(std::size_t bytes);
   Code release(void* memory);
 
@@ -31,8 +30,8 @@ class Pool {
 
   /// Gives back all that is free: slabs without a piece in use, and whole buffers.
   void trim();
-  std::size_t bytesInUse() const { return inUseBytes_; }
-  std::size_t bytesHeld() const { return heldBytes_; }
+  std::size_t bytesInUse() const { return inUse_; }  ///< as they were asked for
+  std::size_t bytesHeld() const { return held_; }
 
   std::mutex& mutex() { return mutex_; }  ///< held by the caller around every call
 
@@ -41,37 +40,41 @@ class Pool {
     const Backend* backend;
     std::size_t bytes;
   };
-  /// A stretch of a slab, free or in use; the pieces of a slab follow one another without gaps.
+  using Slabs = std::map<char*, Slab>;
+  /// A stretch of a slab; the pieces of a slab follow one another without gaps.
   struct Piece {
-    char* slab;
+    Slabs::iterator slab;
     std::size_t bytes;
-    bool free;
+    std::size_t used;  ///< bytes that were asked for; 0: free
+    void* memory;      ///< handed out
   };
   using Pieces = std::map<char*, Piece>;
-  struct Used {
-    char* piece;  ///< null: a whole buffer
+  struct Whole {
     const Backend* backend;
     std::size_t bytes;
-    bool kept;
+    bool used, kept;
   };
+  using Wholes = std::map<void*, Whole>;
 
-  Pieces::iterator findFree(const Backend& backend, std::size_t bytes);
-  Code addSlab(const Backend& backend, std::size_t bytes);
-  void markFree(Pieces::iterator piece, bool free);
-  /// Gives back wholly free slabs and free whole buffers: of other backends all, of this one the largest first,
-  /// until `bytes` are given back.
-  void giveBack(const Backend& backend, std::size_t bytes);
-  void removeSlab(Pieces::iterator piece);
   Code fromBackend(const Backend& backend, void** memory, std::size_t bytes);
+  Code addSlab(const Backend& backend, std::size_t bytes, Pieces::iterator* piece);
+  void removeSlab(Pieces::iterator piece);
+  Code removeWhole(Wholes::iterator whole);
+  Pieces::iterator smallestFree(const Backend& backend, std::size_t bytes);
+  Pieces::iterator largestFreeSlab();
+  bool joins(Pieces::iterator first, Pieces::iterator second) const;
+  Code releasePiece(Pieces::iterator piece);
+  Code releaseWhole(Wholes::iterator whole);
+  /// Gives back free slabs, the largest first, until `bytes` are given back; free whole buffers of other
+  /// backends; of this one as well where `bytes` is SIZE_MAX.
+  void giveBack(const Backend& backend, std::size_t bytes);
 
   std::mutex mutex_;
-  std::map<char*, Slab> slabs_;
+  Slabs slabs_;
   Pieces pieces_;
-  std::set<std::pair<std::size_t, char*>> free_;  // free pieces by size
-  std::multimap<std::size_t, std::pair<void*, const Backend*>> freeWhole_;
-  std::unordered_map<const void*, Used> used_;
-  std::size_t inUseBytes_ = 0, heldBytes_ = 0;
-  std::size_t next_ = 0;  // counts pieces, for their offsets
+  Wholes wholes_;
+  std::size_t inUse_ = 0, held_ = 0;
+  std::size_t count_ = 0;  // of large pieces, for their offsets
 };
 
 }  // namespace device

@@ -71,7 +71,7 @@ std::size_t match::matchingFloats(int h, int w, int p) {
   const bool onCuda = device::onCuda();
   const std::size_t making = device::planeFloats(h, p, onCuda ? kHistograms : kConfidence);
   const std::size_t searching = onCuda ? 0 : cpuMatchScratch(h, w);
-  const auto records = static_cast<std::size_t>(Records::kFields * Grid(w, h, kMargin).count());
+  const auto records = static_cast<std::size_t>(Records::kFields * Grid(w, h, NMatching::kMargin).count());
   return device::planeFloats(h, p, kFeatures) + records + std::max(making, searching);
 }
 

@@ -2,12 +2,25 @@
 #include "device/cpu/team.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
+
+// Tells the team of as many processors as a test wants, whatever the machine has.
+static std::atomic<int> processors{64};
+extern "C" int sched_getaffinity(pid_t, std::size_t, cpu_set_t* set) noexcept {
+  CPU_ZERO(set);
+  for (int i = 0; i < processors; ++i) CPU_SET(i, set);
+  return 0;
+}
 
 namespace {
 
@@ -72,25 +85,46 @@ TEST(Team, TakesJobsFromSeveralThreadsAndChangesItsSizeBetweenThem) {
   EXPECT_EQ(wrong, 0);
 }
 
-TEST(Team, OfAForkedChildWorks) {
+TEST(Team, HasNoMoreThreadsThanProcessorsAtWork) {
+  processors = 2;
+  device::cpu::setTeamSize(200);
+  processors = 64;
+  EXPECT_EQ(device::cpu::teamSize(), 200);
+  std::mutex mutex;
+  std::set<std::thread::id> seen;
+  device::cpu::forBandsOf(1, 400, [&](int, int) {
+    std::this_thread::sleep_for(std::chrono::microseconds(50));  // so that every thread would get one
+    const std::lock_guard<std::mutex> lock(mutex);
+    seen.insert(std::this_thread::get_id());
+  });
+  EXPECT_EQ(seen.size(), 2u);
+}
+
+TEST(Team, OfAForkedChildWorksAlsoWithoutFurtherThreads) {
   device::cpu::setTeamSize(3);
   Job before(20);
   before.run();
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    alarm(20);
-    bool right = true;
-    for (int i = 0; i < 100; ++i) {
-      Job job(20);
-      job.run();
-      right = right && job.eachOnce();
+  for (const int size : {3, 1}) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      alarm(20);
+      pthread_attr_t huge;  // stacks that the address space does not hold
+      pthread_attr_init(&huge);
+      pthread_attr_setstacksize(&huge, std::size_t{1} << 47);
+      if (size == 1) pthread_setattr_default_np(&huge);
+      bool right = true;
+      for (int i = 0; i < 100; ++i) {
+        Job job(20);
+        job.run();
+        right = right && job.eachOnce();
+      }
+      _exit(right && device::cpu::teamSize() == size ? 0 : 1);
     }
-    _exit(right ? 0 : 1);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST(Team, SharesRowsOutInBandsThatCoverThePlane) {

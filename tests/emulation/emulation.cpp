@@ -417,6 +417,11 @@ cudaError_t cudaGetLastError() {
   emulation::lastError = cudaSuccess;
   return error;
 }
+cudaError_t cudaDriverGetVersion(int* version) {
+  *version = 12000;
+  return cudaSuccess;
+}
+
 const char* cudaGetErrorString(cudaError_t error) {
   switch (error) {
     case cudaSuccess:

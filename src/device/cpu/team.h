@@ -4,7 +4,8 @@
 
 namespace device::cpu {
 
-/// Threads of the CPU device, the caller's included. Default: the number of processors this process may use.
+/// Threads of the CPU device, the caller's included. Default: the number of processors this process may use;
+/// of more than these only so many work. Becomes less where the system gives no further thread.
 int teamSize();
 void setTeamSize(int threads);
 

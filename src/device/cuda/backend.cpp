@@ -65,6 +65,14 @@ __global__ void trialKernel(int* out) {
   *out = 42;
 }
 
+/// The runtime calls a driver that is not there insufficient.
+const char* reasonText(cudaError_t error) {
+  int version = 0;
+  const bool noDriver =
+      error == cudaErrorInsufficientDriver && cudaDriverGetVersion(&version) == cudaSuccess && version == 0;
+  return noDriver ? "there is no NVIDIA driver" : cudaGetErrorString(error);
+}
+
 /// Runs a kernel on the current device and reads its result back.
 cudaError_t tryDevice() {
   int* out = nullptr;
@@ -108,7 +116,7 @@ bool startCuda(int index, std::string& why) {
   if (error == cudaSuccess) error = cudaSetDevice(device);
   if (error == cudaSuccess) error = tryDevice();
   if (error != cudaSuccess) {
-    why = std::string("no working CUDA device: ") + cudaGetErrorString(error);
+    why = std::string("no working CUDA device: ") + reasonText(error);
     cudaGetLastError();
     return false;
   }
