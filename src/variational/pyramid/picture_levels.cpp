@@ -16,10 +16,9 @@
 // One pass over the pictures for all six planes and all levels of a batch: for every level in turn the target
 // pixels whose footprints begin in a strip of the source, so that the rows they need are still in a core's
 // cache. A sample is a vector of lanes, one for each plane, so that its area is computed once and nothing is
-// gathered. Four target pixels with footprints of
-// equal width are summed side by side in registers; within a row of a footprint all samples but the first and
-// the last have the same area. Per source pixel and level 24 bytes are read and about (r + 1)^2 / r^2 fused
-// steps of all lanes done, r the ratio of the sizes.
+// gathered. Four target pixels with footprints of equal width are summed side by side in registers; within a
+// row of a footprint all samples but the first and the last have the same area. Per source pixel and level 24
+// bytes are read and about (r + 1)^2 / r^2 fused steps of all lanes done, r being the ratio of the sizes.
 
 namespace variational {
 namespace {
@@ -130,8 +129,8 @@ TARVO_HOST void addRow(const Group& group, const float* row, float rowStart, flo
   for (int k = 0; k < kGroup; ++k) sums[k].add(end[k], row + group.first[k] + last);
 }
 
-/// The target rows whose footprints begin in the source rows y0 ... y1 - 1; line is scratch of kLanes floats
-/// for every column.
+/// The target rows whose footprints begin in source rows y0 ... y1 - 1. line: scratch of kLanes floats for
+/// every column.
 TARVO_BAND void averageBand(Job job, float* line, int y0, int y1) {
   const float sx = static_cast<float>(job.inW) / static_cast<float>(job.outW);
   const float sy = static_cast<float>(job.inH) / static_cast<float>(job.outH);

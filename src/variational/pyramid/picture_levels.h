@@ -9,8 +9,7 @@ namespace variational {
 
 /// Area averages of two pictures of three channels for the levels of a pyramid: the bits of `downsample` on
 /// every plane. Small levels are made several at a time, so that the pictures are read from memory less often
-/// than once a level. On the CPU device they are made from a copy of both pictures with their channels side
-/// by side.
+/// than once a level; on the CPU device from a copy of both pictures with their channels side by side.
 class PictureLevels {
  public:
   struct Size {

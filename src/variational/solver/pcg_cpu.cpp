@@ -220,8 +220,7 @@ TARVO_BAND void productBand(Sweep sweep, int y0, int y1) {
   }
 }
 
-/// One row of sweep B: r -= alpha * q, and the segment sums of r * z as device::cpu::dotRow forms them, with
-/// z in registers.
+/// One row of sweep B: r -= alpha * q, and the segment sums of r * z as device::cpu::dotRow, z in registers.
 struct ResidualRow {
   const float *a0, *a1, *a3, *q1, *q2;
   float *r1, *r2;

@@ -63,8 +63,7 @@ struct PersistentSolve {
     return blockSolve(matrix[i], matrix[i + layout.vu], matrix[i + layout.vv], r[i], r[i + n]);
   }
 
-  /// The phases in order. `Threads` runs a phase at all pixels with the barrier behind it, and adds up the
-  /// segment sums.
+  /// The phases in order. `Threads` runs a phase at all pixels, with a barrier behind it, and adds up sums.
   template <class Threads>
   TARVO_HOST_DEVICE void run(Threads& threads) const {
     threads.template runPhase<Phase::Begin>(*this, 0.0f, residualSums);

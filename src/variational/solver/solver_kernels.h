@@ -71,8 +71,7 @@ struct MatrixProduct {
   }
 };
 
-/// r = rhs - matrix * (du, dv); the block's products fused, every coupling a multiplication and a
-/// subtraction.
+/// r = rhs - matrix * (du, dv). The block's products are fused; a coupling is a product, then a subtraction.
 struct MatrixResidual {
   const float *matrix, *rhs, *du, *dv;
   int h, w, p;
