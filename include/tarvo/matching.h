@@ -21,7 +21,7 @@ namespace NMatching {
 // Geometry of the search [pixels].
 inline constexpr int kSpacing = 4;  ///< between grid points, and between the cells of a descriptor
 inline constexpr int kRadius = 80;  ///< half-width of the window that is searched around a point
-inline constexpr int kMargin = 12;  ///< least distance of a candidate, from the border; where the grid starts
+inline constexpr int kMargin = 12;  ///< least distance of a candidate from the border; where the grid starts
 
 }  // namespace NMatching
 

@@ -153,9 +153,7 @@ void createAndMatchHOG(const float* image1, const float* image2, float* u, float
   device::Buffer images[2];
   const float* const hosts[] = {image1, image2};
   for (int i = 0; i < 2; ++i) {
-    TARVO_CALL(images[i].allocatePitched(&p, width, channels * height));
-    TARVO_CALL(device::copyPlanes(images[i].get(), p, hosts[i], width, height, width, channels,
-                                  device::Direction::ToDevice));
+    TARVO_CALL(images[i].upload(&p, hosts[i], height, width, channels));
   }
   MatchField field(height, width, p);
   gCreateAndMatchHOG(images[0].get(), images[1].get(), field.u(), field.v(), field.weight(), height, width, p,
