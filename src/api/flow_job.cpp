@@ -71,7 +71,7 @@ void download(const DeviceFlow& job, CTensor<float>& flow) {
     TARVO_CALL(device::copyPlanes(result.data() + k * pixels, job.w, planes[k], job.p, job.h, job.w, 1,
                                   device::Direction::ToHost));
   }
-  flow = std::move(result);
+  flow = result;  // a copy: an array of as many elements stays where the caller has pointers into it
   memcpy1.stop();
 }
 
