@@ -14,7 +14,7 @@
 // passes, which run at full resolution without matches.
 //
 // Every function throws std::invalid_argument, naming the argument and its values, before anything is
-// changed: for images of other than three channels, of no pixels, of different or too large sizes, weights
+// changed: for images of other than three channels, of no pixels or more than about 143 million, of different sizes, weights
 // that are negative or not finite, eta outside (0, 1), and negative iteration counts. Pictures too small for
 // the pyramid give zero flow. A device error prints its message and ends the process with status 1 (see
 // NDevice::onError). The functions may be called from several threads, which then take turns.

@@ -2,10 +2,13 @@
 #include <tarvo/matching.h>
 #include <tarvo/picture.h>
 
+#include <algorithm>
+
 #include "device/device.h"
 #include "device/report.h"
 #include "match/match_steps.h"
 #include "match/shown_pixels.h"
+#include "variational/flow/arguments.h"
 
 // The matching step for host arrays.
 
@@ -148,6 +151,8 @@ class HostPair {
 
 void createAndMatchHOG(const float* image1, const float* image2, float* u, float* v, float* weight,
                        int height, int width, int channels) {
+  variational::checkPlane("createAndMatchHOG", "the pictures of width x height", height, width,
+                          std::max(channels, variational::kMostPlanes));
   const device::Entry entry;
   int p = 0;
   device::Buffer images[2];
@@ -166,6 +171,7 @@ void createAndMatchHOG(const float* image1, const float* image2, float* u, float
 
 void HOGMatch(const float* image1, const float* image2, const float* hog1, const float* hog2,
               const float* confidence, float* weight, float* u, float* v, int width, int height) {
+  variational::checkPlane("HOGMatch", "the pictures of width x height", height, width);
   const device::Entry entry;
   const int h = height, w = width;
   const Grid grid(w, h, kMargin);

@@ -254,7 +254,11 @@ TEST(VariationalFlow, RefusesWrongArgumentsBeforeAnythingIsTouched) {
   Settings s;
   EXPECT_PRED3(names, refusal(s, 0, 5, 3), "5 x 0", "width x height");
   EXPECT_PRED3(names, refusal(s, 5, -1, 3), "-1 x 5", "width x height");
-  EXPECT_PRED3(names, refusal(s, 40000, 40000, 3), "40000 x 40000", "width x height");
+  // The border: fifteen planes of 10000 rows, at most 64 columns wider, are indexed with an int.
+  s.eta = kNan;
+  EXPECT_PRED3(names, refusal(s, 10000, 14252, 3), "eta", "nan") << "the size is accepted";
+  EXPECT_PRED3(names, refusal(s, 10000, 14253, 3), "14253 x 10000", "about 143 million");
+  s = {};
   EXPECT_PRED3(names, refusal(s, 5, 5, 1), "channels", "1");
   s.alpha = kNan;
   EXPECT_PRED3(names, refusal(s, 5, 5, 3), "alpha", "nan");
