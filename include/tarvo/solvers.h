@@ -23,6 +23,9 @@ enum MatrixPlane {
   kMatrixSouth = 10  ///< coupling to (x, y + 1)
 };
 
+/// Number of planes of the system matrix.
+inline constexpr int kMatrixPlanes = 12;
+
 /// Work vectors of the solver, two planes each: 2 * h * p floats or more. The caller owns the buffers.
 struct CGtmp {
   float* r;       ///< residual

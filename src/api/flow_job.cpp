@@ -42,18 +42,11 @@ void reserve(DeviceFlow& job, float eta) {
 
 void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>& image2) {
   auto memcpy1 = TARVO_STOPWATCH(memcpy1);
-  const int rows = job.channels * job.h;
-  TARVO_CALL(job.image1.allocatePitched(&job.p, job.w, rows));
-  TARVO_CALL(job.image2.allocatePitched(&job.p, job.w, rows));
+  TARVO_CALL(job.image1.upload(&job.p, image1.data(), job.h, job.w, job.channels));
+  TARVO_CALL(job.image2.upload(&job.p, image2.data(), job.h, job.w, job.channels));
   for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
     TARVO_CALL(plane->allocate(device::planeFloats(job.h, job.p)));
   }
-  const auto copy = [&](const device::Buffer& to, const CTensor<float>& from) {
-    TARVO_CALL(device::copyPlanes(to.get(), job.p, from.data(), job.w, job.h, job.w, job.channels,
-                                  device::Direction::ToDevice));
-  };
-  copy(job.image1, image1);
-  copy(job.image2, image2);
   memcpy1.stop();
 }
 
@@ -90,7 +83,7 @@ void download(const DeviceFlow& job, CTensor<float>& flow) {
     TARVO_CALL(device::copyPlanes(result.data() + k * pixels, job.w, planes[k], job.p, job.h, job.w, 1,
                                   device::Direction::ToHost));
   }
-  flow = std::move(result);
+  flow = result;  // a copy: an array of as many elements stays where the caller has pointers into it
   memcpy1.stop();
 }
 

@@ -2,6 +2,7 @@
 #include <tarvo/NMath.h>
 #include <tarvo/exceptions.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <stdexcept>
@@ -30,7 +31,7 @@ int gaussianRadius(float sigma, float precision) {
 
 template <typename T>
 CFilter<T>::CFilter(int size, int centre) : CVector<T>(size), centre_(centre) {
-  if (centre < 0 || (size > 0 && centre >= size)) {
+  if (centre < 0 || centre >= std::max(size, 1)) {
     throw std::invalid_argument("CFilter: centre " + std::to_string(centre) + " outside a mask of " +
                                 std::to_string(size) + " entries");
   }

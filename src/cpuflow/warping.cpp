@@ -14,6 +14,7 @@
 
 #include "device/device.h"
 #include "device/report.h"
+#include "variational/flow/arguments.h"
 #include "variational/flow/levels.h"
 
 // The coarse-to-fine scheme on the host.
@@ -211,9 +212,7 @@ void COpticFlow::warpingGeometric(CTensor<float> image1, CTensor<float> image2, 
   }
   if (extraTerm != nullptr) requireSameSizes(image1, *extraTerm);
   require(image1.size() > 0, "image1", "at least 1 x 1 x 1", image1.size());
-  constexpr int kMatrixPlanes = 12;
-  require(image1.sizeX() * image1.sizeY() <= INT_MAX / kMatrixPlanes, "image1", "at most 178 million pixels",
-          image1.sizeX() * image1.sizeY());
+  variational::checkPlane("warpingGeometric", "image1", image1.sizeY(), image1.sizeX());
   require(eta > 0.0f && eta <= 1.0f, "eta", "greater than 0 and at most 1", eta);
   require(solverIterations <= INT_MAX / 2, "solverIterations", "less than 2^30", solverIterations);
   const device::Entry entry;

@@ -50,6 +50,13 @@ class Buffer {
   Code allocatePitched(int* pitch, int w, int rows) {
     return device::allocatePitched(&memory_, pitch, w, rows);
   }
+  /// allocatePitched for `planes` planes of h x w, then a copy of the dense host planes: two device calls, the
+  /// second only after the first.
+  Code upload(int* pitch, const float* host, int h, int w, int planes) {
+    const Code code = allocatePitched(pitch, w, h * planes);
+    if (code != kSuccess) return code;
+    return copyPlanes(memory_, *pitch, host, w, h, w, planes, Direction::ToDevice);
+  }
   Code release() { return device::release(std::exchange(memory_, nullptr)); }
   float* get() const { return memory_; }
   float* detach() { return device::detach(std::exchange(memory_, nullptr)); }

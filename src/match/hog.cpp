@@ -86,9 +86,7 @@ void zFilter_kernel(const float* accumulator, float* hog, int bins, const float*
 void match::computeHOGHostArray(const float* image, float* hog, int channels, int width, int height) {
   device::Buffer source, field;
   int p = 0;
-  TARVO_CALL(source.allocatePitched(&p, width, height * channels));
-  TARVO_CALL(device::copyPlanes(source.get(), p, image, width, height, width, channels,
-                                device::Direction::ToDevice));
+  TARVO_CALL(source.upload(&p, image, height, width, channels));
   const std::size_t floats = device::planeFloats(height, p, kHogBins);
   TARVO_CALL(field.allocate(floats));
   TARVO_CALL(device::clear(field.get(), floats * sizeof(float)));

@@ -192,22 +192,11 @@ std::size_t HogBands::scratchFloats() const {
 }
 
 void HogBands::run(float* scratch) const {
-  struct Context {
-    Picture picture;
-    SectorBorders borders;
-    float* scratch;
-    int rows;
-  };
-  const Context context{{image_, hog_, channels_, h_, w_, p_}, deviceSectors(kHogBins), scratch, rows_};
-  device::cpu::runChunks((h_ + rows_ - 1) / rows_,
-                         [](const void* opaque, int chunk) {
-                           const auto& k = *static_cast<const Context*>(opaque);
-                           const std::ptrdiff_t floats =
-                               static_cast<std::ptrdiff_t>(Lines::kLines) * Lines::lineFloats(k.picture.w);
-                           hogBand(k.picture, k.borders, k.scratch + chunk * floats, chunk * k.rows,
-                                   std::min(k.picture.h, (chunk + 1) * k.rows));
-                         },
-                         &context);
+  const Picture picture{image_, hog_, channels_, h_, w_, p_};
+  const SectorBorders borders = deviceSectors(kHogBins);
+  const std::ptrdiff_t floats = static_cast<std::ptrdiff_t>(Lines::kLines) * Lines::lineFloats(w_);
+  device::cpu::forBandsOf(
+      rows_, h_, [&](int y0, int y1) { hogBand(picture, borders, scratch + y0 / rows_ * floats, y0, y1); });
 }
 
 }  // namespace match

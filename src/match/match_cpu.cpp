@@ -323,18 +323,7 @@ Job jobOf(const kernels::HOGMatch_kernel& m, float* scratch, const int* homeX, c
 /// Collects image B, then searches all points.
 void run(const Job& job, void (*band)(Job job, int k0, int k1)) {
   device::cpu::forBands(job.m.h, job.m.w, [&](int y0, int y1) { collectBand(job, y0, y1); });
-  struct Context {
-    const Job& job;
-    void (*band)(Job job, int k0, int k1);
-  };
-  const Context context{job, band};
-  device::cpu::runChunks((job.m.outW + kPointsPerChunk - 1) / kPointsPerChunk,
-                         [](const void* opaque, int chunk) {
-                           const auto& c = *static_cast<const Context*>(opaque);
-                           const int k0 = chunk * kPointsPerChunk;
-                           c.band(c.job, k0, std::min(c.job.m.outW, k0 + kPointsPerChunk));
-                         },
-                         &context);
+  device::cpu::forBandsOf(kPointsPerChunk, job.m.outW, [&](int k0, int k1) { band(job, k0, k1); });
 }
 
 }  // namespace

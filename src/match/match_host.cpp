@@ -2,10 +2,13 @@
 #include <tarvo/matching.h>
 #include <tarvo/picture.h>
 
+#include <algorithm>
+
 #include "device/device.h"
 #include "device/report.h"
 #include "match/match_steps.h"
 #include "match/shown_pixels.h"
+#include "variational/flow/arguments.h"
 
 // The matching step for host arrays.
 
@@ -148,14 +151,14 @@ class HostPair {
 
 void createAndMatchHOG(const float* image1, const float* image2, float* u, float* v, float* weight,
                        int height, int width, int channels) {
+  variational::checkPlane("createAndMatchHOG", "the pictures of width x height", height, width,
+                          std::max(channels, variational::kMostPlanes));
   const device::Entry entry;
   int p = 0;
   device::Buffer images[2];
   const float* const hosts[] = {image1, image2};
   for (int i = 0; i < 2; ++i) {
-    TARVO_CALL(images[i].allocatePitched(&p, width, channels * height));
-    TARVO_CALL(device::copyPlanes(images[i].get(), p, hosts[i], width, height, width, channels,
-                                  device::Direction::ToDevice));
+    TARVO_CALL(images[i].upload(&p, hosts[i], height, width, channels));
   }
   MatchField field(height, width, p);
   gCreateAndMatchHOG(images[0].get(), images[1].get(), field.u(), field.v(), field.weight(), height, width, p,
@@ -168,6 +171,7 @@ void createAndMatchHOG(const float* image1, const float* image2, float* u, float
 
 void HOGMatch(const float* image1, const float* image2, const float* hog1, const float* hog2,
               const float* confidence, float* weight, float* u, float* v, int width, int height) {
+  variational::checkPlane("HOGMatch", "the pictures of width x height", height, width);
   const device::Entry entry;
   const int h = height, w = width;
   const Grid grid(w, h, kMargin);
