@@ -2,12 +2,12 @@
 #include "device/cpu/team.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <thread>
 #include <vector>
+
+#include "device/child.h"
 
 namespace {
 
@@ -76,21 +76,16 @@ TEST(Team, OfAForkedChildWorks) {
   device::cpu::setTeamSize(3);
   Job before(20);
   before.run();
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    alarm(20);
-    bool right = true;
-    for (int i = 0; i < 100; ++i) {
-      Job job(20);
-      job.run();
-      right = right && job.eachOnce();
-    }
-    _exit(right ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(statusOfChild([] {
+              int wrong = 0;
+              for (int i = 0; i < 100; ++i) {
+                Job job(20);
+                job.run();
+                wrong += job.eachOnce() ? 0 : 1;
+              }
+              return wrong;
+            }),
+            0);
 }
 
 TEST(Team, SharesRowsOutInBandsThatCoverThePlane) {
