@@ -7,8 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "device/child.h"
-
 namespace {
 
 using device::cpu::runChunks;
@@ -70,22 +68,6 @@ TEST(Team, TakesJobsFromSeveralThreadsAndChangesItsSizeBetweenThem) {
   }
   for (std::thread& caller : callers) caller.join();
   EXPECT_EQ(wrong, 0);
-}
-
-TEST(Team, OfAForkedChildWorks) {
-  device::cpu::setTeamSize(3);
-  Job before(20);
-  before.run();
-  EXPECT_EQ(statusOfChild([] {
-              int wrong = 0;
-              for (int i = 0; i < 100; ++i) {
-                Job job(20);
-                job.run();
-                wrong += job.eachOnce() ? 0 : 1;
-              }
-              return wrong;
-            }),
-            0);
 }
 
 TEST(Team, SharesRowsOutInBandsThatCoverThePlane) {
