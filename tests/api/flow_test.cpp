@@ -347,21 +347,23 @@ TEST(Flow, EndsWithWhatACallbackThrowsAndReleasesEverything) {
 
 TEST(Flow, OfSeveralThreadsTakesTurns) {
   const Silence silence;
-  const Planes expected[] = {flowOf(picture1(), picture2(), quick()),
-                             flowOf(picture2(), picture1(), quick())};
-  Planes results[2];
-  std::thread threads[2];
-  for (int k = 0; k < 2; ++k) {
-    threads[k] = std::thread([&results, k] {
-      for (int repeat = 0; repeat < 4; ++repeat) {
-        CTensor<float> a = tensorOf(k == 0 ? picture1() : picture2());
-        CTensor<float> b = tensorOf(k == 0 ? picture2() : picture1());
-        CTensor<float> flow;
-        run(a, b, flow, quick());
-        results[k] = planesOf(flow);
-      }
+  Planes expected[2][2], results[2][2];  // forward and backward, on the device and mostly on the host
+  std::thread threads[2][2];
+  const auto flow = [](int k, int host) {
+    CTensor<float> a = tensorOf(k == 0 ? picture1() : picture2()),
+                   b = tensorOf(k == 0 ? picture2() : picture1());
+    CTensor<float> result;
+    run(a, b, result, quick(), host != 0 ? runFlow : runFlowGPU);
+    return planesOf(result);
+  };
+  for (int i = 0; i < 4; ++i) expected[i / 2][i % 2] = flow(i / 2, i % 2);
+  for (int i = 0; i < 4; ++i) {
+    threads[i / 2][i % 2] = std::thread([&, i] {
+      for (int repeat = 0; repeat < 3; ++repeat) results[i / 2][i % 2] = flow(i / 2, i % 2);
     });
   }
-  for (std::thread& thread : threads) thread.join();
-  for (int k = 0; k < 2; ++k) EXPECT_TRUE(exact(results[k], expected[k])) << k;
+  for (int i = 0; i < 4; ++i) {
+    threads[i / 2][i % 2].join();
+    EXPECT_TRUE(exact(results[i / 2][i % 2], expected[i / 2][i % 2])) << i;
+  }
 }

@@ -1,10 +1,9 @@
-#include <sys/wait.h>
 #include <tarvo/tarvo.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <thread>
 
+#include "device/child.h"
 #include "support/test.h"
 
 namespace {
@@ -28,24 +27,6 @@ CTensor<float> smallFlow() {
   CTensor<float> first = tensorOf(render(120, 130, 0, 0)), second = tensorOf(render(120, 130, 1, 0)), flow;
   runFlowGPU(first, second, flow, 0.0f, 30.0f, 300.0f, 5.0f, 0.7f, 2, 4);
   return flow;
-}
-
-/// Runs `work` in a forked child that may take 30 s; its exit status, or -1 where it did not exit.
-template <class Work>
-int statusOfChild(const Work& work) {
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(30);
-    int status = 99;
-    try {
-      status = work();
-    } catch (...) {
-    }
-    _exit(status);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace

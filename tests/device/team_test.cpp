@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -13,6 +11,8 @@
 #include <set>
 #include <thread>
 #include <vector>
+
+#include "device/child.h"
 
 // Tells the team of as many processors as a test wants, whatever the machine has.
 static std::atomic<int> processors{64};
@@ -100,31 +100,18 @@ TEST(Team, HasNoMoreThreadsThanProcessorsAtWork) {
   EXPECT_EQ(seen.size(), 2u);
 }
 
-TEST(Team, OfAForkedChildWorksAlsoWithoutFurtherThreads) {
+TEST(Team, OfAForkedChildWorksWithoutFurtherThreads) {
   device::cpu::setTeamSize(3);
-  Job before(20);
-  before.run();
-  for (const int size : {3, 1}) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      alarm(20);
-      pthread_attr_t huge;  // stacks that the address space does not hold
-      pthread_attr_init(&huge);
-      pthread_attr_setstacksize(&huge, std::size_t{1} << 47);
-      if (size == 1) pthread_setattr_default_np(&huge);
-      bool right = true;
-      for (int i = 0; i < 100; ++i) {
-        Job job(20);
-        job.run();
-        right = right && job.eachOnce();
-      }
-      _exit(right && device::cpu::teamSize() == size ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  }
+  EXPECT_EQ(statusOfChild([] {
+              pthread_attr_t huge;  // stacks that the address space does not hold
+              pthread_attr_init(&huge);
+              pthread_attr_setstacksize(&huge, std::size_t{1} << 47);
+              pthread_setattr_default_np(&huge);
+              Job job(20);
+              job.run();
+              return job.eachOnce() && device::cpu::teamSize() == 1 ? 0 : 1;
+            }),
+            0);
 }
 
 TEST(Team, SharesRowsOutInBandsThatCoverThePlane) {

@@ -423,22 +423,16 @@ cudaError_t cudaDriverGetVersion(int* version) {
 }
 
 const char* cudaGetErrorString(cudaError_t error) {
-  switch (error) {
-    case cudaSuccess:
-      return "no error";
-    case cudaErrorInvalidValue:
-      return "invalid argument";
-    case cudaErrorMemoryAllocation:
-      return "out of memory";
-    case cudaErrorInvalidConfiguration:
-      return "invalid configuration argument";
-    case cudaErrorInvalidDevice:
-      return "invalid device ordinal";
-    case cudaErrorCooperativeLaunchTooLarge:
-      return "too many blocks in cooperative launch";
-    default:
-      return static_cast<int>(error) == 719 ? "unspecified launch failure" : "unknown error";
-  }
+  static const std::map<int, const char*> texts{
+      {cudaSuccess, "no error"},
+      {cudaErrorInvalidValue, "invalid argument"},
+      {cudaErrorMemoryAllocation, "out of memory"},
+      {cudaErrorInvalidConfiguration, "invalid configuration argument"},
+      {cudaErrorInvalidDevice, "invalid device ordinal"},
+      {cudaErrorCooperativeLaunchTooLarge, "too many blocks in cooperative launch"},
+      {719, "unspecified launch failure"}};
+  const auto found = texts.find(error);
+  return found != texts.end() ? found->second : "unknown error";
 }
 cudaError_t cudaGetDeviceCount(int* count) {
   *count = 1;

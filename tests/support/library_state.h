@@ -10,28 +10,30 @@
 
 // The library's process-wide settings for one test, and as they were afterwards.
 
+struct NotCopied {
+  NotCopied() = default;
+  NotCopied(const NotCopied&) = delete;
+  NotCopied& operator=(const NotCopied&) = delete;
+};
+
 /// Number of threads of the CPU device.
-class KeepThreads {
+class KeepThreads : NotCopied {
  public:
   KeepThreads() : before_(NDevice::threads()) {}
   ~KeepThreads() { NDevice::threads(before_); }
-  KeepThreads(const KeepThreads&) = delete;
-  KeepThreads& operator=(const KeepThreads&) = delete;
 
  private:
   int before_;
 };
 
 /// Collects the report.
-class Report {
+class Report : NotCopied {
  public:
   Report() : file_(std::tmpfile()) { NReport::to(file_); }
   ~Report() {
     NReport::to(nullptr);
     std::fclose(file_);
   }
-  Report(const Report&) = delete;
-  Report& operator=(const Report&) = delete;
 
   /// What was printed so far, in lines with their ends.
   std::vector<std::string> lines() const {
@@ -55,7 +57,7 @@ class Report {
 };
 
 /// Prints nothing; may be nested.
-class Silence {
+class Silence : NotCopied {
  public:
   Silence() {
     ++depth();
@@ -64,8 +66,6 @@ class Silence {
   ~Silence() {
     if (--depth() == 0) NReport::to(nullptr);
   }
-  Silence(const Silence&) = delete;
-  Silence& operator=(const Silence&) = delete;
 
  private:
   static int& depth() {
@@ -80,7 +80,7 @@ struct DeviceFailure : std::runtime_error {
 };
 
 /// Device errors become exceptions.
-class ThrowOnError {
+class ThrowOnError : NotCopied {
  public:
   ThrowOnError() {
     NDevice::onError([](const std::string& message) { throw DeviceFailure(message); });
@@ -89,19 +89,15 @@ class ThrowOnError {
     NDevice::failCall(0);
     NDevice::onError({});
   }
-  ThrowOnError(const ThrowOnError&) = delete;
-  ThrowOnError& operator=(const ThrowOnError&) = delete;
 };
 
 /// Pass counts that the library tells.
-class Progress {
+class Progress : NotCopied {
  public:
   Progress() {
     NReport::progress([this](int done, int total) { calls_.push_back({done, total}); });
   }
   ~Progress() { NReport::progress({}); }
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
 
   struct Call {
     int done, total;

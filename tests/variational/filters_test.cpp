@@ -134,7 +134,7 @@ TEST(Filters, GaussianSmoothsAlongBothAxesAndInPlace) {
   }
 }
 
-TEST(Filters, DerivativeGrowsWithTheValuesAlongItsDirection) {
+TEST(Filters, DerivativeIsAlongItsDirection) {
   const Planes in = randomPlanes(15, 17, 1, 81);
   const Mask mask = made(GaussianDerivativeFilterCreate, 1.0f);
   const DevicePlanes source(in, 0), target(15, 17, 1, 0);
@@ -143,12 +143,6 @@ TEST(Filters, DerivativeGrowsWithTheValuesAlongItsDirection) {
   gGaussianDerivativeFilter(target.get(), source.get(), 15, 17, 1.0f, 'y');
   EXPECT_TRUE(exact(target.values(), reference::convolveY(in, mask)));
   EXPECT_TRUE(target.intact());
-
-  Planes ramp(1, 17);
-  for (int x = 0; x < 17; ++x) ramp.at(x, 0) = static_cast<float>(x);
-  const DevicePlanes rising(ramp, 0), slope(1, 17, 1, 0);
-  gGaussianDerivativeFilter(slope.get(), rising.get(), 1, 17, 1.0f, 'x');
-  for (const float value : slope.values().values) EXPECT_GT(value, 0.0f);
 }
 
 TEST(Filters, OfHostImagesEqualTheReference) {
