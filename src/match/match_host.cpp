@@ -130,6 +130,7 @@ class HostPair {
                   static_cast<double>(pair_.meanConfidence));
     computeEnergy_kernel(hog1_.get(), energy1_.get(), h, w, w, kHogBins);
     computeEnergy_kernel(hog2_.get(), energy2_.get(), h, w, w, kHogBins);
+    TARVO_LAUNCHED("energy");
     match::printEnergies(w, h, [&](int picture, int x, int y) {
       return valueAt(picture == 1 ? pair_.energy1 : pair_.energy2, w, x, y);
     });

@@ -152,6 +152,24 @@ TEST(DeviceErrors, OfTheHostArrayRoutinesAreSeenReleaseEverythingAndTheNextCallW
     return flow;
   });
   failEveryCall([] {
+    const Planes first = render(kHeight, kWidth, 0, 0), second = render(kHeight, kWidth, 1, 0);
+    Planes field(kHeight, kWidth, 3);
+    constexpr std::size_t n = static_cast<std::size_t>(kHeight) * kWidth;
+    createAndMatchHOG(first.data(), second.data(), field.data(), field.data() + n, field.data() + 2 * n,
+                      kHeight, kWidth, 3);
+    return field;
+  });
+  const std::set<std::string> labels = failEveryCall([] {
+    const Planes image = render(12, 13, 0, 0), hog(12, 13, kHogBins), confidence(12, 13);
+    Planes field(12, 13, 3);
+    HOGMatch(image.data(), image.data(), hog.data(), hog.data(), confidence.data(), field.data(),
+             field.data() + 156, field.data() + 312, 13, 12);
+    return field;
+  });
+  for (const char* label : {"2dsum", "energy", "Forward HOG MATCH", "Consistency check"}) {
+    EXPECT_EQ(labels.count(label), 1u) << label;
+  }
+  failEveryCall([] {
     const Planes matrix(4, 5, 12, 1.0f), rhs(4, 5, 2, 3.0f), flow(4, 5, 2);
     return Planes(1, 1, 1, computeResidual(matrix.data(), rhs.data(), flow.data(), flow.data() + 20, 4, 5));
   });
