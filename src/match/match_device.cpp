@@ -100,6 +100,7 @@ void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, floa
   match::matchBothWays(features.pair(), records, match::Backward::Home, weight, u, v);
   device::synchronize();
   hogmatch.stop();
+  TARVO_LAUNCHED("Consistency check");
 
   match::setCounts(grid, match::HostRecords(records));
   printTimes();

@@ -76,14 +76,14 @@ void printMatches(const Grid& grid, const HostRecords& r) {
   int found = 0, passed = 0;
   const auto printPoint = [&](const char* what, std::size_t k) {
     report::print("consistency check %s : %d : %d %d -> %d %d -> %d %d %f %f\n", what, static_cast<int>(k),
-                  grid.x[k], grid.y[k], r.forwardX[k], r.forwardY[k], r.backwardX[k], r.backwardY[k],
-                  static_cast<double>(r.best[k]), static_cast<double>(r.second[k]));
+                  grid.x[k], grid.y[k], r.forwardX(k), r.forwardY(k), r.backwardX(k), r.backwardY(k),
+                  static_cast<double>(r.best(k)), static_cast<double>(r.second(k)));
   };
   for (std::size_t k = 0; k < grid.x.size(); ++k) {
-    if (r.forwardX[k] == 0) continue;
+    if (r.forwardX(k) == 0) continue;
     if (found <= kPrinted) {
-      report::print("%d: %d %d %f %f \n", static_cast<int>(k), r.forwardX[k], r.forwardY[k],
-                    static_cast<double>(r.best[k]), static_cast<double>(r.second[k]));
+      report::print("%d: %d %d %f %f \n", static_cast<int>(k), r.forwardX(k), r.forwardY(k),
+                    static_cast<double>(r.best(k)), static_cast<double>(r.second(k)));
       ++found;
     }
     if (!r.consistent(grid, k)) {
@@ -130,6 +130,7 @@ class HostPair {
                   static_cast<double>(pair_.meanConfidence));
     computeEnergy_kernel(hog1_.get(), energy1_.get(), h, w, w, kHogBins);
     computeEnergy_kernel(hog2_.get(), energy2_.get(), h, w, w, kHogBins);
+    TARVO_LAUNCHED("energy");
     match::printEnergies(w, h, [&](int picture, int x, int y) {
       return valueAt(picture == 1 ? pair_.energy1 : pair_.energy2, w, x, y);
     });

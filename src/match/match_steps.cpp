@@ -100,8 +100,8 @@ void matchBothWays(const Pair& pair, const Records& r, Backward backward, float*
 void setCounts(const Grid& grid, const HostRecords& records) {
   NMatching::Counts result{grid.count(), 0, 0, 0};
   for (std::size_t k = 0; k < grid.x.size(); ++k) {
-    result.gatedPoints += records.best[k] != Records::kNotSearched ? 1 : 0;
-    result.forwardMatches += records.forwardX[k] != 0 ? 1 : 0;
+    result.gatedPoints += records.best(k) != Records::kNotSearched ? 1 : 0;
+    result.forwardMatches += records.forwardX(k) != 0 ? 1 : 0;
     result.keptMatches += records.consistent(grid, k) ? 1 : 0;
   }
   const std::lock_guard<std::mutex> lock(countsMutex);

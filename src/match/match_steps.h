@@ -3,6 +3,7 @@
 #include <tarvo/elementwise.h>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include "device/memory.h"
@@ -42,7 +43,8 @@ struct Grid {
   }
 };
 
-/// The records of all grid points on the device, one array of `count` entries each.
+/// The records of all grid points on the device, one array of `count` entries each, one behind the other in
+/// the order of Field.
 class Records {
  public:
   enum Field { PointX, PointY, ForwardX, ForwardY, Best, Second, BackwardX, BackwardY, BackBest, BackSecond };
@@ -74,32 +76,38 @@ class Records {
   int count_;
 };
 
-/// The records on the host.
-struct HostRecords {
-  std::vector<int> forwardX, forwardY, backwardX, backwardY;
-  std::vector<float> best, second;
-
+/// What counts and reports need of the records, on the host; fetched by one copy.
+class HostRecords {
+ public:
   HostRecords() = default;
-  explicit HostRecords(const Records& records) {
-    fetch(forwardX, records.ints(Records::ForwardX), records.count());
-    fetch(forwardY, records.ints(Records::ForwardY), records.count());
-    fetch(backwardX, records.ints(Records::BackwardX), records.count());
-    fetch(backwardY, records.ints(Records::BackwardY), records.count());
-    fetch(best, records.floats(Records::Best), records.count());
-    fetch(second, records.floats(Records::Second), records.count());
+  explicit HostRecords(const Records& records)
+      : count_(static_cast<std::size_t>(records.count())), values_((kLast - kFirst + 1) * count_) {
+    TARVO_CALL(device::copyFloats(values_.data(), records.floats(kFirst), values_.size(),
+                                  device::Direction::ToHost));
   }
+  int forwardX(std::size_t k) const { return at<int>(Records::ForwardX, k); }
+  int forwardY(std::size_t k) const { return at<int>(Records::ForwardY, k); }
+  int backwardX(std::size_t k) const { return at<int>(Records::BackwardX, k); }
+  int backwardY(std::size_t k) const { return at<int>(Records::BackwardY, k); }
+  float best(std::size_t k) const { return at<float>(Records::Best, k); }
+  float second(std::size_t k) const { return at<float>(Records::Second, k); }
   bool consistent(const Grid& grid, std::size_t k) const {
-    return kernels::consistencyCheck_kernel::within(grid.x[k], backwardX[k]) &&
-           kernels::consistencyCheck_kernel::within(grid.y[k], backwardY[k]);
+    return kernels::consistencyCheck_kernel::within(grid.x[k], backwardX(k)) &&
+           kernels::consistencyCheck_kernel::within(grid.y[k], backwardY(k));
   }
 
  private:
+  static constexpr Records::Field kFirst = Records::ForwardX, kLast = Records::BackwardY;
+
   template <class Value>
-  static void fetch(std::vector<Value>& to, const Value* from, int count) {
-    to.resize(static_cast<std::size_t>(count));
-    const std::size_t bytes = to.size() * sizeof(Value);
-    TARVO_CALL(device::copyRows(to.data(), bytes, from, bytes, bytes, 1, device::Direction::ToHost));
+  Value at(Records::Field field, std::size_t k) const {
+    Value value;
+    std::memcpy(&value, &values_[static_cast<std::size_t>(field - kFirst) * count_ + k], sizeof value);
+    return value;
   }
+
+  std::size_t count_ = 0;
+  std::vector<float> values_;  // whole numbers by their bits
 };
 
 /// A backward search, which tells whether a point's match lies within one pixel of the point's home (x and y

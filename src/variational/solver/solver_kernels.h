@@ -127,6 +127,69 @@ struct applyJacobiPreconditioner_kernel {
   }
 };
 
+/// s = root of the diagonal entry of both equations, 1 below kLeastScaled.
+struct DiagonalRoots {
+  const float* matrix;
+  float* s;
+  int h, w, p;
+  static constexpr float kLeastScaled = 10.0f;
+
+  TARVO_HOST_DEVICE static float root(float diagonal) {
+    const float magnitude = std::fabs(diagonal);
+    return magnitude < kLeastScaled ? 1.0f : std::sqrt(magnitude);
+  }
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    const int n = h * p;
+    s[i] = root(matrix[i]);
+    s[i + n] = root(matrix[i + kMatrixVV * n]);
+  }
+};
+
+/// Entry (i, j) / (s_i s_j) in place, right-hand side / s_i; the second equation's couplings go to the plane
+/// behind the first one's.
+struct applyRowScaling_kernel {
+  float *matrix, *rhs;
+  const float* s;
+  int h, w, p;
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    const int n = h * p;
+    const float s1 = s[i], s2 = s[i + n];
+    matrix[i] /= s1 * s1;
+    matrix[i + kMatrixVU * n] /= s1 * s2;
+    matrix[i + kMatrixUV * n] /= s1 * s2;
+    matrix[i + kMatrixVV * n] /= s2 * s2;
+    rhs[i] /= s1;
+    rhs[i + n] /= s2;
+    if (y >= 1) couple(matrix + kMatrixNorth * n + i, i, i - p);
+    if (x >= 1) couple(matrix + kMatrixWest * n + i, i, i - 1);
+    if (x < w - 1) couple(matrix + kMatrixEast * n + i, i, i + 1);
+    if (y < h - 1) couple(matrix + kMatrixSouth * n + i, i, i + p);
+  }
+  TARVO_HOST_DEVICE void couple(float* coupling, int i, int j) const {
+    const int n = h * p;
+    const float c = *coupling;
+    coupling[0] = c / (s[i] * s[j]);
+    coupling[n] = c / (s[i + n] * s[j + n]);
+  }
+};
+
+/// x = y / s.
+struct inverseScaling_kernel {
+  const float *s, *y;
+  float* x;
+  int h, w, p;
+
+  TARVO_HOST_DEVICE void operator()(int column, int row) const {
+    const int i = row * p + column;
+    const int n = h * p;
+    x[i] = y[i] / s[i];
+    x[i + n] = y[i + n] / s[i + n];
+  }
+};
+
 /// The solver's scalars; they stay on the device.
 struct SolverState {
   float rz;     ///< r * z at the top of the iteration

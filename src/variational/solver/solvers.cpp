@@ -135,6 +135,15 @@ void applyJacobiPreconditioner_kernel(const float* matrix, const float* r, float
   launch(kernels::applyJacobiPreconditioner_kernel{matrix, r, z, h, w, p});
 }
 
+void applyRowScaling_kernel(float* matrix, float* rhs, float* s, int h, int w, int p) {
+  launch(kernels::DiagonalRoots{matrix, s, h, w, p});  // all of them before a neighbour's entry changes
+  launch(kernels::applyRowScaling_kernel{matrix, rhs, s, h, w, p});
+}
+
+void inverseScaling_kernel(const float* s, const float* y, float* x, int h, int w, int p) {
+  launch(kernels::inverseScaling_kernel{s, y, x, h, w, p});
+}
+
 float gComputeResidual(const float* matrix, const float* rhs, const float* du, const float* dv, float* r,
                        int h, int w, int p) {
   computeResidual_kernel(matrix, rhs, du, dv, h, w, p, r);
