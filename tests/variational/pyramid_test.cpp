@@ -1,7 +1,7 @@
+#include <tarvo/NDevice.h>
 #include <tarvo/pyramid.h>
 
 #include <iterator>
-#include <memory>
 #include <vector>
 
 #include "reference/pyramid_reference.h"
@@ -40,20 +40,20 @@ Planes shrunk(const Planes& in, Size to, const Planes* weight) {
 /// The levels of a pyramid of the two pictures in the six planes of `in`.
 std::vector<Planes> levelsOf(const Planes& in, const std::vector<Size>& sizes) {
   const DevicePlanes source(in);
-  std::vector<std::unique_ptr<DevicePlanes>> targets;
   std::vector<variational::PictureLevels::Size> levels;
-  std::vector<float*> out;
-  for (const Size& size : sizes) {
-    targets.push_back(std::make_unique<DevicePlanes>(size.h, size.w, 6, 2));
-    levels.push_back({size.h, size.w, targets.back()->p()});
-    out.push_back(targets.back()->get());
-  }
-  variational::averagePictures(source.get(), source.plane(3), in.h, in.w, source.p(), levels, out);
+  for (const Size& size : sizes) levels.push_back({size.h, size.w, DevicePlanes(size.h, size.w, 1).p()});
+  variational::PictureLevels pyramid(source.get(), source.plane(3), in.h, in.w, source.p(), levels);
   std::vector<Planes> result;
-  for (const auto& target : targets) {
-    EXPECT_TRUE(target->intact());
-    result.push_back(target->values());
+  for (const auto& level : levels) {
+    const variational::PictureLevels::Pictures pictures = pyramid.next();
+    result.emplace_back(level.h, level.w, 6);
+    const auto download = [&](int plane, const float* from) {
+      NDevice::download(&result.back().at(0, 0, plane), from, level.h, level.w, level.p, 3);
+    };
+    download(0, pictures.first);
+    download(3, pictures.second);
   }
+  pyramid.release();
   return result;
 }
 
@@ -137,9 +137,8 @@ TEST(Downsample, OfAMatchFieldIsThatOfItsPlanesScaled) {
     }
     const DevicePlanes source(in), target(r.to.h, r.to.w, 3, 2);
     withThreads({1, 3}, [&] {
-      variational::averageMatches({source.get(), source.plane(1), source.plane(2)}, in.h, in.w, source.p(),
-                                  target.get(), target.plane(1), target.plane(2), r.to.h, r.to.w, target.p(),
-                                  kScale);
+      variational::MatchLevels({source.get(), source.plane(1), source.plane(2)}, in.h, in.w, source.p())
+          .build(target.get(), target.plane(1), target.plane(2), r.to.h, r.to.w, target.p(), kScale);
       EXPECT_TRUE(target.intact());
       ASSERT_TRUE(exact(target.values(), expected));
     });

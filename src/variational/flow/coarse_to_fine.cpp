@@ -1,6 +1,7 @@
 #include "variational/flow/coarse_to_fine.h"
 
 #include <tarvo/elementwise.h>
+#include <tarvo/picture.h>
 #include <tarvo/pyramid.h>
 #include <tarvo/variational.h>
 
@@ -17,8 +18,7 @@ namespace variational {
 namespace {
 
 constexpr const char* kUnit = units::kOpticalFlowGPU;
-constexpr int kChannels = 3;
-constexpr int kLevelPlanes = 3 + 1 + kChannels;  // of CoarseToFine::LevelPlanes
+constexpr int kLevelPlanes = 3 + 1 + kPictureChannels;  // of CoarseToFine::LevelPlanes
 
 /// Pitch of a pass: the input's at full resolution, else the device's own for the level's width.
 int pitchOf(const Level& level, const FlowInput& input) {
@@ -53,7 +53,7 @@ float* readOnly(const float* plane) {
 }  // namespace
 
 std::size_t coarseToFineFloats(int height, int width, int pitch, float eta) {
-  const FlowInput input{nullptr, nullptr, {}, height, width, pitch, kChannels};
+  const FlowInput input{nullptr, nullptr, {}, height, width, pitch, kPictureChannels};
   const int levels = levelsAbove(height, width, eta);
   const std::size_t largest = largestPlane(input, eta, levels);
   const std::size_t flows = 2 * 2;  // of two levels
@@ -67,7 +67,7 @@ CoarseToFine::LevelPlanes::LevelPlanes(std::size_t floats) {
   device::synchronize();
   clock.stop();
   TARVO_CALL(valid.allocate(floats));
-  TARVO_CALL(warped.allocate(kChannels * floats));
+  TARVO_CALL(warped.allocate(kPictureChannels * floats));
 }
 
 void CoarseToFine::LevelPlanes::release() {

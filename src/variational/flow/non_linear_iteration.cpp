@@ -1,4 +1,5 @@
 #include <tarvo/elementwise.h>
+#include <tarvo/picture.h>
 #include <tarvo/tensors.h>
 #include <tarvo/variational.h>
 
@@ -53,15 +54,13 @@ void NonLinearIteration(float* image1, float* warped2, float* gconf, float* matc
                         float beta, float gamma, int fixedPointIterations, int solverIterations,
                         float reserved) {
   const device::Entry entry;
-  constexpr int kChannels = 3;
   device::Buffer images[2], matches[3], validity, flow[2];
   int p = 0;
   const auto upload = [&](device::Buffer& buffer, const float* host, int planes) {
-    TARVO_CALL(buffer.allocatePitched(&p, w, planes * h));
-    TARVO_CALL(device::copyPlanes(buffer.get(), p, host, w, h, w, planes, device::Direction::ToDevice));
+    TARVO_CALL(buffer.upload(&p, host, h, w, planes));
   };
-  upload(images[0], image1, kChannels);
-  upload(images[1], warped2, kChannels);
+  upload(images[0], image1, kPictureChannels);
+  upload(images[1], warped2, kPictureChannels);
   upload(validity, gconf, 1);
   upload(matches[0], matchU, candidates);
   upload(matches[1], matchV, candidates);
@@ -71,8 +70,8 @@ void NonLinearIteration(float* image1, float* warped2, float* gconf, float* matc
   variational::Scratch scratch(device::planeFloats(h, p));
 
   gNonLinearIteration(images[0].get(), images[1].get(), validity.get(), matches[0].get(), matches[1].get(),
-                      matches[2].get(), candidates, flow[0].get(), flow[1].get(), h, w, p, kChannels, alpha,
-                      beta, gamma, fixedPointIterations, solverIterations, reserved, scratch.cg(),
+                      matches[2].get(), candidates, flow[0].get(), flow[1].get(), h, w, p, kPictureChannels,
+                      alpha, beta, gamma, fixedPointIterations, solverIterations, reserved, scratch.cg(),
                       scratch.fp());
   TARVO_LAUNCHED("Iterations");  // the additions of the increment
 

@@ -1,5 +1,6 @@
 #include <tarvo/elementwise.h>
 #include <tarvo/filters.h>
+#include <tarvo/picture.h>
 #include <tarvo/pyramid.h>
 #include <tarvo/variational.h>
 
@@ -9,7 +10,6 @@
 namespace {
 
 constexpr const char* kUnit = units::kOpticalFlowGPU;
-constexpr int kChannels = 3;
 constexpr float kDerivative3[3] = {-0.5f, 0.0f, 0.5f};
 
 /// Scratch of the energy: one plane each.
@@ -51,15 +51,15 @@ float gObjectiveValue(float* image1, float* image2, float* u, float* v, int h, i
                       float /*reserved*/, float alpha) {
   const std::size_t n = device::planeFloats(h, p);
   device::Buffer difference, validity;
-  TARVO_CALL(difference.allocate(kChannels * n));
+  TARVO_CALL(difference.allocate(kPictureChannels * n));
   TARVO_CALL(validity.allocate(n));
-  gWarpMotion(difference.get(), u, v, image2, image1, kChannels, validity.get(), h, w, p);
-  Diff_kernel(difference.get(), difference.get(), image1, kChannels * h, w, p);
+  gWarpMotion(difference.get(), u, v, image2, image1, kPictureChannels, validity.get(), h, w, p);
+  Diff_kernel(difference.get(), difference.get(), image1, kPictureChannels * h, w, p);
 
   Planes planes(h, w, p);
   float gradient = 0.0f;
   float brightness = 0.0f;
-  for (int c = 0; c < kChannels; ++c) {
+  for (int c = 0; c < kPictureChannels; ++c) {
     const float* plane = difference.get() + static_cast<std::size_t>(c) * n;
     planes.addGradient(plane);
     gradient += planes.penalty();

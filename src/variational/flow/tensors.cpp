@@ -1,3 +1,4 @@
+#include <tarvo/picture.h>
 #include <tarvo/tensors.h>
 
 #include "device/launch.h"
@@ -58,11 +59,10 @@ void MakeST(const float* image1, const float* warped2, float* stData, float* stG
 
 void variational::structureTensors(const float* image1, const float* warped2, const FPtmp& fp,
                                    const float* gconf, int h, int w, int p, int channels) {
-  constexpr int kColours = 3;
   constexpr std::size_t kTensorPlanes = 6;
   const std::size_t n = device::planeFloats(h, p);
-  if (channels == kColours) {
-    sumTensors<kColours, true>(image1, warped2, fp.stData, fp.stGrad, gconf, fp.matrix, h, w, p);
+  if (channels == kPictureChannels) {
+    sumTensors<kPictureChannels, true>(image1, warped2, fp.stData, fp.stGrad, gconf, fp.matrix, h, w, p);
     return;
   }
   TARVO_CALL(device::clear(fp.stData, kTensorPlanes * n * sizeof(float)));

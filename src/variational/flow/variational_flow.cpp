@@ -1,5 +1,6 @@
 #include <tarvo/elementwise.h>
 #include <tarvo/filters.h>
+#include <tarvo/picture.h>
 #include <tarvo/pyramid.h>
 #include <tarvo/variational.h>
 
@@ -14,7 +15,6 @@
 namespace {
 
 constexpr const char* kUnit = units::kOpticalFlowGPU;
-constexpr int kChannels = 3;
 
 void printTimes() {
   report::print("Solver time = %f ms\n", timer_solver);
@@ -45,20 +45,15 @@ struct UploadedInput {
   UploadedInput(const float* image1, const float* image2, const float* const* hostMatches, int height,
                 int width) {
     int p = 0;
-    const auto upload = [&](device::Buffer& buffer, const float* host, int planes) {
-      TARVO_CALL(buffer.allocatePitched(&p, width, planes * height));
-      TARVO_CALL(device::copyPlanes(buffer.get(), p, host, width, height, width, planes,
-                                    device::Direction::ToDevice));
-    };
-    upload(images[0], image1, kChannels);
-    upload(images[1], image2, kChannels);
-    if (hostMatches != nullptr) {
-      for (int k = 0; k < 3; ++k) upload(matches[k], hostMatches[k], 1);
+    TARVO_CALL(images[0].upload(&p, image1, height, width, kPictureChannels));
+    TARVO_CALL(images[1].upload(&p, image2, height, width, kPictureChannels));
+    for (int k = 0; k < 3 && hostMatches != nullptr; ++k) {
+      TARVO_CALL(matches[k].upload(&p, hostMatches[k], height, width, 1));
     }
     device::synchronize();
     input = {images[0].get(), images[1].get(), {matches[0].get(), matches[1].get(), matches[2].get()},
              height,          width,           p,
-             kChannels};
+             kPictureChannels};
   }
   void release() {
     for (device::Buffer& image : images) TARVO_CALL(image.release());

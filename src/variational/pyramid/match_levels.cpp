@@ -134,9 +134,4 @@ void MatchLevels::buildOnCpu(float* u, float* v, float* weight, int outH, int ou
       rows, outH, [&](int y0, int y1) { averageBand(average, sums.data() + y0 / rows * scratch, y0, y1); });
 }
 
-void averageMatches(const MatchField& field, int h, int w, int p, float* u, float* v, float* weight, int outH,
-                    int outW, int outP, float scale) {
-  MatchLevels(field, h, w, p).build(u, v, weight, outH, outW, outP, scale);
-}
-
 }  // namespace variational

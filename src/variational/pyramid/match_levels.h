@@ -40,8 +40,4 @@ class MatchLevels {
   std::vector<int> rows_;       // first match of every row, and the number of matches
 };
 
-/// One level of a MatchLevels that is made for it alone. The tests hold it against `downsample`.
-void averageMatches(const MatchField& field, int h, int w, int p, float* u, float* v, float* weight, int outH,
-                    int outW, int outP, float scale);
-
 }  // namespace variational

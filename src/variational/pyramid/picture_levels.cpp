@@ -1,5 +1,7 @@
 #include "variational/pyramid/picture_levels.h"
 
+#include <tarvo/picture.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -25,8 +27,7 @@ namespace {
 
 constexpr const char* kUnit = units::kOpticalFlowGPU;
 
-constexpr int kChannels = 3;  // of a picture
-constexpr int kPlanes = 2 * kChannels;
+constexpr int kPlanes = 2 * kPictureChannels;
 constexpr int kLanes = 8;  // of a vector: the planes of a pixel, and two that read beyond it and mean nothing
 
 struct SourcePlanes {
@@ -186,9 +187,9 @@ std::size_t PictureLevels::floats() const {
 void PictureLevels::interleave() {
   TARVO_CALL(interleaved_.allocate(interleavedFloats()));
   SourcePlanes pictures{{}, h_, w_, p_};
-  for (int c = 0; c < kChannels; ++c) {
+  for (int c = 0; c < kPictureChannels; ++c) {
     pictures.planes[c] = image1_ + device::planeFloats(h_, p_, c);
-    pictures.planes[kChannels + c] = image2_ + device::planeFloats(h_, p_, c);
+    pictures.planes[kPictureChannels + c] = image2_ + device::planeFloats(h_, p_, c);
   }
   device::cpu::forBands(h_, w_,
                         [&](int y0, int y1) { interleaveBand(pictures, interleaved_.get(), y0, y1); });
@@ -212,7 +213,7 @@ std::size_t PictureLevels::offsetOf(std::size_t first, std::size_t index, int pi
   // Between stacks: whole lines of either device, and stacks rarely start at one cache set.
   constexpr std::size_t kApart = 9 * 32;
   const auto stack = [](const Size& level) {
-    return device::planeFloats(level.h, level.p, kChannels) + kApart;
+    return device::planeFloats(level.h, level.p, kPictureChannels) + kApart;
   };
   std::size_t offset = 0;
   for (std::size_t k = first; k < index; ++k) offset += 2 * stack(levels_[k]);
@@ -258,8 +259,8 @@ void PictureLevels::buildOnCpu() {
                     groups.back().data(),
                     static_cast<std::ptrdiff_t>(groups.back().size())});
     for (int plane = 0; plane < kPlanes; ++plane) {
-      jobs.back().out[plane] = batch_.get() + offsetOf(first_, k, plane / kChannels) +
-                               device::planeFloats(level.h, level.p, plane % kChannels);
+      jobs.back().out[plane] = batch_.get() + offsetOf(first_, k, plane / kPictureChannels) +
+                               device::planeFloats(level.h, level.p, plane % kPictureChannels);
     }
     widest = std::max(widest, level.w);
   }
@@ -278,22 +279,6 @@ void PictureLevels::buildOnCpu() {
 void PictureLevels::release() {
   TARVO_CALL(interleaved_.release());
   TARVO_CALL(batch_.release());
-}
-
-void averagePictures(const float* image1, const float* image2, int h, int w, int p,
-                     const std::vector<PictureLevels::Size>& levels, const std::vector<float*>& out) {
-  PictureLevels pyramid(image1, image2, h, w, p, levels);
-  for (std::size_t k = 0; k < levels.size(); ++k) {
-    const PictureLevels::Size& level = levels[k];
-    const PictureLevels::Pictures pictures = pyramid.next();
-    const auto copy = [&](float* to, const float* from) {
-      TARVO_CALL(device::copyPlanes(to, level.p, from, level.p, level.h, level.w, kChannels,
-                                    device::Direction::OnDevice));
-    };
-    copy(out[k], pictures.first);
-    copy(out[k] + device::planeFloats(level.h, level.p, kChannels), pictures.second);
-  }
-  pyramid.release();
 }
 
 }  // namespace variational

@@ -50,9 +50,4 @@ class PictureLevels {
   std::size_t first_ = 0, end_ = 0;  // the levels in batch_
 };
 
-/// The levels of a PictureLevels one after the other; out: for each a stack of six planes of its size.
-/// The tests hold it against `downsample`.
-void averagePictures(const float* image1, const float* image2, int h, int w, int p,
-                     const std::vector<PictureLevels::Size>& levels, const std::vector<float*>& out);
-
 }  // namespace variational

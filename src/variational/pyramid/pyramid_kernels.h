@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarvo/picture.h>
+
 #include "device/sample.h"
 
 namespace kernels {
@@ -60,13 +62,12 @@ struct DownsamplePictures {
   float *out1, *out2;
   int levelH, outW, outP;
   int outH;  // 6 * levelH
-  static constexpr int kChannels = 3;
 
   TARVO_HOST_DEVICE void operator()(int x, int row) const {
     const int plane = row / levelH;
-    const int channel = plane % kChannels;
-    const float* in = (plane < kChannels ? in1 : in2) + channel * inH * inP;
-    float* out = (plane < kChannels ? out1 : out2) + channel * levelH * outP;
+    const int channel = plane % kPictureChannels;
+    const float* in = (plane < kPictureChannels ? in1 : in2) + channel * inH * inP;
+    float* out = (plane < kPictureChannels ? out1 : out2) + channel * levelH * outP;
     downsample_kernel{in, inH, inW, inP, out, levelH, outW, outP}(x, row % levelH);
   }
 };

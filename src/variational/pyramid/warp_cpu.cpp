@@ -1,5 +1,7 @@
 #include "variational/pyramid/warp_cpu.h"
 
+#include <tarvo/picture.h>
+
 #include <algorithm>
 
 #include "device/cpu/launch.h"
@@ -10,7 +12,6 @@
 namespace variational {
 namespace {
 
-constexpr int kChannels = 3;
 constexpr int kSide = 16;  // target pixels side by side
 
 using Warp = kernels::warp_motion_kernel;
@@ -73,7 +74,7 @@ struct Samples {
     }
   }
   TARVO_HOST void store(int x0, int y, int count) const {
-    for (int channel = 0; channel < kChannels; ++channel) {
+    for (int channel = 0; channel < kPictureChannels; ++channel) {
       const int i = (channel * warp.h + y) * warp.p + x0;
 #pragma omp simd
       for (int k = 0; k < count; ++k) {

@@ -14,12 +14,10 @@ class UploadedSystem {
                  int h, int w)
       : kUnit(unit), h_(h), w_(w) {
     TARVO_CALL(x_.allocatePitched(&p_, w, 2 * h));
-    TARVO_CALL(rhs_.allocate(device::planeFloats(h, p_, 2)));
-    TARVO_CALL(matrix_.allocate(device::planeFloats(h, p_, kMatrixPlanes)));
-    upload(this->du(), du, 1);
-    upload(this->dv(), dv, 1);
-    upload(rhs_.get(), rhs, 2);
-    upload(matrix_.get(), matrix, kMatrixPlanes);
+    upload(this->du(), du);
+    upload(this->dv(), dv);
+    TARVO_CALL(rhs_.upload(&p_, rhs, h, w, 2));
+    TARVO_CALL(matrix_.upload(&p_, matrix, h, w, kMatrixPlanes));
   }
   const float* matrix() const { return matrix_.get(); }
   const float* rhs() const { return rhs_.get(); }
@@ -39,8 +37,8 @@ class UploadedSystem {
   }
 
  private:
-  void upload(float* to, const float* from, int planes) const {
-    TARVO_CALL(device::copyPlanes(to, p_, from, w_, h_, w_, planes, device::Direction::ToDevice));
+  void upload(float* to, const float* from) const {
+    TARVO_CALL(device::copyPlanes(to, p_, from, w_, h_, w_, 1, device::Direction::ToDevice));
   }
 
   const char* kUnit;  // the name that the checks look for
