@@ -19,6 +19,7 @@ CTEST = ctest -j$(JOBS) --preset
 all: build
 
 help:
+	@echo 'make build          build with the packages that are there (set-up installs them)'
 	@echo 'make demo           set-up, build, flow of a rendered scene and its error; results in build/demo'
 	@echo 'make test           set-up, build, tests'
 	@echo 'make bench          set-up, build, benchmarks; results in build/bench'
@@ -34,14 +35,14 @@ help:
 setup:
 	@$(SETUP)
 
-build: setup
+build:
 	$(CONFIGURE) release
 	cmake --build --preset release
 
-demo: build
+demo: setup build
 	@scripts/demo.sh
 
-test: build
+test: setup build
 	$(CTEST) release
 
 sanitize: setup

@@ -1,5 +1,7 @@
 #include "phases.h"
 
+#include <tarvo/hog.h>
+
 #include <algorithm>
 
 namespace bench {
@@ -47,11 +49,11 @@ double solverFootprint(double pixels, Couplings couplings) {
 
 namespace {
 
-constexpr double kBins = 15;
+constexpr double kBins = kHogBins;
 
 /// Mean number of candidates in the search window of a grid point along a side.
 double meanWindow(int side) {
-  constexpr int kMargin = 12, kRadius = 80, kSpacing = 4;
+  using NMatching::kMargin, NMatching::kRadius, NMatching::kSpacing;
   double sum = 0.0, points = 0.0;
   for (int x = kMargin; x < side - kMargin; x += kSpacing, points += 1.0) {
     sum += std::min(x + kRadius, side - 1 - kMargin) - std::max(kMargin, x - kRadius) + 1;

@@ -13,8 +13,6 @@
 namespace bench {
 namespace {
 
-constexpr int kChannels = 3;
-
 int shrunk(int side, float factor) {
   return static_cast<int>(std::ceil(factor * static_cast<float>(side)));
 }
@@ -67,14 +65,14 @@ Workload::Workload(int width, int height)
     : w_(width),
       h_(height),
       mask_{1.0f / 12, -8.0f / 12, 0.0f, 8.0f / 12, -1.0f / 12},
-      image1_(height, width, kChannels),
-      image2_(height, width, kChannels),
+      image1_(height, width, kPictureChannels),
+      image2_(height, width, kPictureChannels),
       flow_(height, width, 2),
-      warped_(height, width, kChannels),
+      warped_(height, width, kPictureChannels),
       gconf_(height, width, 1),
       match_(height, width, 3),
       system_(height, width),
-      out_(height, width, kChannels),
+      out_(height, width, kPictureChannels),
       outFlow_(height, width, 2),
       vectors_(height, width, 10),
       histograms_(height, width, kHogBins),
@@ -103,8 +101,9 @@ void Workload::assemble() {
   const FPtmp s = system_.view();
   const float *u = flow_.plane(0), *v = flow_.plane(1);
   const float *du = system_.increment.plane(0), *dv = system_.increment.plane(1);
-  gWarpMotion(warped_.data(), u, v, image2_.data(), image1_.data(), kChannels, gconf_.data(), h_, w_, p_);
-  MakeST(image1_.data(), warped_.data(), s.stData, s.stGrad, gconf_.data(), h_, w_, p_, kChannels);
+  gWarpMotion(warped_.data(), u, v, image2_.data(), image1_.data(), kPictureChannels, gconf_.data(), h_, w_,
+              p_);
+  MakeST(image1_.data(), warped_.data(), s.stData, s.stGrad, gconf_.data(), h_, w_, p_, kPictureChannels);
   gDiffusivity(u, v, du, dv, s.diffX, s.diffY, h_, w_, p_);
   DataFactor_kernel(s.stData, du, dv, s.dataFactor, h_, w_, p_);
   GradientFactor_kernel(s.stGrad, du, dv, s.gradFactor, h_, w_, p_, kGamma);
@@ -181,7 +180,7 @@ void Workload::addResampling(std::vector<Case>& cases) {
   }
   // Flow 2, image 3 in; image 3 and validity 1 out.
   cases.push_back(make("gWarpMotion, 3 channels", 9, 9, [this] {
-    gWarpMotion(out_.data(), flow_.plane(0), flow_.plane(1), image2_.data(), image1_.data(), kChannels,
+    gWarpMotion(out_.data(), flow_.plane(0), flow_.plane(1), image2_.data(), image1_.data(), kPictureChannels,
                 work_.diff.data(), h_, w_, p_);
   }));
 }
@@ -191,7 +190,8 @@ void Workload::addFixedPoint(std::vector<Case>& cases) {
   const FPtmp out = work_.view();
   // Images 6 and validity 1 in, twelve tensor planes updated in place.
   cases.push_back(make("MakeST, 3 channels", 7 + 24, 7 + 12, [this, out] {
-    MakeST(image1_.data(), warped_.data(), out.stData, out.stGrad, gconf_.data(), h_, w_, p_, kChannels);
+    MakeST(image1_.data(), warped_.data(), out.stData, out.stGrad, gconf_.data(), h_, w_, p_,
+           kPictureChannels);
   }));
   cases.back().prepare = [this] {
     work_.stData.fill(0.0f);
@@ -233,8 +233,9 @@ void Workload::addSolver(std::vector<Case>& cases) {
 Case Workload::makeStep(const char* name, int iterations, double moved, double touched) {
   Case step = make(name, moved, touched, [this, iterations] {
     gNonLinearIteration(image1_.data(), warped_.data(), gconf_.data(), match_.plane(0), match_.plane(1),
-                        match_.plane(2), 1, outFlow_.plane(0), outFlow_.plane(1), h_, w_, p_, kChannels,
-                        kAlpha, kBeta, kGamma, iterations, kSolverIterations, 1.0f, cg(), work_.view());
+                        match_.plane(2), 1, outFlow_.plane(0), outFlow_.plane(1), h_, w_, p_,
+                        kPictureChannels, kAlpha, kBeta, kGamma, iterations, kSolverIterations, 1.0f, cg(),
+                        work_.view());
   });
   step.prepare = [this] {
     outFlow_.fill(0.0f);
@@ -244,12 +245,12 @@ Case Workload::makeStep(const char* name, int iterations, double moved, double t
 }
 
 void Workload::addMatching(std::vector<Case>& cases) {
-  cases.push_back(make("gComputeHOG, 3 channels", kChannels + kHogBins, kChannels + kHogBins, [this] {
-    gComputeHOG(image1_.data(), histograms_.data(), kChannels, kHogBins, h_, w_, p_);
-  }));
-  cases.push_back(make(std::string(kConfidence) + ", 3 channels", kChannels + 1, kChannels + 1, [this] {
-    gComputeConfidence(image1_.data(), work_.diff.data(), h_, w_, p_, kChannels);
-  }));
+  cases.push_back(make(
+      "gComputeHOG, 3 channels", kPictureChannels + kHogBins, kPictureChannels + kHogBins,
+      [this] { gComputeHOG(image1_.data(), histograms_.data(), kPictureChannels, kHogBins, h_, w_, p_); }));
+  cases.push_back(
+      make(std::string(kConfidence) + ", 3 channels", kPictureChannels + 1, kPictureChannels + 1,
+           [this] { gComputeConfidence(image1_.data(), work_.diff.data(), h_, w_, p_, kPictureChannels); }));
 }
 
 std::vector<Case> Workload::cases() {

@@ -1,8 +1,9 @@
-# Decides whether the CUDA device is built in: sets TARVO_WITH_CUDA and enables the CUDA language. EMULATED builds it
-# with the C++ compiler and tests/emulation in place of the CUDA runtime: for tests alone.
+# Decides whether the CUDA device is built in: sets TARVO_WITH_CUDA and enables the CUDA language, which
+# TARVO_CUDA=EMULATED does without; what that builds is never installed.
 set(TARVO_WITH_CUDA OFF)
 if(TARVO_CUDA STREQUAL "EMULATED")
   set(TARVO_WITH_CUDA ON)
+  set(TARVO_INSTALL OFF)
 elseif(NOT TARVO_CUDA STREQUAL "OFF")
   include(CheckLanguage)
   check_language(CUDA)
@@ -26,4 +27,3 @@ elseif(NOT TARVO_CUDA STREQUAL "OFF")
     message(FATAL_ERROR "TARVO_CUDA=ON, but no CUDA compiler was found. Put nvcc on the PATH or set CMAKE_CUDA_COMPILER.")
   endif()
 endif()
-message(STATUS "tarvo: CUDA device ${TARVO_WITH_CUDA}, instruction sets ${TARVO_ISA}")

@@ -1,13 +1,6 @@
-# What is installed: the public headers, the library, the tool, and the descriptions of both for CMake
-# (find_package(tarvo), target tarvo::tarvo_gpu) and pkg-config (tarvo). The installed tree can be moved.
+# What is installed: the public headers, the library, its descriptions for CMake (find_package(tarvo), target
+# tarvo::tarvo_gpu) and pkg-config (tarvo), the tool, and the documents. The installed tree can be moved.
 include(CMakePackageConfigHelpers)
-
-# include/tarvo holds everything public and nothing else.
-file(GLOB _tarvo_headers CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/tarvo/*.h")
-target_sources(tarvo_gpu PUBLIC FILE_SET HEADERS
-  BASE_DIRS "${PROJECT_SOURCE_DIR}/include" FILES ${_tarvo_headers})
-# Adds the target all_verify_interface_header_sets, which compiles each public header on its own.
-set_target_properties(tarvo_gpu PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
 
 set(_tarvo_config_dir "${CMAKE_INSTALL_LIBDIR}/cmake/tarvo")
 install(TARGETS tarvo_gpu EXPORT tarvo-targets
@@ -42,8 +35,15 @@ endif()
 configure_file("${CMAKE_CURRENT_LIST_DIR}/tarvo.pc.in" "${PROJECT_BINARY_DIR}/package/tarvo.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/package/tarvo.pc" DESTINATION "${_tarvo_pc_dir}")
 
-# The tool (installed by tools/) finds the library beside itself, wherever the tree lies.
-if(TARGET tarvo_tool AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}")
-  file(RELATIVE_PATH _tarvo_lib_from_bin "/prefix/${CMAKE_INSTALL_BINDIR}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
-  set_target_properties(tarvo_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${_tarvo_lib_from_bin}")
+if(TARGET tarvo_tool)
+  install(TARGETS tarvo_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+  # It finds the library beside itself, wherever the tree lies.
+  if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}")
+    file(RELATIVE_PATH _tarvo_lib_from_bin "/prefix/${CMAKE_INSTALL_BINDIR}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
+    set_target_properties(tarvo_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${_tarvo_lib_from_bin}")
+  endif()
 endif()
+
+install(FILES "${PROJECT_SOURCE_DIR}/LICENSE" "${PROJECT_SOURCE_DIR}/README.md" "${PROJECT_SOURCE_DIR}/CHANGELOG.md"
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/docs" DESTINATION "${CMAKE_INSTALL_DOCDIR}")

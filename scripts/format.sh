@@ -29,7 +29,7 @@ if [ -z "$clang_format" ]; then
 fi
 
 folders=
-for folder in include src tools tests bench examples; do
+for folder in include src tools tests bench; do
   if [ -d "$folder" ]; then folders="$folders $folder"; fi
 done
 list=$(mktemp)

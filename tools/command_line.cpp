@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <stdexcept>
 
@@ -30,26 +31,29 @@ CLI::Validator numberThat(bool (*accepts)(float), const std::string& wanted) {
       "");
 }
 
-/// Accepts a whole number from `lowest` to `highest`.
+/// Accepts a whole number from `lowest` to `highest`, and hands it on without leading zeros, which the later
+/// conversion would take for octal.
 CLI::Validator wholeNumber(long lowest, long highest) {
   const std::string wanted = highest < 2147483647 ? "a whole number from " + std::to_string(lowest) + " to " +
                                                         std::to_string(highest)
                                                   : "a whole number from " + std::to_string(lowest) + " up";
   return CLI::Validator(
-      [=](const std::string& text) {
+      [=](std::string& text) {
         char* end = nullptr;
         const long value = std::strtol(text.c_str(), &end, 10);
         const bool good = !text.empty() && *end == '\0' && value >= lowest && value <= highest;
-        return good ? std::string() : text + " is not " + wanted;
+        if (!good) return text + " is not " + wanted;
+        text = std::to_string(value);
+        return std::string();
       },
       "");
 }
 
 std::string checkDevice(const std::string& text) {
   const bool plain = text == "auto" || text == "cpu" || text == "cuda";
-  const bool numbered = text.rfind("cuda:", 0) == 0 && text.size() > 5 && text.size() < 12 &&
+  const bool numbered = text.rfind("cuda:", 0) == 0 && text.size() > 5 && text.size() < 9 &&
                         text.find_first_not_of("0123456789", 5) == std::string::npos;
-  return plain || numbered ? std::string() : text + " is not auto, cpu, cuda or cuda:N";
+  return plain || numbered ? std::string() : text + " is not auto, cpu, cuda or cuda:N (N up to 999)";
 }
 
 constexpr int kLargestSide = 16384;
@@ -86,15 +90,16 @@ void addParameters(CLI::App& app, FlowParameters& p) {
   add("--gamma", p.gamma, weight, "Weight of the gradient-constancy term");
   add("--eta", p.eta, numberThat([](float value) { return value > 0 && value < 1; }, "between 0 and 1"),
       "Size ratio of neighbouring pyramid levels, between 0 and 1 (both excluded)");
-  const auto addCount = [&](const char* name, int& value, const char* text) {
+  const auto addCount = [&](const char* name, int& value, long highest, const char* text) {
     app.add_option(name, value, text)
-        ->check(wholeNumber(0, 2147483647))
+        ->transform(wholeNumber(0, highest))
         ->capture_default_str()
         ->group(group)
         ->type_name("COUNT");
   };
-  addCount("--fixed-point-iterations", p.fixedPointIterations, "Outer iterations on each pyramid level");
-  addCount("--solver-iterations", p.solverIterations,
+  addCount("--fixed-point-iterations", p.fixedPointIterations, 2147483647,
+           "Outer iterations on each pyramid level");
+  addCount("--solver-iterations", p.solverIterations, 2147483647 / 2,
            "Iterations of the linear solver in each outer iteration, at most; doubled on the last passes");
 }
 
@@ -145,7 +150,7 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
   addParameters(*command, options.parameters);
   addDevice(*command, options.device);
   command->add_option("--threads", options.threads, "Threads of the CPU device (default: one per processor)")
-      ->check(wholeNumber(1, 1024))
+      ->transform(wholeNumber(1, 1024))
       ->type_name("COUNT");
   command->add_flag("--json", options.json,
                     "Sizes, device, matches and seconds of each phase as JSON on standard output");
@@ -219,7 +224,7 @@ void addSynth(CLI::App& app, SynthOptions& options, Verbosity& verbosity) {
           ""))
       ->type_name("WxH");
   command->add_option("--seed", options.seed, "Another number gives other textures and outlines")
-      ->check(wholeNumber(0, 4294967295))
+      ->transform(wholeNumber(0, 4294967295))
       ->capture_default_str()
       ->type_name("NUMBER");
   addVerbosity(*command, verbosity);
@@ -262,9 +267,10 @@ struct Options {
   InfoOptions info;
 };
 
-int fail(std::string text, int status) {
-  text.erase(text.find_last_not_of('\n') + 1);  // device errors end their line themselves
-  std::fprintf(stderr, "tarvo: %s\n", text.c_str());
+/// Takes no memory: there may be none.
+int fail(const char* text, int status) {
+  const bool hasLineEnd = *text != '\0' && text[std::strlen(text) - 1] == '\n';  // as device errors do
+  std::fprintf(stderr, "tarvo: %s%s", text, hasLineEnd ? "" : "\n");
   return status;
 }
 
@@ -275,9 +281,13 @@ int finishOutput() {
              : fail("standard output cannot be written", kFailure);
 }
 
-}  // namespace
+/// Of failing device calls. What the library says of memory names a step inside of it.
+void throwDeviceError(const std::string& text) {
+  if (text.find("out of memory") != std::string::npos) throw std::bad_alloc();
+  throw std::runtime_error(text);
+}
 
-int runCommandLine(int argc, char** argv) {
+int parseAndRun(int argc, char** argv) {
   Options options;
   CLI::App app("Dense optical flow between two colour pictures", "tarvo");
   app.set_version_flag(
@@ -294,7 +304,7 @@ int runCommandLine(int argc, char** argv) {
   addSynth(app, options.synth, options.verbosity);
   addCheck(app, options.check, options.verbosity);
   addInfo(app, options.info, options.verbosity);
-  NDevice::onError([](const std::string& text) { throw std::runtime_error(text); });
+  NDevice::onError(throwDeviceError);
   try {
     app.parse(argc, argv);
     if (app.get_subcommands().empty()) {
@@ -303,8 +313,16 @@ int runCommandLine(int argc, char** argv) {
     return finishOutput();
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? finishOutput() : kWrongUsage;
+  }
+}
+
+}  // namespace
+
+int runCommandLine(int argc, char** argv) {
+  try {
+    return parseAndRun(argc, argv);
   } catch (const UsageError& error) {
-    return fail(error.message, kWrongUsage);
+    return fail(error.message.c_str(), kWrongUsage);
   } catch (const std::bad_alloc&) {
     return fail("there is not enough memory", kFailure);
   } catch (const std::exception& error) {

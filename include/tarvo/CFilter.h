@@ -12,7 +12,7 @@ class TARVO_API CFilter : public CVector<T> {
   CFilter() = default;
   /// `size` entries with unspecified contents, entry `centre` applied at offset 0.
   /// @throws std::length_error      negative size
-  /// @throws std::invalid_argument  centre is not one of the entries
+  /// @throws std::invalid_argument  centre is not one of the entries, or not 0 in an empty mask
   CFilter(int size, int centre);
   CFilter(const CFilter& other) = default;
   /// Takes over the entries of `other`, which becomes empty.

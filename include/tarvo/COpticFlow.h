@@ -68,8 +68,8 @@ struct TARVO_API COpticFlow {
   /// integers, then u and v of every pixel as floats, row after row, all little-endian.
   ///
   /// The data go to a temporary file in the same folder, which is renamed when it is complete: if anything
-  /// fails, a file that was there before is left unchanged. Devices and pipes are written directly. In a
-  /// folder that accepts no new file, not even an old file can be replaced.
+  /// fails, a file that was there before is left unchanged. Devices and pipes are written directly, and so is
+  /// an old file in a folder that takes no new one.
   /// @param flow      at least two planes
   /// @param filename  should end in ".flo"; any other name is used too, with a message
   /// Messages: "NAME should have extension '.flo'", "Could not open NAME", "Problem writing header",

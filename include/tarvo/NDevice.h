@@ -39,8 +39,9 @@ TARVO_API std::string instructionSet();
 TARVO_API std::string version();
 
 /// Number of threads that the CPU device uses, the caller's included. The default is the number of processors
-/// that this process may use. Results do not depend on it. Throws std::invalid_argument unless n is between 1
-/// and 1024.
+/// that this process may use. Of a larger number only so many work; where the system gives no further thread,
+/// the number becomes that of those there are. Results do not depend on it. Throws std::invalid_argument
+/// unless n is between 1 and 1024.
 TARVO_API void threads(int n);
 TARVO_API int threads();
 

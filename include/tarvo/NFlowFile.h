@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 #include <tarvo/CTensor.h>
@@ -18,5 +19,9 @@ TARVO_API CTensor<float> read(const std::string& path);
 /// complete; on failure a file that was there before is left unchanged. Throws std::runtime_error naming the
 /// file and the reason.
 TARVO_API void write(const std::string& path, const CTensor<float>& flow);
+
+/// The same to an open file, from its position on: the caller cares for its name and closes it.
+/// Throws std::runtime_error with the reason alone.
+TARVO_API void write(std::FILE* file, const CTensor<float>& flow);
 
 }  // namespace NFlowFile

@@ -14,8 +14,18 @@
 // as no match.
 //
 // The thresholds are absolute: grey levels are in 0 ... 255. Pixels that are not a number or not finite cost
-// matches in their neighbourhood, nothing else. Any device error prints its message (unit "HOGMatch") and
+// matches in their neighbourhood, nothing else. The functions on host arrays throw std::invalid_argument for
+// pictures without pixels or of more than about 143 million, before anything is changed. Any device error prints its message (unit "HOGMatch") and
 // ends the process.
+
+namespace NMatching {
+
+// Geometry of the search [pixels].
+inline constexpr int kSpacing = 4;  ///< between grid points, and between the cells of a descriptor
+inline constexpr int kRadius = 80;  ///< half-width of the window that is searched around a point
+inline constexpr int kMargin = 12;  ///< least distance of a candidate from the border; where the grid starts
+
+}  // namespace NMatching
 
 /// The match field of two images: histogram fields of both, confidence of image 1, descriptor energies,
 /// search in both directions, consistency check. Grid: x, y = 12, 16, ... below the size less 12. A point

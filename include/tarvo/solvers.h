@@ -23,6 +23,9 @@ enum MatrixPlane {
   kMatrixSouth = 10  ///< coupling to (x, y + 1)
 };
 
+/// Number of planes of the system matrix.
+inline constexpr int kMatrixPlanes = 12;
+
 /// Work vectors of the solver, two planes each: 2 * h * p floats or more. The caller owns the buffers.
 struct CGtmp {
   float* r;       ///< residual
@@ -63,6 +66,18 @@ TARVO_API void applyBlockJacobiPreconditioner_kernel(const float* matrix, const 
 /// z = r divided by the diagonal; diagonal entries below 0.000001 count as 1. No check.
 TARVO_API void applyJacobiPreconditioner_kernel(const float* matrix, const float* r, float* z, int h, int w,
                                                 int p);
+
+/// Scales the system in place by the roots of its diagonal, so that its diagonal entries become 1 where they
+/// were 10 or more: with s = sqrt(|a|) of the diagonal entry a of an equation, or 1 where |a| < 10, entry
+/// (i, j) of the matrix is divided by s_i * s_j and entry i of the right-hand side by s_i. It stays symmetric.
+/// The couplings of the two equations then differ: those of the second one go to the plane behind each of the
+/// four, which no solver here reads. For solvers of the caller's; launched by nothing. No check.
+/// @param matrix, rhs  in/out: the full twelve-plane stack, two planes
+/// @param s            out: two planes, the scales of the first and the second equation
+TARVO_API void applyRowScaling_kernel(float* matrix, float* rhs, float* s, int h, int w, int p);
+/// x = y / s, two planes each: the solution x of a system from the solution y of the scaled one. x may be y. No
+/// check.
+TARVO_API void inverseScaling_kernel(const float* s, const float* y, float* x, int h, int w, int p);
 
 /// Sum of the squared entries of the residual, in single precision, row by row. The residual is left in `r`,
 /// two planes.

@@ -18,6 +18,7 @@
 #include <tarvo/flow.h>
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
+#include <tarvo/picture.h>
 #include <tarvo/pyramid.h>
 #include <tarvo/solvers.h>
 #include <tarvo/tensors.h>

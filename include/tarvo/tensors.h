@@ -7,8 +7,8 @@
 // 2 = dv, 3 = constant. Any device error prints its message (unit "OpticalFlowGPU") and ends the process.
 
 /// Adds the brightness-constancy tensor to `stData` and the gradient-constancy tensor to `stGrad` (six planes
-/// each), summed over the channels, every constraint divided by the magnitude of its gradient. Spatial
-/// derivatives are taken of `image1`, with a five-tap mask.
+/// each), summed over the channels, every squared constraint divided by the magnitude of its gradient.
+/// Spatial derivatives are taken of `image1`, with a five-tap mask.
 /// @param image1, warped2 `channels` stacked planes; warped2 is the second image warped by the current flow
 /// @param gconf           validity of the warp: 1 inside, 0 outside, where nothing is added
 TARVO_API void MakeST(const float* image1, const float* warped2, float* stData, float* stGrad,
@@ -18,8 +18,8 @@ TARVO_API void MakeST(const float* image1, const float* warped2, float* stData, 
 /// (Ix, Iy, Iz). No check.
 TARVO_API void makeST_kernel(float* stData, const float* Ix, const float* Iy, const float* Iz,
                              const float* gconf, int h, int w, int p);
-/// Adds one channel's two gradient tensors, of (Ixx, Ixy, Ixz) and (Ixy, Iyy, Iyz), each divided by the
-/// magnitude of its first two entries. No check.
+/// Adds one channel's two gradient tensors, the products of (Ixx, Ixy, Ixz) and of (Ixy, Iyy, Iyz), each
+/// tensor divided by sqrt(square sum of its first two entries + 0.000001) and times gconf. No check.
 TARVO_API void makeST2_kernel(float* stGrad, const float* Ixx, const float* Ixy, const float* Iyy,
                               const float* Ixz, const float* Iyz, const float* gconf, int h, int w, int p);
 

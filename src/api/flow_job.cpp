@@ -4,6 +4,7 @@
 #include <tarvo/matching.h>
 #include <tarvo/variational.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <sstream>
@@ -13,7 +14,9 @@
 #include "device/memory.h"
 #include "device/report.h"
 #include "device/stopwatch.h"
+#include "match/match_steps.h"
 #include "variational/flow/arguments.h"
+#include "variational/flow/coarse_to_fine.h"
 
 namespace api {
 namespace {
@@ -28,20 +31,22 @@ struct DeviceFlow {
   int h = 0, w = 0, p = 0, channels = 0;
 };
 
+/// Has the pool hold all that the computation takes at one time, so that its stages share it.
+void reserve(DeviceFlow& job, float eta) {
+  job.p = device::chosenPitch(job.w);
+  const std::size_t input = device::planeFloats(job.h, job.p, 3 + 3 + 3);
+  const std::size_t solving = variational::coarseToFineFloats(job.h, job.w, job.p, eta);
+  const std::size_t matching = matchingOn ? match::matchingFloats(job.h, job.w, job.p) : 0;
+  TARVO_CALL(device::reserve(input + std::max(matching, solving)));
+}
+
 void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>& image2) {
   auto memcpy1 = TARVO_STOPWATCH(memcpy1);
-  const int rows = job.channels * job.h;
-  TARVO_CALL(job.image1.allocatePitched(&job.p, job.w, rows));
-  TARVO_CALL(job.image2.allocatePitched(&job.p, job.w, rows));
+  TARVO_CALL(job.image1.upload(&job.p, image1.data(), job.h, job.w, job.channels));
+  TARVO_CALL(job.image2.upload(&job.p, image2.data(), job.h, job.w, job.channels));
   for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
     TARVO_CALL(plane->allocate(device::planeFloats(job.h, job.p)));
   }
-  const auto copy = [&](const device::Buffer& to, const CTensor<float>& from) {
-    TARVO_CALL(device::copyPlanes(to.get(), job.p, from.data(), job.w, job.h, job.w, job.channels,
-                                  device::Direction::ToDevice));
-  };
-  copy(job.image1, image1);
-  copy(job.image2, image2);
   memcpy1.stop();
 }
 
@@ -78,7 +83,7 @@ void download(const DeviceFlow& job, CTensor<float>& flow) {
     TARVO_CALL(device::copyPlanes(result.data() + k * pixels, job.w, planes[k], job.p, job.h, job.w, 1,
                                   device::Direction::ToHost));
   }
-  flow = std::move(result);
+  flow = result;  // a copy: an array of as many elements stays where the caller has pointers into it
   memcpy1.stop();
 }
 
@@ -144,6 +149,7 @@ void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>&
   job.h = image1.sizeY();
   job.w = image1.sizeX();
   job.channels = image1.sizeZ();
+  reserve(job, parameters.eta);
   upload(job, image1, image2);
   match(job);
   solve(job, parameters);

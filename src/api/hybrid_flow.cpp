@@ -12,6 +12,7 @@
 #include "device/report.h"
 #include "device/stopwatch.h"
 #include "match/cross_check.h"
+#include "match/shown_pixels.h"
 
 // The driver that keeps most of the work on the host, and comparisons of host and device descriptors.
 
@@ -19,8 +20,10 @@ namespace {
 
 constexpr float kOmega = 1.85f;  // relaxation factor
 
-/// Pixels that the reports show: descriptors of one pixel, and blocks of `kBlock...` pixels from a corner.
-constexpr int kShownX = 108, kShownY = 108, kOtherX = 72, kOtherY = 206;
+using match::kShownX;
+using match::kShownY;
+
+/// What the reports show besides: blocks of pixels from a corner, of one bin of the histograms.
 constexpr int kShownBin = 5;
 constexpr int kHogBlock = 150, kHogBlockSize = 9, kConfidenceBlock = 100, kConfidenceBlockSize = 7;
 
@@ -35,21 +38,16 @@ struct MatchField {
   MatchField(int w, int h) : u(w, h, 1, 0.0f), v(u), weight(u) {}
 };
 
-void printEnergies(const match::HostFeatures& features) {
-  report::print("avg = %f \n", static_cast<double>(features.meanConfidence));
-  if (!holds(features.image1, kShownX, kOtherY)) return;
-  report::print("108,108: E1=%f E2=%f E2'=%f \n", static_cast<double>(features.energy1(kShownX, kShownY)),
-                static_cast<double>(features.energy2(kShownX, kShownY)),
-                static_cast<double>(features.energy2(kOtherX, kOtherY)));
-}
-
 /// Matches by the device, repeated and compared by the host.
 MatchField matchPictures(const CTensor<float>& image1, const CTensor<float>& image2) {
   const int w = image1.sizeX(), h = image1.sizeY();
   MatchField field(w, h);
   if (!api::matchingEnabled()) return field;
   const match::HostFeatures features(image1, image2);
-  printEnergies(features);
+  report::print("avg = %f \n", static_cast<double>(features.meanConfidence));
+  match::printEnergies(w, h, [&features](int picture, int x, int y) {
+    return picture == 1 ? features.energy1(x, y) : features.energy2(x, y);
+  });
   HOGMatch(image1.data(), image2.data(), features.hog1.data(), features.hog2.data(),
            features.confidence.data(), field.weight.data(), field.u.data(), field.v.data(), w, h);
   match::crossCheck(features, field.u, field.v, field.weight);

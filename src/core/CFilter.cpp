@@ -2,6 +2,7 @@
 #include <tarvo/NMath.h>
 #include <tarvo/exceptions.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <stdexcept>
@@ -10,12 +11,12 @@
 
 namespace {
 
-/// Whether sigma can stand in the exponent: greater than 0 together with its square in single precision.
+/// Whether sigma and its square are greater than 0 in single precision, so that sigma can be divided by.
 bool smooths(float sigma) {
   return sigma > 0 && sigma * sigma > 0;
 }
 
-/// Radius of a Gaussian mask [samples]; 0 without smoothing and where it would be negative or not a number.
+/// Radius of a Gaussian mask [samples]; 0 without smoothing, or where it would be negative or not a number.
 /// @throws std::length_error  2 * radius + 1 does not fit an int
 int gaussianRadius(float sigma, float precision) {
   const float radius = std::ceil(precision * sigma);
@@ -30,7 +31,7 @@ int gaussianRadius(float sigma, float precision) {
 
 template <typename T>
 CFilter<T>::CFilter(int size, int centre) : CVector<T>(size), centre_(centre) {
-  if (centre < 0 || (size > 0 && centre >= size)) {
+  if (centre < 0 || centre >= std::max(size, 1)) {
     throw std::invalid_argument("CFilter: centre " + std::to_string(centre) + " outside a mask of " +
                                 std::to_string(size) + " entries");
   }

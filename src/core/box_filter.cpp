@@ -20,7 +20,7 @@ struct Window {
   }
 };
 
-/// Running mean over `lines` lines of `length` >= 1 samples side by side.
+/// Running mean along `lines` lines of `length` >= 1 samples, which lie side by side.
 /// @param sum  scratch for one value per line
 void averageLines(const float* source, float* result, std::ptrdiff_t stride, int length, int lines,
                   const Window& window, float* sum) {

@@ -6,9 +6,9 @@
 #include <string>
 
 /// Number of elements of a container with these sizes. It fits an int, and so does the product of any of the
-/// sizes, also where another is 0.
+/// sizes, even if another size is 0.
 /// @param type  the container's name, for the message
-/// @throws std::length_error  a negative size or too large a product; the message names all sizes
+/// @throws std::length_error  a negative size or a product that is too large; the message names all sizes
 template <typename... Sizes>
 int elementCount(const char* type, Sizes... sizes) {
   std::string text;

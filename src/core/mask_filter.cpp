@@ -9,8 +9,8 @@
 
 namespace {
 
-/// Index of the sample that stands at position j of a line of `length` samples: outside the line it is
-/// mirrored about the border, the border sample repeated, until it lies inside.
+/// Index of the sample for position j of a line of `length` samples. A position outside the line is mirrored
+/// about the border, the border sample repeated, until it lies inside.
 int mirrored(std::ptrdiff_t j, int length) {
   const std::ptrdiff_t period = 2 * static_cast<std::ptrdiff_t>(length);
   j %= period;
@@ -21,9 +21,9 @@ int mirrored(std::ptrdiff_t j, int length) {
 /// Four floats that one statement adds or multiplies lane by lane.
 using FourLanes = float __attribute__((vector_size(4 * sizeof(float))));
 
-/// Outputs first ... first + 4 * kVectors - 1 of weightedSum. The sums stay in registers over all taps: with
-/// explicit vectors, because the compiler interleaves a plain loop over the lanes with that over the taps and
-/// then vectorises neither.
+/// Outputs first ... first + 4 * kVectors - 1 of weightedSum. The sums stay in registers over all taps. The
+/// vectors are explicit because the compiler would interleave a plain loop over the lanes with the one over
+/// the taps, and then vectorise neither.
 template <int kVectors>
 void weightedSumBlock(float* out, const float* const* taps, const CFilter<float>& mask, int first) {
   const float* weights = mask.data();
@@ -71,8 +71,8 @@ void filterRows(const float* source, float* result, int length, int rows, const 
   }
 }
 
-/// Filters across `count` runs of `length` consecutive elements (rows of a plane, or whole planes): whole
-/// runs are combined side by side.
+/// Filters across `count` runs of `length` consecutive elements (rows of a plane, or whole planes): every
+/// output run is a weighted sum of whole runs.
 void filterAcross(const float* source, float* result, int length, int count, const CFilter<float>& mask) {
   if (count == 0) return;
   std::vector<const float*> runs(static_cast<std::size_t>(count) + mask.size());

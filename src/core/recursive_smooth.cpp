@@ -10,8 +10,8 @@
 
 namespace {
 
-/// Coefficients of the recursion: formed in double precision from the single-precision decay, stored in
-/// single.
+/// Coefficients of the recursion, computed in double precision from the decay in single precision, and
+/// stored in single precision.
 struct Recursion {
   float k;       ///< gain
   float c1, c2;  ///< weight of the neighbouring sample in the causal and in the anticausal pass
@@ -31,8 +31,8 @@ struct Recursion {
   bool finite() const { return std::isfinite(k); }
 };
 
-/// Intermediate samples of the lines in work: the whole causal pass, and the last three samples of the
-/// anticausal.
+/// Intermediate samples of the lines being filtered: the whole causal pass, and the last three samples of
+/// the anticausal pass.
 struct Scratch {
   std::vector<float> causal;
   std::vector<float> anticausal;
@@ -62,8 +62,7 @@ void causalPass(const float* x, std::ptrdiff_t stride, int length, int lines, co
 
 /// Anticausal pass over the same lines:
 /// z[n] = k (c2 x[n+1] - e2 x[n+2]) + b1 z[n+1] - e2 z[n+2], started with z[last] = x[last] / 2.
-/// A sample is replaced by y + z as soon as the recursion has passed it; z holds three samples per line in
-/// turn.
+/// A sample is replaced by y + z once the recursion has passed it; z is a ring of three samples per line.
 void anticausalPass(float* x, std::ptrdiff_t stride, int length, int lines, const Recursion& f,
                     const float* y, float* z) {
   const float k = f.k, c2 = f.c2, b1 = f.b1, e2 = f.e2;

@@ -27,7 +27,7 @@ struct Overlap {
 };
 
 /// All overlaps of a line of `size` samples with one of `newSize` < size cells, in the order in which a sweep
-/// along the line meets them. Every line of a plane has the same ones.
+/// along the line meets them. They are the same for every line of a plane.
 std::vector<Overlap> overlapsOf(int size, int newSize) {
   const float cellLength = static_cast<float>(size) / static_cast<float>(newSize);
   std::vector<Overlap> overlaps;
@@ -102,8 +102,8 @@ struct Splat {
   }
 };
 
-/// Where new element i reads a line of `size` samples: samples `first` and `second`, the latter with weight
-/// `share`.
+/// What new element i reads from a line of `size` samples: samples `first` and `second`, the second with
+/// weight `share`, the first with the rest.
 struct Tap {
   int first, second;
   double share;
@@ -127,7 +127,7 @@ float blend(float first, float second, double share) {
   return static_cast<float>(static_cast<double>(first) * (1 - share) + static_cast<double>(second) * share);
 }
 
-/// Runs operation(plane, z) on a copy of every plane; the results become the planes of the new tensor.
+/// Runs operation(plane, z) on a copy of every plane and makes a new tensor of the results.
 template <class Operation>
 void resamplePlanes(CTensor<float>& tensor, int newX, int newY, const Operation& operation) {
   CTensor<float> result(newX, newY, tensor.sizeZ());

@@ -4,12 +4,12 @@
 #include <vector>
 
 /// Filters that run along a line process several lines side by side: sample n of line j lies at
-/// lines[n * stride + j]. The columns of a row-major plane lie so already (stride: the row length); rows are
-/// brought into this form and back by the functions below, kRowBundle at a time.
+/// lines[n * stride + j]. The columns of a plane are stored like that already (stride: the row length). The
+/// functions below bring rows into this form and back, kRowBundle at a time.
 inline constexpr int kRowBundle = 16;
 
-/// Columns processed side by side: wide enough for the memory to deliver whole pages of a row, narrow enough
-/// for the intermediate samples of a column strip to stay in cache.
+/// Columns processed side by side: enough for the memory to deliver whole pages of a row, few enough for the
+/// intermediate samples of a strip of columns to stay in cache.
 inline constexpr int kColumnStrip = 64;
 
 /// lines[n * count + j] = rows[j * length + n] for `count` rows of `length` samples.

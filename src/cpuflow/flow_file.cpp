@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <system_error>
@@ -95,7 +96,10 @@ Header readHeader(const InputFile& file) {
   if (std::memcmp(header.tag, kTag, sizeof kTag) != 0) file.fail("wrong tag, no flow file");
   if (header.width < 0 || header.height < 0) file.fail("negative size " + sizeText(header));
   const std::uint64_t pixels = static_cast<std::uint64_t>(header.width) * header.height;
-  if (pixels > INT_MAX / 2) file.fail("the size " + sizeText(header) + " is too large");
+  // A tensor without elements is bound by its other sides as well.
+  const std::int32_t longest = std::max(header.width, header.height);
+  if (std::max<std::uint64_t>(pixels, longest) > INT_MAX / 2)
+    file.fail("the size " + sizeText(header) + " is too large");
   const std::uint64_t needed = sizeof header + pixels * kPixelBytes;
   if (file.sizeKnown() && needed > file.size()) file.failShort(header, needed, file.size());
   return header;
@@ -157,6 +161,38 @@ void reportRest(const InputFile& file, const CTensor<float>& flow) {
   }
 }
 
+/// An open file that somebody else cares for, with the one function of OutputFile that writing takes.
+struct Stream {
+  std::FILE* file;
+  bool write(const void* bytes, std::size_t count) const {
+    return std::fwrite(bytes, 1, count, file) == count;
+  }
+};
+
+template <class File>
+bool headerTo(File& file, const CTensor<float>& flow) {
+  Header header{{}, flow.sizeX(), flow.sizeY()};
+  std::memcpy(header.tag, kTag, sizeof kTag);
+  return file.write(&header, sizeof header);
+}
+
+template <class File>
+bool dataTo(File& file, const CTensor<float>& flow) {
+  const std::size_t pixels = pixelCount(flow);
+  const float* u = flow.data();
+  const float* v = u + pixels;
+  std::vector<float> block(2 * std::min(pixels, kBlockPixels));
+  for (std::size_t first = 0; first < pixels; first += kBlockPixels) {
+    const std::size_t count = std::min(pixels - first, kBlockPixels);
+    for (std::size_t i = 0; i < count; ++i) {
+      block[2 * i] = u[first + i];
+      block[2 * i + 1] = v[first + i];
+    }
+    if (!file.write(block.data(), count * kPixelBytes)) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 OpenError::OpenError(const std::string& path, const std::string& reason)
@@ -180,25 +216,11 @@ std::string whyNotWritable(const CTensor<float>& flow) {
 }
 
 bool writeHeader(OutputFile& file, const CTensor<float>& flow) {
-  Header header{{}, flow.sizeX(), flow.sizeY()};
-  std::memcpy(header.tag, kTag, sizeof kTag);
-  return file.write(&header, sizeof header);
+  return headerTo(file, flow);
 }
 
 bool writeData(OutputFile& file, const CTensor<float>& flow) {
-  const std::size_t pixels = pixelCount(flow);
-  const float* u = flow.data();
-  const float* v = u + pixels;
-  std::vector<float> block(2 * std::min(pixels, kBlockPixels));
-  for (std::size_t first = 0; first < pixels; first += kBlockPixels) {
-    const std::size_t count = std::min(pixels - first, kBlockPixels);
-    for (std::size_t i = 0; i < count; ++i) {
-      block[2 * i] = u[first + i];
-      block[2 * i + 1] = v[first + i];
-    }
-    if (!file.write(block.data(), count * kPixelBytes)) return false;
-  }
-  return true;
+  return dataTo(file, flow);
 }
 
 std::string writeProblem(const std::string& path, const std::string& reason) {
@@ -220,6 +242,15 @@ void write(const std::string& path, const CTensor<float>& flow) {
   if (!file.isOpen()) throw flow_file::OpenError(path, file.reason());
   if (!flow_file::writeHeader(file, flow) || !flow_file::writeData(file, flow) || !file.commit()) {
     throw std::runtime_error(flow_file::writeProblem(path, file.reason()));
+  }
+}
+
+void write(std::FILE* file, const CTensor<float>& flow) {
+  const std::string objection = flow_file::whyNotWritable(flow);
+  if (!objection.empty()) throw std::runtime_error(objection);
+  flow_file::Stream stream{file};
+  if (!flow_file::headerTo(stream, flow) || !flow_file::dataTo(stream, flow) || std::fflush(file) != 0) {
+    throw std::runtime_error(std::generic_category().message(errno));
   }
 }
 

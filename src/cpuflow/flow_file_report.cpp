@@ -28,8 +28,10 @@ void COpticFlow::writeMiddlebury(CTensor<float>& flow, const char* filename) {
     report::print("Could not open %s\n", filename);
     return;
   }
-  if (!flow_file::writeHeader(file, flow)) report::print("Problem writing header\n");
-  if (!flow_file::writeData(file, flow) || !file.commit()) {
+  const bool begun = flow_file::writeHeader(file, flow);
+  if (!begun) report::print("Problem writing header\n");
+  const bool complete = flow_file::writeData(file, flow) && file.commit();
+  if (begun && !complete) {
     report::print("%s\n", flow_file::writeProblem(filename, file.reason()).c_str());
   }
 }

@@ -7,20 +7,21 @@
 #include <cmath>
 #include <cstddef>
 
+#include "variational/elementwise_kernels.h"
+
 namespace cpuflow {
 namespace {
 
-constexpr double kPenaltySquared = 0.000001;  // epsilon^2 of the penalty sqrt(s + epsilon^2)
+using kernels::kRootOffset;
 
-/// numerator / sqrt(s + epsilon^2), in double precision, rounded once.
+/// numerator / sqrt(s + kRootOffset), in double precision, rounded once.
 inline float robust(float numerator, float s) {
-  return static_cast<float>(static_cast<double>(numerator) /
-                            std::sqrt(static_cast<double>(s) + kPenaltySquared));
+  return static_cast<float>(static_cast<double>(numerator) / std::sqrt(static_cast<double>(s) + kRootOffset));
 }
 
-/// Normalisation of a constancy equation by its squared gradient; epsilon^2 is added in single precision.
+/// Normalisation of a constancy equation by its squared gradient; kRootOffset is added in single precision.
 inline float normalisation(float squaredGradient) {
-  const float s = squaredGradient + static_cast<float>(kPenaltySquared);
+  const float s = squaredGradient + static_cast<float>(kRootOffset);
   return static_cast<float>(1.0 / std::sqrt(static_cast<double>(s)));
 }
 

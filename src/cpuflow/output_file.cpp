@@ -58,9 +58,15 @@ OutputFile::OutputFile(const std::string& path) : target_(followLinks(path)) {
     const int existing = open(target_.c_str(), O_WRONLY | O_CLOEXEC);
     if (existing < 0) {
       fail();
+      return;
+    }
+    openBeside(status.st_mode & 07777, true);
+    if (!isOpen() && (error_ == EACCES || error_ == EPERM || error_ == EROFS)) {
+      descriptor_ = existing;
+      error_ = 0;
+      if (ftruncate(descriptor_, 0) != 0) fail();
     } else {
       close(existing);
-      openBeside(status.st_mode & 07777, true);
     }
   }
 }

@@ -8,7 +8,7 @@
 /// The bytes go to a temporary file in the same folder with the same ending; commit() gives it the final
 /// name. Until then, and on every failure, a file of that name stays as it was. Where the name leads through
 /// symbolic links, the file they lead to is replaced, with its permissions kept. Devices and pipes are
-/// written directly.
+/// written directly, and so is a file in a folder that takes no new one: it loses its old contents at once.
 class OutputFile {
  public:
   /// Opens the file for writing. Fails, seen by isOpen(), where the file or a new one beside it cannot be

@@ -14,13 +14,15 @@
 
 #include "device/device.h"
 #include "device/report.h"
+#include "variational/flow/arguments.h"
+#include "variational/flow/levels.h"
 
 // The coarse-to-fine scheme on the host.
 
 namespace {
 
-constexpr int kFinalPasses = 5;                // further passes at full resolution, without matches
-constexpr float kCoarsest = 15.0f;             // shorter side of the coarsest level, about [pixels]
+using variational::kFinalPasses;
+
 constexpr double kTicksPerSecond = 1000000.0;  // of the processor clock
 
 /// The pixel left of and above a position, and the position's distance from it.
@@ -78,7 +80,8 @@ Pass passOf(int index, int width, int height, double eta) {
 
 /// Levels above the full resolution.
 int scalesOf(int width, int height, double eta) {
-  const float ratio = kCoarsest / static_cast<float>(width < height ? width : height);
+  const float ratio =
+      static_cast<float>(variational::kLeastSide) / static_cast<float>(width < height ? width : height);
   const double scales = std::log(static_cast<double>(ratio)) / std::log(eta);
   return scales > 0.0 && std::isfinite(scales) ? static_cast<int>(scales) : 0;
 }
@@ -209,9 +212,7 @@ void COpticFlow::warpingGeometric(CTensor<float> image1, CTensor<float> image2, 
   }
   if (extraTerm != nullptr) requireSameSizes(image1, *extraTerm);
   require(image1.size() > 0, "image1", "at least 1 x 1 x 1", image1.size());
-  constexpr int kMatrixPlanes = 12;
-  require(image1.sizeX() * image1.sizeY() <= INT_MAX / kMatrixPlanes, "image1", "at most 178 million pixels",
-          image1.sizeX() * image1.sizeY());
+  variational::checkPlane("warpingGeometric", "image1", image1.sizeY(), image1.sizeX());
   require(eta > 0.0f && eta <= 1.0f, "eta", "greater than 0 and at most 1", eta);
   require(solverIterations <= INT_MAX / 2, "solverIterations", "less than 2^30", solverIterations);
   const device::Entry entry;

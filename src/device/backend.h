@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <string>
 
-/// What the device layer asks of a device. Calls return a code, 0 for success; codes have the CUDA runtime's
-/// values on both devices. Nothing outside src/device uses this.
+/// What the device room needs from a device. Calls return a code, 0 for success; codes have the values of the
+/// CUDA runtime on both devices. Nothing outside src/device uses this.
 namespace device {
 
 using Code = int;
@@ -24,7 +24,7 @@ struct Backend {
   Code (*copyRows)(void* to, std::size_t toPitch, const void* from, std::size_t fromPitch, std::size_t width,
                    std::size_t rows, Direction direction);
   Code (*synchronize)();
-  /// The last error of a launch or an asynchronous step, which is thereby forgotten.
+  /// Returns and clears the last error of a launch or an asynchronous step.
   Code (*takeLastError)();
   /// Makes `code` the last error.
   void (*setLastError)(Code code);
@@ -32,20 +32,22 @@ struct Backend {
   /// Pitch in floats of a plane of width w.
   int (*pitch)(int w);
   std::string (*describe)();
+  /// Whether large buffers should start at different offsets into a page.
+  bool staggers;
 };
 
 const Backend& cpuBackend();
 
 #if TARVO_WITH_CUDA
-/// The backend, its devices and its start: all ask the CUDA runtime, so nothing of it runs on the CPU path.
+// The CUDA backend, its devices and its start. All call the CUDA runtime, so the CPU path uses none of them.
 const Backend& cudaBackend();
-/// Makes device `index` (-1: the current one) the one to use, after a trial kernel has run there. On failure
-/// false, with the reason in `why`.
+/// Makes device `index` (-1: the current one) the one to use, after a trial kernel has run there. Returns
+/// false on failure, with the reason in `why`.
 bool startCuda(int index, std::string& why);
-/// One line for each CUDA device.
+/// One line about CUDA device `index`, from 0 to countCudaDevices() - 1.
 std::string describeCudaDevice(int index);
 int countCudaDevices();
-/// Makes the chosen device current, and the caller's again.
+/// enterCuda makes the chosen device current and returns the caller's; leaveCuda restores that.
 int enterCuda();
 void leaveCuda(int callersDevice);
 #endif

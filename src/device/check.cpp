@@ -50,7 +50,7 @@ Code countCall(Code failure) {
 
 void checkCall(Code code, const char* unit, int line) {
   if (code == kSuccess) return;
-  takeLastError();  // the same error, which must not show at a later check too
+  takeLastError();  // the same error, which must not show again at a later check
   char message[512];
   std::snprintf(message, sizeof message, "Cuda error in file '%s' in line %i : %s.\n", unit, line,
                 text(code));

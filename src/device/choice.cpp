@@ -75,7 +75,7 @@ void chooseCuda(int index) {
 #endif
 }
 
-/// The number behind "cuda:", or -2 where the text is none.
+/// The number after "cuda:", or -2 if there is none.
 int cudaIndex(const std::string& text) {
   const std::string digits = text.substr(5);
   if (digits.empty() || digits.size() > 3 || digits.find_first_not_of("0123456789") != std::string::npos)

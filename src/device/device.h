@@ -5,18 +5,19 @@
 #include <atomic>
 #include <cstddef>
 
-/// Where device work runs, its calls, and how their errors end the process. The rooms above use this,
+/// Where device work runs, its calls, and how their errors end the process. Other rooms use this header,
 /// memory.h and launch.h.
 namespace device {
 
 /// True where work runs on a CUDA device; chooses the device at the first use.
 bool onCuda();
 
-/// Set-up of one exported function on host data: one caller at a time, plain floating-point mode (round to
-/// nearest, no flushing of denormals), the chosen CUDA device current; all restored on return; left
-/// by an exception, it forgets the last error, so that the next call starts clean. An entry inside another of
-/// the same thread, a function that calls another one, does nothing. Throws std::logic_error when entered
-/// from a callback of the library, and std::runtime_error on a CUDA device after a fork.
+/// Stands at the top of an exported function on host data: one caller at a time, plain floating-point mode
+/// (round to nearest, no flushing of denormals), the chosen CUDA device current. All is restored on return.
+/// If an exception leaves the function the last error is forgotten, so that the next call starts clean. An
+/// entry inside another of the same thread (one exported function calls another) does nothing. Throws
+/// std::logic_error when entered from a callback of the library, and std::runtime_error on a CUDA device
+/// after a fork.
 class Entry {
  public:
   Entry();
@@ -45,11 +46,11 @@ class Callback {
   bool before_;
 };
 
-/// Plain floating-point mode for the calling thread; returns the mode before, for restoreFloatMode.
+/// Sets plain floating-point mode for the calling thread; returns the mode before, for restoreFloatMode.
 unsigned plainFloatMode();
 void restoreFloatMode(unsigned mode);
 
-// Device calls. Each counts for NDevice::failCall and returns its code.
+// Device calls. clear, the copies and synchronize count for NDevice::failCall. The caller checks their codes.
 Code clear(void* memory, std::size_t bytes);
 Code copyRows(void* to, std::size_t toPitch, const void* from, std::size_t fromPitch, std::size_t width,
               std::size_t rows, Direction direction);
@@ -62,12 +63,12 @@ void synchronize();
 Code takeLastError();
 const char* text(Code code);
 
-/// Every launch passes here first: false where it must not run because a failure is injected.
+/// Called before every launch; false if a failure is injected and the launch must not run.
 bool beginLaunch();
-/// Counts one device call; the code with which it must fail, or kSuccess.
+/// Counts one device call; returns the code with which it must fail (given as `failure`), or kSuccess.
 Code countCall(Code failure);
 
-/// Call check: ends the process with the fixed message unless `code` is success.
+/// Call check: unless `code` is success, ends the process with the fixed message (see NDevice::onError).
 void checkCall(Code code, const char* unit, int line);
 /// Launch check: the same for the last error, under the label of the step.
 void checkLaunch(const char* label, const char* unit, int line);

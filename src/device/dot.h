@@ -9,13 +9,13 @@
 
 /// The fixed shape of the solver's dot products, the same on every device.
 ///
-/// The vectors are stacks of two h x w planes. Every row is cut into segments of kSegment columns, every
-/// segment is summed by kLanes lanes: lane j takes columns j, j + kLanes, ... of its segment in order, at
-/// each column first the product in plane one, then the one in plane two, every step one fused multiply-add
-/// starting from 0. The lanes of a segment are added by halving (j + 16 to j, j + 8 to j, ... j + 1 to j).
-/// The h * segments sums, row by row, are then added by kFinalLanes lanes, lane j taking sums j, j +
-/// kFinalLanes, ... in order, and these by halving. The result depends on h, w and the values alone: not on
-/// the pitch, threads, blocks or vector width.
+/// The vectors are stacks of two h x w planes. Every row is cut into segments of kSegment columns, and every
+/// segment is summed by kLanes lanes: lane j starts from 0 and takes columns j, j + kLanes, ... of its
+/// segment in order, at each column first the product in plane one, then the one in plane two, each a fused
+/// multiply-add. The lanes of a segment are added by halving (j + 16 to j, j + 8 to j, ... j + 1 to j). All
+/// segment sums, row by row, are then added by kFinalLanes lanes, lane j taking sums j, j + kFinalLanes, ...
+/// in order, and these lanes by halving. The result depends on h, w and the values alone, not on the pitch,
+/// threads, blocks or vector width.
 namespace device {
 
 constexpr int kSegment = 256;
@@ -31,6 +31,13 @@ inline std::size_t dotScratch(int h, int w) {
   return static_cast<std::size_t>(h) * static_cast<std::size_t>(segmentsPerRow(w));
 }
 
+/// *result = a * b over two-plane stacks of h x w, pitch p, in this shape; sums: scratch of dotScratch floats.
+struct DotProduct {
+  const float *a, *b;
+  int h, w, p;
+  float *sums, *result;
+};
+
 namespace cpu {
 
 /// The sum of a segment's lanes by halving, in registers.
@@ -42,8 +49,8 @@ TARVO_HOST float halved(const float* lanes) {
   return ((s[0] + s[4]) + (s[2] + s[6])) + ((s[1] + s[5]) + (s[3] + s[7]));
 }
 
-/// Segment sums of one row of w columns into sums[0 ... segments - 1]; row.at(x, sum) adds column x to a
-/// lane's sum.
+/// Segment sums of one row of w columns into sums[0 ... segments - 1]. row.at(x, sum) adds column x to the
+/// sum of a lane.
 template <class RowOf>
 TARVO_HOST void sumRow(int w, float* sums, const RowOf& row) {
   for (int start = 0; start < w; start += kSegment) {
@@ -72,7 +79,7 @@ TARVO_HOST void dotRow(const float* a1, const float* b1, const float* a2, const 
   sumRow(w, sums, DotRow{a1, b1, a2, b2});
 }
 
-/// The final sum of n segment sums. Lanes that no sum falls to hold 0 and would change nothing.
+/// The final sum of n segment sums. Lanes without a sum would hold 0 and change nothing; they are left out.
 inline float sumSegments(const float* sums, int n) {
   int width = 1;
   while (width < n && width < kFinalLanes) width *= 2;
@@ -86,6 +93,17 @@ inline float sumSegments(const float* sums, int n) {
     for (int j = 0; j < half; ++j) lanes[j] += lanes[j + half];
   }
   return lanes[0];
+}
+
+inline void run(const DotProduct& dot) {
+  const long n = static_cast<long>(dot.h) * dot.p;
+  const int segments = segmentsPerRow(dot.w);
+  for (int y = 0; y < dot.h; ++y) {
+    const float* a = dot.a + static_cast<long>(y) * dot.p;
+    const float* b = dot.b + static_cast<long>(y) * dot.p;
+    dotRow(a, b, a + n, b + n, dot.w, dot.sums + static_cast<long>(y) * segments);
+  }
+  *dot.result = sumSegments(dot.sums, dot.h * segments);
 }
 
 }  // namespace cpu

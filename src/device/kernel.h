@@ -1,13 +1,13 @@
 #pragma once
 
-/// How kernels are written: a struct named as the kernel, whose fields are its arguments and whose call
-/// operator does pixel (x, y). A kernel that reads neighbours may have in addition
-///   static constexpr int kReach: how many columns to either side it reads, and
+/// How kernels are written: a struct with the kernel's name, whose fields are its arguments and whose call
+/// operator does pixel (x, y). A kernel that reads neighbours may also have
+///   static constexpr int kReach: how many columns it reads to either side, and
 ///   inside(x, y): the same as the call operator, for pixels at least kReach columns away from both side
 ///   borders and in neither the first nor the last row,
-/// so that the CPU's inner loop carries no border tests. A pixel may then be done twice, unless the kernel
-/// also has
-///   static constexpr bool kInPlace = true: what it writes is among its inputs.
+/// so that the CPU's inner loop has no border tests. A pixel may then be done twice, unless the kernel also
+/// has
+///   static constexpr bool kInPlace = true: it reads what it writes.
 
 /// TARVO_HOST: a function of the CPU device alone that is always inlined.
 /// TARVO_UNROLL: the short loop that follows is written out.

@@ -5,38 +5,31 @@
 #include "device/kernel.h"
 #ifdef __CUDACC__
 #include "device/cuda/launch.cuh"
+#elif TARVO_WITH_CUDA
+#error "This unit launches kernels: name it with tarvo_device_sources, so that the CUDA compiler compiles it."
 #endif
 
-/// Runs a kernel, a struct whose call operator does one pixel, at every pixel of its plane on the chosen
-/// device. Returns without waiting for a CUDA device; later work is ordered behind it. Errors: the next
+/// Runs a kernel at every pixel of its plane on a CUDA device; on the CPU device its own form, `onCpu()`, in
+/// its place. Returns without waiting for a CUDA device; later work is ordered behind it. Errors: the next
 /// launch check.
-template <class Kernel>
-void launch(const Kernel& kernel) {
+///
+/// A kernel with blocks of its own on a CUDA device has a function launchOnCuda(kernel) in its namespace,
+/// in a .cuh file.
+template <class Kernel, class Form>
+void launch([[maybe_unused]] const Kernel& kernel, const Form& onCpu) {
   if (!device::beginLaunch()) return;
 #ifdef __CUDACC__
   if (device::onCuda()) {
-    device::cuda::launchPlane(kernel);
+    using device::cuda::launchOnCuda;
+    launchOnCuda(kernel);
     return;
   }
 #endif
-  device::cpu::launchPlane(kernel);
+  onCpu();
 }
 
-/// Runs the CPU device's own form of a step, which stands for one launch of the kernels it replaces.
-template <class Form>
-void launchCpuForm(const Form& form) {
-  if (device::beginLaunch()) form();
+/// The same for a kernel, a struct whose call operator does one pixel, that both devices run as it stands.
+template <class Kernel>
+void launch(const Kernel& kernel) {
+  launch(kernel, [&kernel] { device::cpu::launchPlane(kernel); });
 }
-
-/// In a function that returns nothing: where work runs on a CUDA device, runs its own form of a step, a call
-/// of a function in a .cuh file, and returns.
-#ifdef __CUDACC__
-#define TARVO_RETURN_FROM_CUDA_FORM(call) \
-  if (device::onCuda()) {                 \
-    if (device::beginLaunch()) call;      \
-    return;                               \
-  }                                       \
-  static_assert(true, "")
-#else
-#define TARVO_RETURN_FROM_CUDA_FORM(call) static_assert(true, "")
-#endif

@@ -4,114 +4,15 @@
 #include <tarvo/NDevice.h>
 
 #include <climits>
-#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
 
 #include "device/choice.h"
+#include "device/pool.h"
 
 namespace device {
 namespace {
-
-#ifdef TARVO_POOL_PASSES_THROUGH
-constexpr bool kKeepReleased = false;  // sanitizers must see every access to released memory
-#else
-constexpr bool kKeepReleased = true;
-#endif
-
-/// Buffers in use and free ones, both with their sizes and the backend that made them. A request takes the
-/// smallest free buffer that holds it. Where none does, the largest free one is given back before a new one
-/// is made: in a coarse-to-fine scheme, whose requests grow, the number of buffers then stays that of the
-/// buffers in use at one time.
-class Pool {
- public:
-  Code allocate(float** memory, std::size_t bytes) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const Backend& backend = chosenBackend();
-    dropForeign(backend);
-    auto fitting = free_.lower_bound(bytes);
-    if (fitting != free_.end()) {
-      *memory = static_cast<float*>(fitting->second);
-      inUse_[*memory] = {fitting->first, &backend, true};
-      free_.erase(fitting);
-      return kSuccess;
-    }
-    if (!free_.empty()) giveBack(backend, std::prev(free_.end()));
-    void* fresh = nullptr;
-    Code code = backend.allocate(&fresh, bytes);
-    if (code == kOutOfMemory && !free_.empty()) {
-      trimFree(backend);
-      backend.takeLastError();
-      code = backend.allocate(&fresh, bytes);
-    }
-    if (code != kSuccess) return code;
-    *memory = static_cast<float*>(fresh);
-    inUse_[*memory] = {bytes, &backend, true};
-    return kSuccess;
-  }
-
-  Code release(float* memory) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = inUse_.find(memory);
-    if (found == inUse_.end()) return kInvalidValue;
-    const Record record = found->second;
-    inUse_.erase(found);
-    if (kKeepReleased && record.pooled && record.backend == &chosenBackend()) {
-      free_.emplace(record.bytes, memory);
-      return kSuccess;
-    }
-    return record.backend->release(memory);
-  }
-
-  void setPooled(float* memory, bool pooled) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = inUse_.find(memory);
-    if (found != inUse_.end()) found->second.pooled = pooled;
-  }
-
-  std::mutex& mutex() { return mutex_; }
-
-  void trim() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (freeBackend_ != nullptr) trimFree(*freeBackend_);
-  }
-
-  NDevice::MemoryUse use() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    NDevice::MemoryUse use{0, 0};
-    for (const auto& entry : inUse_) use.inUse += entry.second.bytes;
-    for (const auto& entry : free_) use.kept += entry.first;
-    return use;
-  }
-
- private:
-  struct Record {
-    std::size_t bytes;
-    const Backend* backend;
-    bool pooled;
-  };
-  using FreeList = std::multimap<std::size_t, void*>;
-
-  void giveBack(const Backend& backend, FreeList::iterator entry) {
-    backend.release(entry->second);
-    free_.erase(entry);
-  }
-  void trimFree(const Backend& backend) {
-    while (!free_.empty()) giveBack(backend, free_.begin());
-  }
-  /// Free buffers of a device that is no longer the chosen one are given back.
-  void dropForeign(const Backend& backend) {
-    if (freeBackend_ != nullptr && freeBackend_ != &backend) trimFree(*freeBackend_);
-    freeBackend_ = &backend;
-  }
-
-  std::mutex mutex_;
-  FreeList free_;
-  const Backend* freeBackend_ = nullptr;
-  std::unordered_map<const void*, Record> inUse_;
-};
 
 // Never destroyed: a process may end from inside a computation.
 // A fork waits until no other thread is inside, so that the child finds it whole.
@@ -126,11 +27,41 @@ Pool& pool() {
 
 }  // namespace
 
-Code allocate(float** memory, std::size_t floats) {
+namespace {
+
+/// Memory of `floats` floats by one of the pool's two ways.
+Code request(float** memory, std::size_t floats, Code (Pool::*kind)(void**, std::size_t)) {
   const Code injected = countCall(kOutOfMemory);
   if (injected != kSuccess) return injected;
   if (floats == 0 || floats > SIZE_MAX / 2 / sizeof(float)) return kInvalidValue;
-  return pool().allocate(memory, floats * sizeof(float));
+  void* got = nullptr;
+  const std::lock_guard<std::mutex> lock(pool().mutex());
+  const Code code = (pool().*kind)(&got, floats * sizeof(float));
+  if (code == kSuccess) *memory = static_cast<float*>(got);
+  return code;
+}
+
+bool setKept(float* memory, bool kept) {
+  const std::lock_guard<std::mutex> lock(pool().mutex());
+  return pool().setKept(memory, kept);
+}
+
+}  // namespace
+
+Code allocate(float** memory, std::size_t floats) {
+  return request(memory, floats, &Pool::allocate);
+}
+
+Code allocateWhole(float** memory, std::size_t floats) {
+  return request(memory, floats, &Pool::allocateWhole);
+}
+
+Code reserve(std::size_t floats) {
+  const Code injected = countCall(kOutOfMemory);
+  if (injected != kSuccess) return injected;
+  if (floats > SIZE_MAX / 2 / sizeof(float)) return kOutOfMemory;
+  const std::lock_guard<std::mutex> lock(pool().mutex());
+  return pool().reserve(floats * sizeof(float));
 }
 
 int chosenPitch(int w) {
@@ -144,18 +75,24 @@ Code allocatePitched(float** memory, int* pitch, int w, int rows) {
 
 Code release(float* memory) {
   if (memory == nullptr) return kSuccess;
-  const Code code = pool().release(memory);
+  Code code = kSuccess;
+  {
+    const std::lock_guard<std::mutex> lock(pool().mutex());
+    code = pool().release(memory);
+  }
   const Code injected = countCall(kInvalidValue);
   return injected != kSuccess ? injected : code;
 }
 
 float* detach(float* memory) {
-  pool().setPooled(memory, false);
+  if (memory != nullptr && !setKept(memory, false)) {
+    throw std::logic_error("device::detach: memory that shares a slab cannot be handed out");
+  }
   return memory;
 }
 
 float* attach(float* memory) {
-  pool().setPooled(memory, true);
+  setKept(memory, true);
   return memory;
 }
 
@@ -165,7 +102,7 @@ namespace NDevice {
 
 float* allocate(std::size_t floats) {
   float* memory = nullptr;
-  if (device::allocate(&memory, floats) != device::kSuccess) {
+  if (device::allocateWhole(&memory, floats) != device::kSuccess) {
     device::takeLastError();
     return nullptr;
   }
@@ -179,7 +116,8 @@ float* allocatePlane(int h, int w, int& pitch, int planes) {
                                 std::to_string(planes));
   }
   float* memory = nullptr;
-  if (device::allocatePitched(&memory, &pitch, w, h * planes) != device::kSuccess) {
+  pitch = device::chosenPitch(w);
+  if (device::allocateWhole(&memory, device::planeFloats(h, pitch, planes)) != device::kSuccess) {
     device::takeLastError();
     return nullptr;
   }
@@ -211,11 +149,14 @@ void download(float* host, const float* from, int h, int w, int p, int planes) {
 }
 
 void trim() {
+  const std::lock_guard<std::mutex> lock(device::pool().mutex());
   device::pool().trim();
 }
 
 MemoryUse memoryUse() {
-  return device::pool().use();
+  const std::lock_guard<std::mutex> lock(device::pool().mutex());
+  const std::size_t inUse = device::pool().bytesInUse();
+  return {inUse, device::pool().bytesHeld() - inUse};
 }
 
 }  // namespace NDevice

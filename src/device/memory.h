@@ -6,15 +6,20 @@
 
 namespace device {
 
-/// Device memory from the pool, which keeps released buffers for the next request of their size or smaller,
-/// so that repeated work allocates nothing. Contents are undefined.
+/// Device memory from the pool (device/pool.h), which keeps what is released, so that repeated work allocates
+/// nothing. Contents are undefined.
 Code allocate(float** memory, std::size_t floats);
+/// The same as a buffer of its own, which can be handed to a caller (detach).
+Code allocateWhole(float** memory, std::size_t floats);
+/// Makes the pool hold one free stretch of so many floats: requests that follow share it.
+Code reserve(std::size_t floats);
 /// Memory of `rows` rows of w floats at a pitch of its own, which is stored in `pitch` (floats).
 Code allocatePitched(float** memory, int* pitch, int w, int rows);
 /// The chosen device's own pitch for planes of width w, in floats.
 int chosenPitch(int w);
 Code release(float* memory);
-/// Takes memory out of the pool's care: it is the caller's, who gives it back with NDevice::release.
+/// Takes memory of allocateWhole out of the pool's care: it is the caller's, who gives it back with
+/// NDevice::release.
 float* detach(float* memory);
 /// Takes detached memory back into the pool's care.
 float* attach(float* memory);
@@ -41,8 +46,16 @@ class Buffer {
   }
 
   Code allocate(std::size_t floats) { return device::allocate(&memory_, floats); }
+  Code allocateWhole(std::size_t floats) { return device::allocateWhole(&memory_, floats); }
   Code allocatePitched(int* pitch, int w, int rows) {
     return device::allocatePitched(&memory_, pitch, w, rows);
+  }
+  /// allocatePitched for `planes` planes of h x w, then a copy of the dense host planes: two device calls, the
+  /// second only after the first.
+  Code upload(int* pitch, const float* host, int h, int w, int planes) {
+    const Code code = allocatePitched(pitch, w, h * planes);
+    if (code != kSuccess) return code;
+    return copyPlanes(memory_, *pitch, host, w, h, w, planes, Direction::ToDevice);
   }
   Code release() { return device::release(std::exchange(memory_, nullptr)); }
   float* get() const { return memory_; }

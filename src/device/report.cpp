@@ -24,7 +24,7 @@ std::function<void(int, int)>& callback() {
   return *function;
 }
 
-// The computing functions run one at a time, so plain variables do.
+// Plain variables are enough, since the computing functions run one at a time.
 int currentRun = 0;
 int runCount = 1;
 
@@ -63,7 +63,7 @@ Runs::~Runs() {
   runCount = 1;
 }
 
-// A member so that only a live sequence can advance.
+// A member, so that only an existing sequence can advance.
 void Runs::nextRun() {
   ++currentRun;
 }

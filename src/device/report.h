@@ -1,7 +1,7 @@
 #pragma once
 
 /// The library's own printing. Everything meant for standard output goes through here, so that a client can
-/// redirect or silence it (NReport); messages of exceptions and device errors stay on standard error.
+/// redirect or silence it (NReport). Messages of exceptions and device errors go to standard error.
 namespace report {
 
 /// Prints like printf to the report's stream.
@@ -10,8 +10,8 @@ void print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 /// Tells the client's progress callback that `done` of `total` passes of the current run are done.
 void progress(int done, int total);
 
-/// While alive, progress counts the passes of `runs` equal runs as one sequence; nextRun() goes on to the
-/// next.
+/// While an object of this class exists, progress() counts the passes of `runs` equal runs as one sequence;
+/// nextRun() begins the next run.
 class Runs {
  public:
   explicit Runs(int runs);

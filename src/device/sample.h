@@ -7,15 +7,15 @@
 
 namespace device {
 
-/// Whether [a, a + n) and [b, b + m) share an element: a routine whose source may overlap its output copies
-/// it.
+/// Whether [a, a + n) and [b, b + m) share an element. A routine whose source may overlap its output copies
+/// the source then.
 inline bool overlap(const float* a, std::size_t n, const float* b, std::size_t m) {
   return a < b + m && b < a + n;
 }
 
-/// Where bilinear interpolation reads a plane of h x w for position (px, py): the columns x0 and x1, the rows
-/// y0 and y1, and the fractions between them. Positions beyond a border read the border, a not-a-number reads
-/// as 0.
+/// Where bilinear interpolation reads an h x w plane for position (px, py): columns x0 and x1, rows y0 and
+/// y1, and the fractions between them. A position beyond a border reads the border; a not-a-number counts as
+/// 0.
 struct BilinearPosition {
   int x0, x1, y0, y1;
   float fx, fy;
@@ -33,7 +33,7 @@ struct BilinearPosition {
 };
 
 /// Bilinear interpolation of the samples a, b above and c, d below with exact weights: along x first, each
-/// step one fused multiply-add.
+/// step a fused multiply-add.
 TARVO_HOST_DEVICE float bilinear(float a, float b, float c, float d, float fx, float fy) {
   const float top = fmaf(fx, b - a, a);
   const float bottom = fmaf(fx, d - c, c);

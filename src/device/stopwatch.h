@@ -10,8 +10,8 @@ inline double milliseconds(const timeval& start, const timeval& finish) {
          static_cast<double>(finish.tv_usec - start.tv_usec) * 0.001;
 }
 
-/// One reading of an accumulator: reads the clock into `start` now and, at stop(), into `finish`, then adds
-/// the difference to `total`. A computation that is left by an exception adds nothing.
+/// Adds the time from its construction to stop() to `total`: reads the clock into `start` now and into
+/// `finish` at stop(). A computation that an exception ends adds nothing.
 class Stopwatch {
  public:
   Stopwatch(timeval& start, timeval& finish, double& total) : start_(start), finish_(finish), total_(total) {
@@ -30,7 +30,7 @@ class Stopwatch {
 
 }  // namespace device
 
-/// A stopwatch on the accumulator timer_NAME with its pair of readings.
+/// A stopwatch that adds to timer_NAME, with the readings start_NAME and finish_NAME.
 #define TARVO_STOPWATCH(NAME)                 \
   device::Stopwatch {                         \
     start_##NAME, finish_##NAME, timer_##NAME \

@@ -1,5 +1,6 @@
 #include <tarvo/filters.h>
 #include <tarvo/hog.h>
+#include <tarvo/picture.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -13,12 +14,12 @@
 #include "match/confidence_rows.cuh"
 #include "match/hog_bands.h"
 #include "match/hog_internal.h"
+#include "match/unit.h"
 
 namespace {
 
-constexpr const char* kUnit = "HOGMatch";
+using match::kUnit;
 constexpr float kTensorSigma = 4.0f;  // pixels
-constexpr int kColourChannels = 3;
 
 /// Row sums of rows y0 ... y1 - 1: the lanes side by side, then halving.
 TARVO_BAND void sumRowsBand(const float* plane, float* rowSums, int w, int p, int y0, int y1) {
@@ -39,14 +40,6 @@ TARVO_BAND void sumRowsBand(const float* plane, float* rowSums, int w, int p, in
   }
 }
 
-/// Uploads `planes` dense host planes into memory with a pitch of its own, which is returned.
-int uploadPlanes(device::Buffer& to, const float* from, int h, int w, int planes) {
-  int p = 0;
-  TARVO_CALL(to.allocatePitched(&p, w, h * planes));
-  TARVO_CALL(device::copyPlanes(to.get(), p, from, w, h, w, planes, device::Direction::ToDevice));
-  return p;
-}
-
 /// Downloads one plane and releases it.
 void downloadPlane(float* to, device::Buffer& from, int h, int w, int p) {
   TARVO_CALL(device::copyPlanes(to, w, from.get(), p, h, w, 1, device::Direction::ToHost));
@@ -57,9 +50,9 @@ void downloadPlane(float* to, device::Buffer& from, int h, int w, int p) {
 
 void sqrAddMag_kernel(const float* dx, const float* dy, float* jxx, float* jxy, float* jyy, float* magnitude,
                       int height, int width, int pitch, int channels) {
-  if (channels == kColourChannels) {
-    launch(kernels::sqrAddMag_kernel<kColourChannels>{dx, dy, jxx, jxy, jyy, magnitude, height, width, pitch,
-                                                      channels});
+  if (channels == kPictureChannels) {
+    launch(kernels::sqrAddMag_kernel<kPictureChannels>{dx, dy, jxx, jxy, jyy, magnitude, height, width, pitch,
+                                                       channels});
   } else {
     launch(kernels::sqrAddMag_kernel<0>{dx, dy, jxx, jxy, jyy, magnitude, height, width, pitch, channels});
   }
@@ -79,8 +72,7 @@ void computeEnergy_kernel(const float* hog, float* energy, int height, int width
 }
 
 void compute2DSum_kernel(const float* plane, float* rowSums, int height, int width, int pitch) {
-  TARVO_RETURN_FROM_CUDA_FORM(match::sumRowsOnCuda(plane, rowSums, height, width, pitch));
-  launchCpuForm([&] {
+  launch(kernels::compute2DSum_kernel{plane, rowSums, height, width, pitch}, [&] {
     device::cpu::forBands(height, width,
                           [&](int y0, int y1) { sumRowsBand(plane, rowSums, width, pitch, y0, y1); });
   });
@@ -132,7 +124,8 @@ namespace match {
 
 void computeConfidenceHostArray(const float* image, float* confidence, int height, int width, int channels) {
   device::Buffer source, result;
-  const int p = uploadPlanes(source, image, height, width, channels);
+  int p = 0;
+  TARVO_CALL(source.upload(&p, image, height, width, channels));
   const std::size_t n = device::planeFloats(height, p);
   TARVO_CALL(result.allocate(n));
   TARVO_CALL(device::clear(result.get(), n * sizeof(float)));
@@ -143,7 +136,8 @@ void computeConfidenceHostArray(const float* image, float* confidence, int heigh
 
 void computeEnergyHostArray(const float* hog, float* energy, int height, int width, int bins) {
   device::Buffer field, result;
-  const int p = uploadPlanes(field, hog, height, width, bins);
+  int p = 0;
+  TARVO_CALL(field.upload(&p, hog, height, width, bins));
   TARVO_CALL(result.allocate(device::planeFloats(height, p)));
   computeEnergy_kernel(field.get(), result.get(), height, width, p, bins);
   TARVO_LAUNCHED("energy");
@@ -153,7 +147,8 @@ void computeEnergyHostArray(const float* hog, float* energy, int height, int wid
 
 float compute2DSumHostArray(const float* plane, int height, int width) {
   device::Buffer source;
-  const int p = uploadPlanes(source, plane, height, width, 1);
+  int p = 0;
+  TARVO_CALL(source.upload(&p, plane, height, width, 1));
   const float sum = gCompute2DSum(source.get(), height, width, p);
   TARVO_CALL(source.release());
   return sum;

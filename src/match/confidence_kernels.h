@@ -13,8 +13,8 @@ constexpr int kRowLanes = 256;
 
 namespace kernels {
 
-/// Tensor sums over the channels and the gradient magnitude. Channels: their number where it is known at
-/// compile time, so that the CPU's loop over pixels runs in vectors; else 0.
+/// Tensor sums over the channels and the gradient magnitude. Channels is their number if it is known at
+/// compile time, so that the CPU's loop over pixels runs in vectors; otherwise 0.
 template <int Channels>
 struct sqrAddMag_kernel {
   const float *dx, *dy;
@@ -39,7 +39,7 @@ struct sqrAddMag_kernel {
   }
 };
 
-/// magnitude * (t - sqrt(max(t^2 - d, 0))), t half the trace and d the determinant; not-a-number stays.
+/// magnitude * (t - sqrt(max(t^2 - d, 0))), t half the trace and d the determinant; a not-a-number stays.
 struct computeConfidence_kernel {
   const float *jxx, *jxy, *jyy, *magnitude;
   float* confidence;
@@ -56,7 +56,7 @@ struct computeConfidence_kernel {
   }
 };
 
-/// Sum of the planes of a field, in order; Bins as Channels above.
+/// Sum of the planes of a field, in order. Bins: like Channels above.
 template <int Bins>
 struct computeEnergy_kernel {
   const float* hog;
@@ -70,6 +70,13 @@ struct computeEnergy_kernel {
     for (int b = 0; b < count; ++b) sum += hog[i + b * h * p];
     energy[i] = sum;
   }
+};
+
+/// rowSums[y] = sum of row y of a plane in kRowLanes lanes, added up by halving. Every device has its own form.
+struct compute2DSum_kernel {
+  const float* plane;
+  float* rowSums;
+  int h, w, p;
 };
 
 }  // namespace kernels

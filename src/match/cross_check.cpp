@@ -14,7 +14,6 @@
 namespace match {
 namespace {
 
-constexpr int kGridMargin = 12;
 constexpr int kPrintedPoints = 10;
 constexpr double kWeightTolerance = 0.001;
 
@@ -106,8 +105,8 @@ class Search {
     }
   }
 
-  /// Distances of the group, each cell by cell and within a cell bin by bin. Given up after a cell that
-  /// leaves all of them at the second distance or above, where none changes anything any more.
+  /// Distances of the group, each cell by cell and within a cell bin by bin. Given up once all of them have
+  /// reached the second distance, since none can change anything then.
   void measure() {
     for (int c = count_; c < kGroup; ++c) group_[c] = group_[0];
     float sums[kGroup] = {};

@@ -4,16 +4,18 @@
 #include <algorithm>
 #include <vector>
 
+#include "device/cpu/form.h"
 #include "device/launch.h"
 #include "device/memory.h"
 #include "device/report.h"
 #include "match/hog_bands.h"
 #include "match/hog_internal.h"
 #include "match/hog_kernels.h"
+#include "match/unit.h"
 
 namespace {
 
-constexpr const char* kUnit = "HOGMatch";
+using match::kUnit;
 
 /// The field by the plain kernels.
 void computeWithKernels(const float* image, float* hog, int channels, int bins, int h, int w, int p) {
@@ -50,8 +52,7 @@ void computeOnCpu(const float* image, float* hog, int channels, int h, int w, in
   const match::HogBands bands(image, hog, channels, h, w, p);
   device::Buffer scratch;
   TARVO_CALL(scratch.allocate(bands.scratchFloats()));
-  launchCpuForm([&] { bands.run(scratch.get()); });
-  TARVO_LAUNCHED("box filter only");
+  bands.run(scratch.get());
   TARVO_CALL(scratch.release());
 }
 
@@ -62,8 +63,9 @@ device::Code checkBins(int bins) {
 }  // namespace
 
 void gComputeHOG(const float* image, float* hog, int channels, int bins, int height, int width, int pitch) {
-  if (bins == kHogBins && !device::onCuda()) {
-    computeOnCpu(image, hog, channels, height, width, pitch);
+  if (bins == kHogBins &&
+      device::cpu::runs([&] { computeOnCpu(image, hog, channels, height, width, pitch); })) {
+    TARVO_LAUNCHED("box filter only");
   } else {
     computeWithKernels(image, hog, channels, bins, height, width, pitch);
   }
@@ -84,9 +86,7 @@ void zFilter_kernel(const float* accumulator, float* hog, int bins, const float*
 void match::computeHOGHostArray(const float* image, float* hog, int channels, int width, int height) {
   device::Buffer source, field;
   int p = 0;
-  TARVO_CALL(source.allocatePitched(&p, width, height * channels));
-  TARVO_CALL(device::copyPlanes(source.get(), p, image, width, height, width, channels,
-                                device::Direction::ToDevice));
+  TARVO_CALL(source.upload(&p, image, height, width, channels));
   const std::size_t floats = device::planeFloats(height, p, kHogBins);
   TARVO_CALL(field.allocate(floats));
   TARVO_CALL(device::clear(field.get(), floats * sizeof(float)));

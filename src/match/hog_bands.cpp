@@ -13,16 +13,16 @@
 // The steps of the field, row by row and with the operations of the plain kernels in their order:
 //   gradients and sectors of the channels, added up in 15 lines; smoothing over the sectors; mean along x
 //   into a ring of seven rows; mean along y of the ring into the field.
-// Per pixel 1 float per channel is read from memory and 15 written; everything between stays in the caches
-// (15 lines of a row: 38 KB at 640 pixels; the ring: 270 KB). A band computes the three rows above and below
-// it again.
+// Per pixel 1 float per channel is read from memory and 15 are written; everything between stays in the
+// caches (15 lines of a row: 38 KB at 640 pixels; the ring: 270 KB). The three rows above and below a band
+// are computed again.
 
 namespace match {
 namespace {
 
 constexpr int kReach = kMeanTaps / 2;
 constexpr int kAlign = 16;
-/// Fewest rows of a band on a full team: the repeated rows then cost at most a quarter.
+/// Fewest rows of a band if all threads have one: the repeated rows then cost at most a quarter.
 constexpr int kFewestRows = 24;
 
 /// Scratch of one band: `line` floats per row of one plane, with room for the columns beyond both borders.
@@ -51,7 +51,7 @@ struct Lines {
   }
 
   static int lineFloats(int w) {
-    // An odd multiple of the alignment, so that the lines do not fall onto the same cache sets.
+    // An odd multiple of the alignment, so that the lines do not map to the same cache sets.
     const int blocks = (w + 2 * kReach + kAlign - 1) / kAlign;
     return (blocks | 1) * kAlign;
   }
@@ -192,22 +192,11 @@ std::size_t HogBands::scratchFloats() const {
 }
 
 void HogBands::run(float* scratch) const {
-  struct Context {
-    Picture picture;
-    SectorBorders borders;
-    float* scratch;
-    int rows;
-  };
-  const Context context{{image_, hog_, channels_, h_, w_, p_}, deviceSectors(kHogBins), scratch, rows_};
-  device::cpu::runChunks((h_ + rows_ - 1) / rows_,
-                         [](const void* opaque, int chunk) {
-                           const auto& k = *static_cast<const Context*>(opaque);
-                           const std::ptrdiff_t floats =
-                               static_cast<std::ptrdiff_t>(Lines::kLines) * Lines::lineFloats(k.picture.w);
-                           hogBand(k.picture, k.borders, k.scratch + chunk * floats, chunk * k.rows,
-                                   std::min(k.picture.h, (chunk + 1) * k.rows));
-                         },
-                         &context);
+  const Picture picture{image_, hog_, channels_, h_, w_, p_};
+  const SectorBorders borders = deviceSectors(kHogBins);
+  const std::ptrdiff_t floats = static_cast<std::ptrdiff_t>(Lines::kLines) * Lines::lineFloats(w_);
+  device::cpu::forBandsOf(
+      rows_, h_, [&](int y0, int y1) { hogBand(picture, borders, scratch + y0 / rows_ * floats, y0, y1); });
 }
 
 }  // namespace match

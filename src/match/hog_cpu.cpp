@@ -26,7 +26,8 @@ void binGradients(const CTensor<float>& dx, const CTensor<float>& dy, CTensor<fl
   }
 }
 
-/// Blends the end planes, which the filter across the planes has mirrored, towards a circular filter.
+/// Makes the filter across the planes nearly circular: it has mirrored at the first and the last plane, which
+/// are blended here.
 void joinEnds(CTensor<float>& hog, double m) {
   const std::ptrdiff_t n = static_cast<std::ptrdiff_t>(hog.sizeX()) * hog.sizeY();
   float* const first = hog.data();

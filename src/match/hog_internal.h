@@ -1,6 +1,6 @@
 #pragma once
 
-/// The host-array functions of <tarvo/hog.h> without their lock, for functions of the library that hold it.
+/// Host-array functions of <tarvo/hog.h> without the lock, for functions of the library that already hold it.
 namespace match {
 
 void computeHOGHostArray(const float* image, float* hog, int channels, int width, int height);

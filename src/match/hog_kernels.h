@@ -17,7 +17,7 @@ TARVO_HOST_DEVICE float smoothSectors(float before, float at, float after) {
   return kOuter * before + kInner * at + kOuter * after;
 }
 
-/// accumulator plane of the sector of (gx, gy) += sqrt(gx^2 + gy^2); nothing for a zero gradient.
+/// Accumulator plane of the sector of (gx, gy) += sqrt(gx^2 + gy^2); nothing for a zero gradient.
 struct computeHOG_kernel {
   match::SectorBorders borders;
   const float *gx, *gy;

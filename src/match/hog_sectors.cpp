@@ -13,7 +13,7 @@ namespace {
 
 /// Sectors of the device field as its formula counts them, from an angle rounded to float.
 int deviceFormula(float angle, int bins) {
-  // These constants, not the circle number: with more digits a gradient along -x would not wrap to sector 0.
+  // Not pi: with more digits a gradient along -x would not wrap around to sector 0.
   const auto shifted = static_cast<float>(static_cast<double>(angle) + 3.1415926);
   const float scaled = static_cast<float>(bins) * shifted;
   return static_cast<int>(static_cast<double>(scaled) / 6.2831853);
@@ -24,9 +24,8 @@ int hostFormula(float shifted, int bins) {
   return static_cast<int>(shifted * static_cast<float>(bins / (2.0 * static_cast<double>(NMath::Pi))));
 }
 
-/// The value from which on numbers are rounded to a float that `formula` counts as `sector` or more: midway
-/// between two floats, which halving finds in [before, from]. Not-a-number where the formula never gets
-/// there.
+/// The smallest angle that `formula` counts as `sector` or more once it is rounded to float. It lies midway
+/// between two floats, which bisection finds in [before, from]. Not-a-number if there is none.
 template <class Formula>
 double borderOf(const Formula& formula, int bins, int sector, float before, float from) {
   if (formula(from, bins) < sector) return std::numeric_limits<double>::quiet_NaN();
@@ -38,7 +37,7 @@ double borderOf(const Formula& formula, int bins, int sector, float before, floa
   }
 }
 
-/// The exact angle matters: near 180 degrees a direction in floats is finer than an angle in double.
+/// The angle must be exact: near 180 degrees a direction in floats is finer than an angle in double.
 void setBorder(SectorBorders& borders, int k, double angle) {
   borders.c[k] = std::cos(angle);
   borders.s[k] = std::sin(angle);

@@ -5,13 +5,12 @@
 
 #include "device/kernel.h"
 
-/// Unrolls a loop over sectors whose count is known, so that the loop over pixels around it runs in vectors.
 namespace match {
 
 /// Borders between orientation sectors, as directions. A gradient is sorted by comparing it with them instead
-/// of taking its arc tangent: the same on every device and several times faster. The borders are found from
-/// the formula with the arc tangent, so that the result is the formula's for every gradient: no two floats
-/// have a direction so close to a border that products in double could not tell the side.
+/// of taking its arc tangent: the result is the same on every device, and it is several times faster. The
+/// borders are derived from the formula with the arc tangent, and the result is that of the formula for every
+/// gradient: no direction of two floats is so close to a border that products in double cannot tell the side.
 struct SectorBorders {
   static constexpr int kMost = 64;
   double c[kMost], s[kMost];  ///< cosine and sine of the smallest angle of sectors 1, 2, ... count
@@ -21,10 +20,10 @@ struct SectorBorders {
   /// Sector of direction (gx, gy), from 0 to count - 1; 0 where a component is not a number.
   TARVO_HOST_DEVICE int sector(float gx, float gy) const { return sectorOf(c, s, below, count, gx, gy); }
 
-  /// The same with the borders in arrays of the caller's.
+  /// The same with the borders in arrays of the caller.
   TARVO_HOST_DEVICE static int sectorOf(const double* c, const double* s, int below, int count, float gx,
                                         float gy) {
-    // Everything in double and by selection, so that the caller's loop runs in vector lanes of one width.
+    // Everything in double and without branches, so that the caller's loop runs in vector lanes of one width.
     const double infinite = beyond(gx) + beyond(gy);
     const double x = infinite > 0.0 ? direction(gx) : gx;
     const double y = infinite > 0.0 ? direction(gy) : gy;
@@ -42,7 +41,7 @@ struct SectorBorders {
  private:
   TARVO_HOST_DEVICE static double beyond(double g) { return std::fabs(g) > FLT_MAX ? 1.0 : 0.0; }
 
-  /// Component of the direction of a gradient with an infinite component; not-a-number stays.
+  /// Component of the direction of a gradient that has an infinite component; a not-a-number stays.
   TARVO_HOST_DEVICE static double direction(double g) {
     const double sign = g > 0.0 ? 1.0 : -1.0;
     return std::fabs(g) > FLT_MAX ? sign : 0.0 * g;

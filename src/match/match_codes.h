@@ -10,37 +10,43 @@
 // Image B in bytes, for the search on the CPU (match_cpu.cpp, match_screen.cpp): tests that reject most
 // candidates, many side by side, and never one that matters.
 //
-// Every code is the integer part of a scaled value between two ends, a function that does not decrease. So a
-// value between two others has a code between theirs, and two values that differ by d have codes that differ
-// by at most d times the scale and one; kCodeError adds the rounding of the scaled value, below 1e-3 codes.
-// Sums of absolute values are coded, whose terms do not cancel: their rounding counts to that of the value.
+// Every code is the integer part of a scaled value, limited at both ends: a function that does not decrease.
+// So a value between two others has a code between theirs, and two values that differ by d have codes that
+// differ by at most d times the scale, plus one. kCodeError is that one and the rounding of the scaled value,
+// below 1e-3 codes. The sums that are coded are of absolute values, so that terms do not cancel and the
+// rounding of a sum stays as small.
 //
 //  - Colours: a candidate whose colour differs by more than 18 > sqrt(300) in a channel is not acceptable.
-//  - Energies: an acceptable one lies between half and twice the point's.
+//  - Energies: that of an acceptable candidate lies between half and twice the point's.
 //  - Sums over parts of a cell, n bins each: by Cauchy and Schwarz the squared differences of the sums add up
-//    to at most n times the distance. So none differs by more than the root of that (coarse codes, the corner
-//    cells), and the codes' differences, seen as a vector, are at most as long as that root times the scale
-//    and the vector of the errors together (fine codes, all cells).
+//    to at most n times the distance. So no sum differs by more than the root of that (coarse codes, of the
+//    corner cells). And the vector of the fine codes' differences, of all cells, is at most as long as that
+//    root times the scale plus the length of the vector of their errors.
 //
-// Whether least <= code <= least + width is tested as code - least <= width modulo 256. What lies between
-// passes; of what does not, a little may pass too.
+// least <= code <= least + width is tested as code - least <= width modulo 256. Everything in the range
+// passes, and a little outside it may pass too.
 //
-// Not-a-numbers: in a colour or an energy they reject nothing, so rows with one are marked and tested by the
-// sums alone, as are points that hold a value that is not finite. In a histogram they make every distance to
-// it a not-a-number, which is never taken: its codes may be anything.
+// A not-a-number in a colour or an energy rejects nothing; so rows that hold one are marked and tested by the
+// sums alone, and so are points with a colour or an energy that is not finite. A not-a-number in a histogram
+// makes every distance to it a not-a-number, which is never the smallest: its codes may be anything.
 
 namespace match {
 
 constexpr int kCoarseParts = 3, kFineParts = 5;  // of a cell, over 5 and over 3 bins
 constexpr int kBinsOfCoarse = kHogBins / kCoarseParts, kBinsOfFine = kHogBins / kFineParts;
+// Largest codes: of a byte; and so that three squares of fine codes fit 16 bits (fineDistance).
 constexpr float kMostByte = 255.0f, kMostFine = 147.0f;
-constexpr float kCoarsePerEnergy = 50.0f, kFinePerEnergy = 100.0f;  // codes per typical energy
-constexpr float kCodeError = 1.01f;
+// Codes per typical energy, the sum of a cell's 15 bins. Every scale gives the same results, but not as fast:
+// if it is small, a difference of one code is a large distance; if it is large, codes reach their limit and
+// the differences beyond it are lost. With these a coarse code is about 17 and a fine one 20 for a cell of
+// typical energy with equal bins, and the limits are reached by a part of 5.1 and 1.47 typical energies.
+constexpr float kCoarsePerEnergy = 50.0f, kFinePerEnergy = 100.0f;
+constexpr float kCodeError = 1.01f;  // see above
 constexpr int kCorners = 4;
 constexpr int kBlock = 32;       // columns tested together
-constexpr int kGroup = 8;        // columns looked at together
+constexpr int kGroup = 8;        // columns of a block listed together
 constexpr int kRowOfCells = 16;  // fine codes of three cells side by side, and one that does not count
-constexpr unsigned kPaddedColumns = 256;  // whole blocks, at least kMostColumns; powers of two divide fast
+constexpr unsigned kPaddedColumns = 256;  // whole blocks, at least kMostColumns; a power of two divides fast
 constexpr unsigned char kAll = 255;       // a width that no difference exceeds
 
 /// Vectors that the compiler keeps in the registers of the instruction set.
@@ -49,7 +55,7 @@ using Shorts = std::uint16_t __attribute__((vector_size(2 * kRowOfCells)));
 using Words = std::uint32_t __attribute__((vector_size(2 * kRowOfCells)));
 using HalfWords = std::uint32_t __attribute__((vector_size(kRowOfCells)));
 
-/// Integer part of `value` limited to 0 ... most; not-a-numbers give `most`.
+/// Integer part of `value` limited to 0 ... most; `most` for a not-a-number.
 TARVO_HOST_DEVICE unsigned char codeOf(float value, float most) {
   const float limited = value < most ? value : most;
   return static_cast<unsigned char>(static_cast<int>(limited > 0.0f ? limited : 0.0f));
@@ -59,7 +65,7 @@ TARVO_HOST_DEVICE unsigned char colourCode(float colour) {
   return codeOf(colour, kMostByte);
 }
 
-/// Sixteenths of octaves from 2^-6 on: exponent and first bits of the float, which grow with it.
+/// 16 codes to the octave, from 2^-6 on: the exponent and the first four bits of the float's fraction.
 TARVO_HOST_DEVICE unsigned char energyCode(float energy) {
   constexpr int kShift = 19, kFirst = (127 - 6) << 4;
   std::int32_t bits;
@@ -69,15 +75,15 @@ TARVO_HOST_DEVICE unsigned char energyCode(float energy) {
 
 /// The codes of image B, dense.
 struct Codes {
-  static constexpr int kPlanes = kColours + 1 + kCoarseParts;
+  static constexpr int kPlanes = kPictureChannels + 1 + kCoarseParts;
   int h, w;
   float coarseScale, fineScale;  ///< codes per grey level
   unsigned char* planes;         ///< of each row: colours, energy, coarse sums
   unsigned char* open;           ///< of each row: 1 where a colour or an energy is not a number
-  std::uint16_t* fine;  ///< of each row the columns 0, 4, ..., then 1, 5, ..., of a column kFineParts
+  std::uint16_t* fine;  ///< of each row columns 0, 4, ..., then 1, 5, ..., and so on; of a column kFineParts
   int* cellOffsets;     ///< of each column: fineCell
 
-  static constexpr std::size_t kSlack = 2 * kPaddedColumns;  // read behind the last candidate, and not used
+  static constexpr std::size_t kSlack = 2 * kPaddedColumns;  // read behind the last candidate, never used
   TARVO_HOST_DEVICE unsigned char* planeRow(int k, int y) const {
     return planes + (static_cast<long>(y) * kPlanes + k) * w;
   }
@@ -89,10 +95,10 @@ struct Codes {
   static constexpr long fineLength(int w) { return (w + 3) / 4 * 4 * kFineParts; }
 };
 
-/// What a point is compared by.
+/// A point's codes, with which those of image B are compared.
 struct PointCodes {
-  Bytes least[kColours + 1];  // smallest code of an acceptable candidate
-  unsigned char acceptable;   // largest difference of any code from it
+  Bytes least[kPictureChannels + 1];  // smallest code of an acceptable candidate
+  unsigned char acceptable;           // largest difference of a code from `least`
   int coarse[kCorners][kCoarseParts];
   alignas(32) std::uint16_t fine[3][kRowOfCells];
 
@@ -105,11 +111,11 @@ struct PointCodes {
       std::memset(&least[k], from, kBlock);
       width = std::max(width, to - from);
     };
-    for (int c = 0; c < kColours; ++c) {
+    for (int c = 0; c < kPictureChannels; ++c) {
       finite = finite && std::fabs(colour[c]) < INFINITY;
       range(c, colourCode(colour[c] - kWidth), colourCode(colour[c] + kWidth));
     }
-    range(kColours, energyCode(0.5f * energy), energyCode(2.0f * energy));
+    range(kPictureChannels, energyCode(0.5f * energy), energyCode(2.0f * energy));
     acceptable = finite ? static_cast<unsigned char>(width) : kAll;
   }
 
@@ -135,13 +141,15 @@ struct PointCodes {
 /// Limits of the sums for one distance.
 struct Bounds {
   unsigned char width;       // of coarse codes
-  bool squares;              // whether their squares are tested, too: wherever the width rejects
+  bool squares;              // whether their squares are tested too: whenever the width can reject
   std::uint16_t reach;       // half the width
   std::uint16_t mostCoarse;  // sum of squared differences of coarse codes
   unsigned mostFine;         // sum of squared differences of fine codes
   Bytes least[kCorners][kCoarseParts];
 
-  /// No distance up to `most` is rejected, where a distance may be known to a factor of 1.0001 and 1e-30.
+  /// Rejects no candidate whose estimate is at most `most`, though an estimate is exact only to a factor of
+  /// 1.0001 and to 1e-30 (`loosened`). The factor 1.001 covers that, and the rounding of the float operations
+  /// here, each below 1e-6.
   TARVO_HOST_DEVICE void set(const Codes& codes, const PointCodes& point, float most) {
     const float distance = most * 1.001f + 1e-30f;
     const float root = std::sqrt(static_cast<float>(kBinsOfCoarse) * distance) * codes.coarseScale;
@@ -164,7 +172,7 @@ struct Bounds {
   }
 };
 
-/// Raises `apart` to the differences of a block's codes from `least`.
+/// apart = max(apart, the differences of a block's codes from `least`), byte by byte.
 TARVO_HOST_DEVICE void compare(Bytes& apart, const unsigned char* block, const Bytes& least) {
   Bytes own;
   std::memcpy(&own, block, sizeof own);
@@ -184,11 +192,11 @@ TARVO_HOST_DEVICE void setFirst(Bytes& block, unsigned count) {
 TARVO_HOST_DEVICE void testColumns(const unsigned char* codes, long plane, const PointCodes& point, bool open,
                                    unsigned count, const Bytes& last, unsigned char* passing) {
   const unsigned char width = open ? kAll : point.acceptable;
-  Bytes least[kColours + 1];
-  for (int k = 0; k <= kColours; ++k) least[k] = point.least[k];
+  Bytes least[kPictureChannels + 1];
+  for (int k = 0; k <= kPictureChannels; ++k) least[k] = point.least[k];
   for (unsigned i = 0; i < count; i += kBlock) {
     Bytes apart = {};
-    for (int k = 0; k <= kColours; ++k) compare(apart, codes + k * plane + i, least[k]);
+    for (int k = 0; k <= kPictureChannels; ++k) compare(apart, codes + k * plane + i, least[k]);
     auto passed = reinterpret_cast<Bytes>(apart <= width);
     if (i + kBlock == count) passed &= last;
     std::memcpy(passing + i, &passed, sizeof passed);
@@ -216,8 +224,8 @@ TARVO_HOST_DEVICE void boundBlock(const unsigned char* codes, long plane, long d
   std::memcpy(passing, &passed, sizeof passed);
 }
 
-/// Clears passing[i] of a block that boundBlock has left where the squares of the coarse sums reject. Sums
-/// are modulo 2^16: what exceeds that may pass.
+/// Of a block that boundBlock has tested, clears passing[i] where the squares of the coarse sums reject. The
+/// sums of squares are modulo 2^16: one that exceeds that may pass.
 TARVO_HOST_DEVICE void boundSquares(const unsigned char* codes, long plane, long down, const Bounds& bounds,
                                     unsigned char* passing) {
   Shorts even = {}, odd = {};
@@ -285,7 +293,8 @@ TARVO_HOST_DEVICE void codeHistograms(const Codes& codes, const kernels::HOGMatc
     for (int i = 0; i < kChunk; ++i) {
       coarse[part][i] = codeOf(sum(part * kBinsOfCoarse, kBinsOfCoarse, i) * codes.coarseScale, kMostByte);
     }
-    std::memcpy(codes.planeRow(kColours + 1 + part, y) + x0, coarse[part], static_cast<std::size_t>(count));
+    std::memcpy(codes.planeRow(kPictureChannels + 1 + part, y) + x0, coarse[part],
+                static_cast<std::size_t>(count));
   }
   for (int part = 0; part < kFineParts; ++part) {
 #pragma omp simd
@@ -302,7 +311,7 @@ TARVO_HOST_DEVICE void codeHistograms(const Codes& codes, const kernels::HOGMatc
 /// All codes of row y.
 TARVO_HOST_DEVICE void codeRow(const Codes& codes, const kernels::HOGMatch_kernel& m, int y) {
   unsigned char open = 0;
-  for (int c = 0; c < kColours; ++c) {
+  for (int c = 0; c < kPictureChannels; ++c) {
     const float* colour = m.imageB + m.plane(c) + m.at(0, y);
     unsigned char* out = codes.planeRow(c, y);
 #pragma omp simd reduction(| : open)
@@ -312,7 +321,7 @@ TARVO_HOST_DEVICE void codeRow(const Codes& codes, const kernels::HOGMatch_kerne
     }
   }
   const float* energy = m.energyB + m.at(0, y);
-  unsigned char* out = codes.planeRow(kColours, y);
+  unsigned char* out = codes.planeRow(kPictureChannels, y);
 #pragma omp simd reduction(| : open)
   for (int x = 0; x < codes.w; ++x) {
     out[x] = energyCode(energy[x]);
@@ -322,7 +331,7 @@ TARVO_HOST_DEVICE void codeRow(const Codes& codes, const kernels::HOGMatch_kerne
   for (int x = 0; x < codes.w; x += kChunk) codeHistograms(codes, m, x, y, std::min(kChunk, codes.w - x));
 }
 
-/// Mean energy of some pixels of image B, for the scale of the codes: any value is right, not every one fast.
+/// Mean energy of some pixels of image B, for the scales of the codes.
 inline float typicalEnergy(const kernels::HOGMatch_kernel& m) {
   constexpr int kStep = 7;
   float sum = 0.0f;

@@ -11,27 +11,28 @@
 // The search of a point on the CPU, with exactly the results of kernels::HOGMatch_kernel.
 //
 // Some rows of the window at a time:
-//  1. the tests in bytes (match_screen.h), which list what they leave;
-//  2. one candidate of the list after the other: estimate of the distance, cell by cell with the bins side by
-//     side, given up once it is too large; the energy and colour test itself;
-//  3. what is left at the end of the window, a few candidates, is measured in the fixed order; earlier where
-//     they become too many.
+//  1. the tests in bytes (match_screen.h), which list what passes;
+//  2. each candidate of the list in turn: an estimate of the distance, cell by cell with the bins side by
+//     side, given up once it is too large; then the energy and colour test itself;
+//  3. what is left at the end of the window, a few candidates, is measured in the fixed order; sooner if
+//     there are too many.
 //
 // Why this is exact. Distance and estimate add the same 135 rounded squares in different orders, so they
-// differ by less than a factor of 1 + 1e-5 and, where squares underflow, 1e-40: of two candidates whose
-// estimates are a and b > loosened(a) the second is surely farther. An estimate of 0 is a distance of 0. The
-// tests in bytes leave every acceptable candidate whose estimate does not exceed the limit that they were set
-// for; limits only fall.
+// differ by less than a factor of 1 + 1e-5 and, where squares underflow, 1e-40. So of two candidates with
+// estimates a and b > loosened(a) the second is surely farther. An estimate of 0 is a distance of 0. The
+// tests in bytes pass every acceptable candidate whose estimate does not exceed the limit that they were set
+// for, and limits only fall.
 //
 // The search for the nearest two: with m the smallest distance, the second distance T is m if some column
 // reaches m twice, else the smallest distance greater than m; both are values of the set of all candidates,
 // whatever their order. A candidate with a distance greater than T changes neither, and one whose estimate
-// exceeds loosened(b), b the estimate of any acceptable candidate surely farther than m, is farther than T.
+// exceeds loosened(b), b being the estimate of any acceptable candidate surely farther than m, is farther
+// than T.
 //
 // matchHome: the match lies within one pixel of home if nothing in the window is nearer than the nearest
-// candidate there, or as near and before it. So the limit is that candidate's distance from the start, and
-// the search ends with the first one found nearer; an estimate e with loosened(e) below that distance proves
-// it without measuring.
+// candidate there, or as near and before it. So that candidate's distance is the limit from the start, and
+// the first candidate found nearer ends the search; an estimate e with loosened(e) below that distance proves
+// that it is nearer, without measuring.
 
 namespace match {
 namespace {
@@ -45,7 +46,7 @@ struct Job {
   kernels::HOGMatch_kernel m;
   float* cells;  // image B: at pixel y * w + x its 15 bins and a zero
   Codes codes;
-  const int *homeX, *homeY;  // matchHome's alone, else null
+  const int *homeX, *homeY;  // for matchHome, else null
 };
 
 /// The point that is searched.
@@ -62,8 +63,8 @@ TARVO_HOST_DEVICE void loadPoint(Point& point, const Job& job, int ax, int ay) {
     point.cells[k][kHogBins] = 0.0f;
     point.codes.setCell(job.codes, k, point.cells[k]);
   }
-  float colour[kColours];
-  for (int c = 0; c < kColours; ++c) colour[c] = m.imageA[m.plane(c) + m.at(ax, ay)];
+  float colour[kPictureChannels];
+  for (int c = 0; c < kPictureChannels; ++c) colour[c] = m.imageA[m.plane(c) + m.at(ax, ay)];
   point.codes.setAcceptable(colour, m.energyA[m.at(ax, ay)]);
   point.window = windowAround(ax, ay, m.h, m.w);
 }
@@ -97,7 +98,7 @@ struct Squares {
   }
 };
 
-/// State of one point's search for what `Goal` says (match_outcome.h).
+/// State of one point's search. `Goal` is what it looks for (match_outcome.h).
 template <class Goal>
 struct Search {
   const Job& job;
@@ -119,7 +120,7 @@ struct Search {
     return job.cells + pixel * kLanes;
   }
 
-  /// Estimate of the distance of (x, y), or of a part of it that exceeds the limit.
+  /// Estimate of the distance of (x, y), or of a part of the distance if that exceeds the limit.
   TARVO_HOST_DEVICE float estimate(int x, int y) const {
     const float* centre = cellAt(x, y, kCentreCell);
     const long row = static_cast<long>(kSpacing) * kLanes * job.m.w;
@@ -183,8 +184,8 @@ struct Search {
     goal.tighten();
   }
 
-  /// Shows the acceptable candidates within one pixel of (x, y) to the goal, and keeps them where kKeep says
-  /// so. Where a match is likely this lowers the limit.
+  /// Shows the acceptable candidates within one pixel of (x, y) to the goal, and keeps them if kKeep. Where a
+  /// match is likely this lowers the limit.
   template <bool kKeep>
   TARVO_HOST_DEVICE void lookAround(int x, int y) {
     const Window& window = point.window;
@@ -226,7 +227,7 @@ struct Search {
   }
 };
 
-/// Points k0 ... k1 - 1, in order; neighbours mostly move alike.
+/// Points k0 ... k1 - 1 in order, since neighbours mostly move alike.
 TARVO_BAND void matchBand(Job job, int k0, int k1) {
   const kernels::HOGMatch_kernel& m = job.m;
   int u = 0, v = 0;
@@ -247,7 +248,7 @@ TARVO_BAND void matchBand(Job job, int k0, int k1) {
   }
 }
 
-/// The same for matchHome. What is nearer than home mostly moves like the neighbour's match.
+/// The same for matchHome. What is nearer than home mostly moves like the match of the neighbour.
 TARVO_BAND void matchHomeBand(Job job, int k0, int k1) {
   const kernels::HOGMatch_kernel& m = job.m;
   int u = 0, v = 0;
@@ -271,7 +272,7 @@ TARVO_BAND void matchHomeBand(Job job, int k0, int k1) {
   }
 }
 
-/// Rows y0 ... y1 - 1 of image B: histograms from planes to pixels, and codes.
+/// Rows y0 ... y1 - 1 of image B: histograms reordered pixel by pixel, and codes.
 TARVO_BAND void collectBand(Job job, int y0, int y1) {
   const kernels::HOGMatch_kernel& m = job.m;
   for (int y = y0; y < y1; ++y) {
@@ -322,18 +323,7 @@ Job jobOf(const kernels::HOGMatch_kernel& m, float* scratch, const int* homeX, c
 /// Collects image B, then searches all points.
 void run(const Job& job, void (*band)(Job job, int k0, int k1)) {
   device::cpu::forBands(job.m.h, job.m.w, [&](int y0, int y1) { collectBand(job, y0, y1); });
-  struct Context {
-    const Job& job;
-    void (*band)(Job job, int k0, int k1);
-  };
-  const Context context{job, band};
-  device::cpu::runChunks((job.m.outW + kPointsPerChunk - 1) / kPointsPerChunk,
-                         [](const void* opaque, int chunk) {
-                           const auto& c = *static_cast<const Context*>(opaque);
-                           const int k0 = chunk * kPointsPerChunk;
-                           c.band(c.job, k0, std::min(c.job.m.outW, k0 + kPointsPerChunk));
-                         },
-                         &context);
+  device::cpu::forBandsOf(kPointsPerChunk, job.m.outW, [&](int k0, int k1) { band(job, k0, k1); });
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ namespace match::cuda {
 constexpr int kThreads = 256;
 static_assert(kMostColumns <= kThreads, "every column has its thread");
 
-/// Minimum of the block's values by halving; every thread returns it. Barriers around every step.
+/// Minimum of the block's values by halving, with barriers around every step; every thread returns it.
 __device__ inline float blockMinimum(float* distance, float own) {
   const int t = static_cast<int>(threadIdx.x);
   distance[t] = own;
@@ -27,7 +27,7 @@ __device__ inline float blockMinimum(float* distance, float own) {
 }
 
 /// One block per point, one thread per window column: neighbouring threads read neighbouring candidates of
-/// one row at a time, so their accesses join into whole lines. Shared: the point's descriptor (135 floats),
+/// one row at a time, so their accesses form whole lines. Shared memory: the point's descriptor (135 floats),
 /// 256 floats for the minima, one integer for the first of the nearest columns, whose thread writes the
 /// position.
 static __global__ void __launch_bounds__(kThreads) matchKernel(const kernels::HOGMatch_kernel m) {
@@ -61,12 +61,17 @@ static __global__ void __launch_bounds__(kThreads) matchKernel(const kernels::HO
   }
 }
 
-inline void launchMatch(const kernels::HOGMatch_kernel& m) {
+}  // namespace match::cuda
+
+namespace kernels {
+
+inline void launchOnCuda(const HOGMatch_kernel& m) {
+  using namespace match::cuda;
   if (m.outW > 0) {
     device::cuda::start(matchKernel, dim3(static_cast<unsigned>(m.outW)), dim3(kThreads), m);
   }
 }
 
-}  // namespace match::cuda
+}  // namespace kernels
 
 #endif

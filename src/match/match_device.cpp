@@ -4,6 +4,7 @@
 #include "device/device.h"
 #include "device/report.h"
 #include "device/stopwatch.h"
+#include "match/match_cpu.h"
 #include "match/match_steps.h"
 
 // The matching step on device planes.
@@ -13,8 +14,6 @@ namespace {
 using match::kUnit;
 using match::Pair;
 using match::Records;
-
-constexpr int kMargin = 12;  // first grid coordinate
 
 void printTimes() {
   report::print("HOG creation = %f msec\n", timer_hogc);
@@ -65,9 +64,20 @@ class Features {
 
 }  // namespace
 
+std::size_t match::matchingFloats(int h, int w, int p) {
+  // The histograms of one picture, and the confidence of the other, are made beside all features; on a CUDA
+  // device the former by kernels on whole planes.
+  constexpr int kFeatures = 2 * kHogBins + 3, kHistograms = kHogBins + 2, kConfidence = 10;
+  const bool onCuda = device::onCuda();
+  const std::size_t making = device::planeFloats(h, p, onCuda ? kHistograms : kConfidence);
+  const std::size_t searching = onCuda ? 0 : cpuMatchScratch(h, w);
+  const auto records = static_cast<std::size_t>(Records::kFields * Grid(w, h, NMatching::kMargin).count());
+  return device::planeFloats(h, p, kFeatures) + records + std::max(making, searching);
+}
+
 void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, float* v, float* weight,
                         int height, int width, int pitch, int channels) {
-  const match::Grid grid(width, height, kMargin);
+  const match::Grid grid(width, height, match::kGridMargin);
   report::print("%d %d %d %d\n", grid.columns, grid.rows, width, height);
   for (float* plane : {u, v, weight}) {
     TARVO_CALL(device::clear(plane, device::planeFloats(height, pitch) * sizeof(float)));
@@ -90,6 +100,7 @@ void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, floa
   match::matchBothWays(features.pair(), records, match::Backward::Home, weight, u, v);
   device::synchronize();
   hogmatch.stop();
+  TARVO_LAUNCHED("Consistency check");
 
   match::setCounts(grid, match::HostRecords(records));
   printTimes();

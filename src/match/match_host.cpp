@@ -1,9 +1,14 @@
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
+#include <tarvo/picture.h>
+
+#include <algorithm>
 
 #include "device/device.h"
 #include "device/report.h"
 #include "match/match_steps.h"
+#include "match/shown_pixels.h"
+#include "variational/flow/arguments.h"
 
 // The matching step for host arrays.
 
@@ -14,9 +19,9 @@ using match::HostRecords;
 using match::kUnit;
 
 constexpr int kMargin = 4;   // first grid coordinate of HOGMatch
-constexpr int kPrinted = 9;  // a kind of result is printed while its count does not exceed this
+constexpr int kPrinted = 9;  // a kind of line is printed while its count does not exceed this
 
-/// A host array on the device, dense.
+/// A copy of a host array on the device, dense.
 class Uploaded {
  public:
   Uploaded(const float* host, int h, int w, int planes) {
@@ -58,18 +63,11 @@ class MatchField {
   int h_, w_, p_;
 };
 
-/// Prints the energy at (108, 108) in both images and at (72, 206) in the second where they exist.
-void printEnergies(const float* energy1, const float* energy2, int h, int w) {
-  constexpr int kX = 108, kY = 108, kOtherX = 72, kOtherY = 206;
-  if (w <= kX || h <= kOtherY) return;
-  const auto read = [w](const float* plane, int x, int y) {
-    float value = 0.0f;
-    TARVO_CALL(
-        device::copyFloats(&value, plane + static_cast<long>(y) * w + x, 1, device::Direction::ToHost));
-    return static_cast<double>(value);
-  };
-  report::print("108,108: E1=%f E2=%f E2'=%f \n", read(energy1, kX, kY), read(energy2, kX, kY),
-                read(energy2, kOtherX, kOtherY));
+/// Value (x, y) of a device plane of w floats a row.
+float valueAt(const float* plane, int w, int x, int y) {
+  float value = 0.0f;
+  TARVO_CALL(device::copyFloats(&value, plane + static_cast<long>(y) * w + x, 1, device::Direction::ToHost));
+  return value;
 }
 
 /// Prints the first results: forward matches and failures share one count, kept ones have their own.
@@ -78,14 +76,14 @@ void printMatches(const Grid& grid, const HostRecords& r) {
   int found = 0, passed = 0;
   const auto printPoint = [&](const char* what, std::size_t k) {
     report::print("consistency check %s : %d : %d %d -> %d %d -> %d %d %f %f\n", what, static_cast<int>(k),
-                  grid.x[k], grid.y[k], r.forwardX[k], r.forwardY[k], r.backwardX[k], r.backwardY[k],
-                  static_cast<double>(r.best[k]), static_cast<double>(r.second[k]));
+                  grid.x[k], grid.y[k], r.forwardX(k), r.forwardY(k), r.backwardX(k), r.backwardY(k),
+                  static_cast<double>(r.best(k)), static_cast<double>(r.second(k)));
   };
   for (std::size_t k = 0; k < grid.x.size(); ++k) {
-    if (r.forwardX[k] == 0) continue;
+    if (r.forwardX(k) == 0) continue;
     if (found <= kPrinted) {
-      report::print("%d: %d %d %f %f \n", static_cast<int>(k), r.forwardX[k], r.forwardY[k],
-                    static_cast<double>(r.best[k]), static_cast<double>(r.second[k]));
+      report::print("%d: %d %d %f %f \n", static_cast<int>(k), r.forwardX(k), r.forwardY(k),
+                    static_cast<double>(r.best(k)), static_cast<double>(r.second(k)));
       ++found;
     }
     if (!r.consistent(grid, k)) {
@@ -101,8 +99,8 @@ class HostPair {
  public:
   HostPair(const float* image1, const float* image2, const float* hog1, const float* hog2,
            const float* confidence, int h, int w)
-      : image1_(image1, h, w, match::kColours),
-        image2_(image2, h, w, match::kColours),
+      : image1_(image1, h, w, kPictureChannels),
+        image2_(image2, h, w, kPictureChannels),
         hog1_(hog1, h, w, kHogBins),
         hog2_(hog2, h, w, kHogBins),
         confidence_(confidence, h, w, 1),
@@ -132,7 +130,10 @@ class HostPair {
                   static_cast<double>(pair_.meanConfidence));
     computeEnergy_kernel(hog1_.get(), energy1_.get(), h, w, w, kHogBins);
     computeEnergy_kernel(hog2_.get(), energy2_.get(), h, w, w, kHogBins);
-    printEnergies(pair_.energy1, pair_.energy2, h, w);
+    TARVO_LAUNCHED("energy");
+    match::printEnergies(w, h, [&](int picture, int x, int y) {
+      return valueAt(picture == 1 ? pair_.energy1 : pair_.energy2, w, x, y);
+    });
   }
   const match::Pair& pair() const { return pair_; }
   void release() {
@@ -151,14 +152,14 @@ class HostPair {
 
 void createAndMatchHOG(const float* image1, const float* image2, float* u, float* v, float* weight,
                        int height, int width, int channels) {
+  variational::checkPlane("createAndMatchHOG", "the pictures of width x height", height, width,
+                          std::max(channels, variational::kMostPlanes));
   const device::Entry entry;
   int p = 0;
   device::Buffer images[2];
   const float* const hosts[] = {image1, image2};
   for (int i = 0; i < 2; ++i) {
-    TARVO_CALL(images[i].allocatePitched(&p, width, channels * height));
-    TARVO_CALL(device::copyPlanes(images[i].get(), p, hosts[i], width, height, width, channels,
-                                  device::Direction::ToDevice));
+    TARVO_CALL(images[i].upload(&p, hosts[i], height, width, channels));
   }
   MatchField field(height, width, p);
   gCreateAndMatchHOG(images[0].get(), images[1].get(), field.u(), field.v(), field.weight(), height, width, p,
@@ -171,6 +172,7 @@ void createAndMatchHOG(const float* image1, const float* image2, float* u, float
 
 void HOGMatch(const float* image1, const float* image2, const float* hog1, const float* hog2,
               const float* confidence, float* weight, float* u, float* v, int width, int height) {
+  variational::checkPlane("HOGMatch", "the pictures of width x height", height, width);
   const device::Entry entry;
   const int h = height, w = width;
   const Grid grid(w, h, kMargin);

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <tarvo/hog.h>
+#include <tarvo/matching.h>
+#include <tarvo/picture.h>
 
 #include <climits>
 
@@ -8,14 +10,13 @@
 
 namespace match {
 
-constexpr int kSpacing = 4;        ///< pixels between grid points, and between descriptor cells
-constexpr int kRadius = 80;        ///< half-width of the search window [pixels]
-constexpr int kWindowMargin = 12;  ///< least distance of a candidate from the border [pixels]
+constexpr int kSpacing = NMatching::kSpacing;
+constexpr int kRadius = NMatching::kRadius;
+constexpr int kWindowMargin = NMatching::kMargin;
 constexpr int kCells = 9;
 constexpr int kCentreCell = 4;
 constexpr int kDescriptorSize = kCells * kHogBins;
 constexpr int kMostColumns = 2 * kRadius + 1;
-constexpr int kColours = 3;
 constexpr float kRejected = 1e9f;           ///< distances from here on count as none
 constexpr float kColourThreshold = 300.0f;  ///< largest sum of squared colour differences
 constexpr double kGate = 0.125;             ///< fraction of the mean confidence that a point must reach
@@ -47,7 +48,7 @@ TARVO_HOST_DEVICE int cellRow(int k) {
   return kSpacing * (k / 3 - 1);
 }
 
-/// The integer part; beyond the integers their limits, and 0 for a not-a-number.
+/// The integer part; INT_MAX or INT_MIN beyond the integers, 0 for a not-a-number.
 TARVO_HOST_DEVICE int integerPart(float value) {
   if (value >= 2147483648.0f) return INT_MAX;
   if (value < -2147483648.0f) return INT_MIN;
@@ -66,8 +67,8 @@ struct Column {
 
 namespace kernels {
 
-/// Searches point `k` of image A in image B; the call operator is the whole search of one point, column by
-/// column, the simplest form. The devices run faster ones with the same results, made of the same steps.
+/// Searches point `k` of image A in image B. The call operator is the whole search of one point in its
+/// simplest form, column by column. The devices run faster forms of the same steps, with the same results.
 struct HOGMatch_kernel {
   const float *imageA, *imageB, *hogA, *hogB, *confidence;
   int forwardPass;
@@ -101,15 +102,15 @@ struct HOGMatch_kernel {
     const double eB = energyB[at(x, y)];
     if (eB > 2.0 * eA || eA > 2.0 * eB) return false;
     float sum = 0.0f;
-    for (int c = 0; c < match::kColours; ++c) {
+    for (int c = 0; c < kPictureChannels; ++c) {
       const float d = imageA[plane(c) + at(ax, ay)] - imageB[plane(c) + at(x, y)];
       sum += d * d;
     }
     return !(sum > match::kColourThreshold);
   }
 
-  /// Sum of squared differences to `descriptor`, bin by bin, within a bin cell by cell. Once a whole bin
-  /// leaves it at `limit` or above, which no later term undoes, the sum so far is returned.
+  /// Sum of squared differences to `descriptor`, bin by bin, within a bin cell by cell. If the sum has
+  /// reached `limit` after a whole bin it is returned as it is, since no later term lowers it.
   TARVO_HOST_DEVICE float distance(const float* descriptor, int x, int y, float limit) const {
     float sum = 0.0f;
     for (int b = 0; b < kHogBins && !(sum >= limit); ++b) {
@@ -121,7 +122,7 @@ struct HOGMatch_kernel {
     return sum;
   }
 
-  /// Column x of the window, from the top down. Distances are abandoned once they would change nothing.
+  /// Column x of the window, from the top down. kAbandon: gives a distance up once it can change nothing.
   template <bool kAbandon>
   TARVO_HOST_DEVICE match::Column column(const float* descriptor, int ax, int ay, int x, int y0,
                                          int y1) const {

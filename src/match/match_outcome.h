@@ -6,13 +6,13 @@
 
 #include "match/match_kernels.h"
 
-// What a search on the CPU (match_cpu.cpp) looks for, and what it knows of a point so far; it meets the
-// candidates in any order. Both searches have
+// What a search on the CPU (match_cpu.cpp) looks for, and what it has found of a point so far. Candidates
+// come in any order. Both kinds of search have
 //   most: the largest estimate that still matters;
-//   see(estimate), of an acceptable candidate; each may be seen again;
-//   add(distance, x, y), of an acceptable candidate whose estimate still mattered: NearestTwo each once,
-//   Nearer those that it was given perhaps again;
-//   tighten(): `most` once more, from the distances added;
+//   see(estimate): tells the estimate of an acceptable candidate, perhaps more than once;
+//   add(distance, x, y): tells the distance of an acceptable candidate whose estimate still mattered; once to
+//   NearestTwo, perhaps again to Nearer if it is one of those given first;
+//   tighten(): lowers `most` by the distances that were added;
 //   lastColumn(x1): the last column, at most x1, where a candidate still matters.
 
 namespace match {
@@ -32,8 +32,8 @@ struct NearestTwo {
   static constexpr unsigned kWords = (kMostColumns + 63) / 64;
   float best = kRejected, second = kRejected;
   int x = 0, y = 0;
-  std::uint64_t nearest[kWords] = {};  // columns that reach `best`, modulo the bits: no two of a window meet
-  float least = kRejected;             // estimate
+  std::uint64_t nearest[kWords] = {};  // columns that reach `best`, modulo the bits: distinct in a window
+  float least = kRejected;             // smallest estimate
   float most = loosened(kRejected);
 
   TARVO_HOST_DEVICE void see(float estimate) {
@@ -63,16 +63,16 @@ struct NearestTwo {
     }
   }
   TARVO_HOST_DEVICE void tighten() { most = std::min(most, loosened(second)); }
-  /// Once two candidates have the distance 0 only an earlier column matters.
+  /// Once the second distance is 0 only an earlier column matters.
   TARVO_HOST_DEVICE int lastColumn(int x1) const { return second == 0.0f ? std::min(x1, x - 1) : x1; }
 };
 
-/// The search for anything nearer than the nearest of some candidates, those it is given first.
+/// The search for anything nearer than the nearest of some candidates, which are given first.
 struct Nearer {
-  float best = kRejected;  // of those
+  float best = kRejected;  // of those given
   int x = 0, y = 0;
   float most = loosened(kRejected);
-  bool given = false;  // all of those
+  bool given = false;  // all of those have been given
   bool found = false;  // something nearer, or as near and before
 
   TARVO_HOST_DEVICE void see(float estimate) {

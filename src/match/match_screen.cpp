@@ -2,14 +2,14 @@
 
 #include "device/cpu/band.h"
 
-// Every test runs over the whole band before the next one begins, and what passes is listed without a branch,
-// since it is hard to predict. Each is a function of its own, small enough for what it compares with to stay
-// in registers.
+// Every test runs over the whole band before the next one begins. What passes is hard to predict, so it is
+// listed without a branch. Each test is a function of its own, so small that what it compares with stays in
+// registers.
 
 namespace match {
 namespace {
 
-constexpr unsigned kCrowded = 2;  // groups of a block from which on its squares are worth their time
+constexpr unsigned kCrowded = 2;  // passing groups of a block from which on testing its squares pays
 
 /// Whether anything passes in a block, as 1 or 0.
 TARVO_HOST_DEVICE unsigned passes(const unsigned char* block) {
@@ -64,12 +64,12 @@ TARVO_HOST_DEVICE unsigned listGroups(const unsigned char* passing, unsigned blo
   return count;
 }
 
-/// Lists the groups of these blocks where the coarse sums pass, and in crowded blocks their squares; returns
-/// how many. Of the list of blocks those remain where the coarse sums pass.
+/// Lists the groups of these blocks where the coarse sums pass and, in crowded blocks, their squares; returns
+/// how many. The list of blocks keeps those where the coarse sums pass.
 TARVO_BAND unsigned boundBand(const Codes& codes, const Bounds& bounds, const Band& band, unsigned blocks,
                               Screening& screening) {
   const long plane = codes.w, row = plane * Codes::kPlanes;
-  const unsigned char* first = codes.planeRow(kColours + 1, band.y - kSpacing) + band.x0 - kSpacing;
+  const unsigned char* first = codes.planeRow(kPictureChannels + 1, band.y - kSpacing) + band.x0 - kSpacing;
   const auto cellsOf = [&](unsigned block) {
     return first + block / kPaddedColumns * row + block % kPaddedColumns;
   };
@@ -105,7 +105,7 @@ TARVO_BAND unsigned boundBand(const Codes& codes, const Bounds& bounds, const Ba
   return count;
 }
 
-/// Lists what passes in these groups and by the fine sums; returns how many.
+/// Lists the candidates of these groups that have passed so far and pass by the fine sums; returns how many.
 TARVO_BAND unsigned fineBand(const Codes& codes, const PointCodes& point, const Bounds& bounds,
                              const Band& band, unsigned groups, Screening& screening) {
   unsigned* const places = screening.places;

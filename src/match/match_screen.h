@@ -15,16 +15,16 @@ struct Band {
   unsigned columns, rows;
 };
 
-/// What the tests work on. A place is a candidate of the band: row * kPaddedColumns + column. Lists have room
-/// for one more, since the next is written before it is known whether it counts.
+/// What the tests work on. A place is a candidate of the band: row * kPaddedColumns + column. Lists have one
+/// spare entry, since an entry is written before it is known whether it counts.
 struct Screening {
   alignas(64) unsigned char passing[kPlaces];  // 255 or 0
   unsigned blocks[kPlaces / kBlock + 1], groups[kPlaces / kGroup + 1], places[kPlaces + 1];
 };
 
-/// The tests one after the other, each for what the one before has left: colours and energy; sums over parts
-/// of the corner cells; where many are left, the squares of these; squares of the fine sums of all cells.
-/// What remains are the first `count` of screening.places, in order; returns count.
+/// The tests one after the other, each for what passed the one before: colours and energy; sums over parts of
+/// the corner cells; where many pass, the squares of these; squares of the fine sums of all cells. Returns
+/// how many candidates pass; screening.places begins with them, in order.
 unsigned screen(const Codes& codes, const PointCodes& point, const Bounds& bounds, const Band& band,
                 Screening& screening);
 

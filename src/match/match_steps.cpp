@@ -15,18 +15,19 @@ using match::kUnit;
 std::mutex countsMutex;
 NMatching::Counts counts{};
 
-/// Runs form(scratch), a form of the search on the CPU.
+/// Launches a search; on the CPU its form there, form(scratch).
 template <class Form>
-void searchOnCpu(const kernels::HOGMatch_kernel& search, const Form& form) {
-  device::Buffer scratch;
-  TARVO_CALL(scratch.allocate(match::cpuMatchScratch(search.h, search.w)));
-  launchCpuForm([&] { form(scratch.get()); });
-  TARVO_CALL(scratch.release());
+void launchSearch(const kernels::HOGMatch_kernel& search, const Form& form) {
+  launch(search, [&] {
+    device::Buffer scratch;
+    TARVO_CALL(scratch.allocate(match::cpuMatchScratch(search.h, search.w)));
+    form(scratch.get());
+    TARVO_CALL(scratch.release());
+  });
 }
 
 void searchAll(const kernels::HOGMatch_kernel& search) {
-  TARVO_RETURN_FROM_CUDA_FORM(match::cuda::launchMatch(search));
-  searchOnCpu(search, [&search](float* scratch) { match::cpuMatch(search, scratch); });
+  launchSearch(search, [&search](float* scratch) { match::cpuMatch(search, scratch); });
 }
 
 }  // namespace
@@ -55,8 +56,7 @@ void consistencyCheck_kernel(const int* pointX, const int* pointY, const int* fo
 namespace match {
 
 void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY) {
-  TARVO_RETURN_FROM_CUDA_FORM(cuda::launchMatch(search));
-  searchOnCpu(search, [&](float* scratch) { cpuMatchHome(search, homeX, homeY, scratch); });
+  launchSearch(search, [&](float* scratch) { cpuMatchHome(search, homeX, homeY, scratch); });
 }
 
 void matchBothWays(const Pair& pair, const Records& r, Backward backward, float* weight, float* u, float* v) {
@@ -100,8 +100,8 @@ void matchBothWays(const Pair& pair, const Records& r, Backward backward, float*
 void setCounts(const Grid& grid, const HostRecords& records) {
   NMatching::Counts result{grid.count(), 0, 0, 0};
   for (std::size_t k = 0; k < grid.x.size(); ++k) {
-    result.gatedPoints += records.best[k] != Records::kNotSearched ? 1 : 0;
-    result.forwardMatches += records.forwardX[k] != 0 ? 1 : 0;
+    result.gatedPoints += records.best(k) != Records::kNotSearched ? 1 : 0;
+    result.forwardMatches += records.forwardX(k) != 0 ? 1 : 0;
     result.keptMatches += records.consistent(grid, k) ? 1 : 0;
   }
   const std::lock_guard<std::mutex> lock(countsMutex);

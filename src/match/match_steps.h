@@ -3,16 +3,19 @@
 #include <tarvo/elementwise.h>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include "device/memory.h"
 #include "match/match_kernels.h"
+#include "match/unit.h"
 
-/// What the device pipeline and its host-array twin share of the matching step. Included by parts of the unit
-/// HOGMatch and its tests.
+/// The parts of the matching step that its functions on device planes (match_device.cpp) and on host arrays
+/// (match_host.cpp) share.
 namespace match {
 
-constexpr const char* kUnit = "HOGMatch";
+/// First grid coordinate of the device pipeline; no candidate lies nearer to the border.
+constexpr int kGridMargin = kWindowMargin;
 
 /// Device planes that are matched; image 1 is searched in image 2.
 struct Pair {
@@ -21,7 +24,7 @@ struct Pair {
   int h, w, p;
 };
 
-/// Points (x, y) = margin, margin + 4, ... below the size less the margin, row by row.
+/// Points with x and y = margin, margin + 4, ... below the size less the margin, row by row.
 struct Grid {
   int columns, rows;
   std::vector<int> x, y;
@@ -40,7 +43,8 @@ struct Grid {
   }
 };
 
-/// The records of all grid points on the device, one array of `count` entries each.
+/// The records of all grid points on the device, one array of `count` entries each, one behind the other in
+/// the order of Field.
 class Records {
  public:
   enum Field { PointX, PointY, ForwardX, ForwardY, Best, Second, BackwardX, BackwardY, BackBest, BackSecond };
@@ -72,50 +76,59 @@ class Records {
   int count_;
 };
 
-/// The records on the host.
-struct HostRecords {
-  std::vector<int> forwardX, forwardY, backwardX, backwardY;
-  std::vector<float> best, second;
-
+/// What counts and reports need of the records, on the host; fetched by one copy.
+class HostRecords {
+ public:
   HostRecords() = default;
-  explicit HostRecords(const Records& records) {
-    fetch(forwardX, records.ints(Records::ForwardX), records.count());
-    fetch(forwardY, records.ints(Records::ForwardY), records.count());
-    fetch(backwardX, records.ints(Records::BackwardX), records.count());
-    fetch(backwardY, records.ints(Records::BackwardY), records.count());
-    fetch(best, records.floats(Records::Best), records.count());
-    fetch(second, records.floats(Records::Second), records.count());
+  explicit HostRecords(const Records& records)
+      : count_(static_cast<std::size_t>(records.count())), values_((kLast - kFirst + 1) * count_) {
+    TARVO_CALL(device::copyFloats(values_.data(), records.floats(kFirst), values_.size(),
+                                  device::Direction::ToHost));
   }
+  int forwardX(std::size_t k) const { return at<int>(Records::ForwardX, k); }
+  int forwardY(std::size_t k) const { return at<int>(Records::ForwardY, k); }
+  int backwardX(std::size_t k) const { return at<int>(Records::BackwardX, k); }
+  int backwardY(std::size_t k) const { return at<int>(Records::BackwardY, k); }
+  float best(std::size_t k) const { return at<float>(Records::Best, k); }
+  float second(std::size_t k) const { return at<float>(Records::Second, k); }
   bool consistent(const Grid& grid, std::size_t k) const {
-    return kernels::consistencyCheck_kernel::within(grid.x[k], backwardX[k]) &&
-           kernels::consistencyCheck_kernel::within(grid.y[k], backwardY[k]);
+    return kernels::consistencyCheck_kernel::within(grid.x[k], backwardX(k)) &&
+           kernels::consistencyCheck_kernel::within(grid.y[k], backwardY(k));
   }
 
  private:
+  static constexpr Records::Field kFirst = Records::ForwardX, kLast = Records::BackwardY;
+
   template <class Value>
-  static void fetch(std::vector<Value>& to, const Value* from, int count) {
-    to.resize(static_cast<std::size_t>(count));
-    const std::size_t bytes = to.size() * sizeof(Value);
-    TARVO_CALL(device::copyRows(to.data(), bytes, from, bytes, bytes, 1, device::Direction::ToHost));
+  Value at(Records::Field field, std::size_t k) const {
+    Value value;
+    std::memcpy(&value, &values_[static_cast<std::size_t>(field - kFirst) * count_ + k], sizeof value);
+    return value;
   }
+
+  std::size_t count_ = 0;
+  std::vector<float> values_;  // whole numbers by their bits
 };
 
-/// A backward search: as HOGMatch_kernel, but a point's match is only told where it lies within one pixel of
-/// the point's home (x, y >= 2); elsewhere what is told lies farther off, and the distances mean nothing. On
-/// the CPU this is decided with less search.
+/// A backward search, which tells whether a point's match lies within one pixel of the point's home (x and y
+/// at least 2). If it does, matchX and matchY are those of HOGMatch_kernel; if not, they name some position
+/// farther off. The distances mean nothing. On the CPU this takes less search.
 void matchHome(const kernels::HOGMatch_kernel& search, const int* homeX, const int* homeY);
 
-/// What the records hold of the backward search: all matches and distances, or as matchHome leaves them.
+/// Floats that gCreateAndMatchHOG takes from the pool at one time.
+std::size_t matchingFloats(int h, int w, int p);
+
+/// What the records hold of the backward search: all matches and distances, or what matchHome writes.
 enum class Backward { Matches, Home };
 
 /// Forward match, backward match of what it found, consistency check.
 void matchBothWays(const Pair& pair, const Records& records, Backward backward, float* weight, float* u,
                    float* v);
 
-/// Makes the records' counts the last ones.
+/// Counts the records for NMatching::lastCounts.
 void setCounts(const Grid& grid, const HostRecords& records);
 
-/// Mean of a plane with this sum, in single precision.
+/// Mean of an h x w plane with this sum, in single precision.
 inline float meanOf(float sum, int h, int w) {
   return sum / (static_cast<float>(w) * static_cast<float>(h));
 }

@@ -180,6 +180,21 @@ TEST(DeviceErrors, OfTheHostArrayRoutinesOfMatching) {
     return energy;
   });
   expectSaid({"2dsum"}, [] { return Planes(1, 1, 1, compute2DSum(image.data(), 21, 37)); });
+  expectSaid({"Consistency check"}, [] {
+    const Planes second = render(kHeight, kWidth, 1, 0);
+    Planes field(kHeight, kWidth, 3);
+    constexpr std::size_t n = static_cast<std::size_t>(kHeight) * kWidth;
+    createAndMatchHOG(second.data(), second.data(), field.data(), field.data() + n, field.data() + 2 * n,
+                      kHeight, kWidth, 3);
+    return field;
+  });
+  expectSaid({"2dsum", "energy", "Forward HOG MATCH", "Consistency check"}, [] {
+    const Planes hog(12, 13, kHogBins), confidence(12, 13);
+    Planes field(12, 13, 3);
+    HOGMatch(image.data(), image.data(), hog.data(), hog.data(), confidence.data(), field.data(),
+             field.data() + 156, field.data() + 312, 13, 12);
+    return field;
+  });
 }
 
 TEST(DeviceErrors, PrintTheirMessageAndEndTheProcessByDefault) {

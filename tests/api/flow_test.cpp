@@ -152,6 +152,15 @@ TEST(Flow, OfEverySmallSizeReturns) {
   }
 }
 
+TEST(Flow, GoesToTheCallersArrayWhereTheElementsAreAsMany) {
+  CTensor<float> first = tensorOf(render(20, 30, 0, 0)), second = tensorOf(render(20, 30, 1, 0));
+  CTensor<float> flow(40, 30, 1, 8.0f);
+  const float* const array = flow.data();
+  runFlowGPU(first, second, flow, 0.0f, 30.0f, 300.0f, 5.0f, 0.5f, 1, 1);
+  EXPECT_EQ(flow.data(), array);
+  EXPECT_TRUE(flow.sizeX() == 30 && flow.sizeY() == 20 && flow.sizeZ() == 2);
+}
+
 TEST(Flow, RecoversAShiftInBothDirections) {
   // By whole pixels, which matches find exactly, and by fractions, without matches: on so smooth a texture
   // the best whole-pixel match may lie elsewhere.

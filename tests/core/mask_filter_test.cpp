@@ -71,6 +71,8 @@ TEST(DerivativeMask, ExistsForThreeAndFiveTaps) {
   for (int i = 0; i < 5; i++) EXPECT_EQ(five(i), expected[i]);
   for (int size : {-1, 0, 1, 4, 7}) EXPECT_THROW(CDerivative<float>{size}, EFilterNotAvailable) << size;
   EXPECT_THROW(CFilter<float>(3, 3), std::invalid_argument);
+  EXPECT_THROW(CFilter<float>(0, 1), std::invalid_argument);
+  EXPECT_EQ(CFilter<float>(0, 0).size(), 0);
 }
 
 TEST(MaskFilter, DifferentiatesARampByHand) {

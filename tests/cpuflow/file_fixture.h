@@ -6,38 +6,19 @@
 
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <vector>
 
-/// A folder of its own for each test, removed afterwards.
+#include "support/files.h"
+
+/// Has a folder of its own.
 class FileTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "/tarvo_cpuflow_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    folder_ = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
-
-  std::string path(const std::string& name) const { return folder_ + "/" + name; }
-
-  static std::string contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  }
-  static void store(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
+  std::string path(const std::string& name) const { return folder_.path(name); }
   /// Number of entries in the test's folder.
-  int entries() const {
-    return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder_), {}));
-  }
+  int entries() const { return static_cast<int>(folder_.names().size()); }
 
   /// What `action` prints to standard output.
   static std::string printed(const std::function<void()>& action) {
@@ -46,7 +27,7 @@ class FileTest : public testing::Test {
     return testing::internal::GetCapturedStdout();
   }
 
-  std::string folder_;
+  const TemporaryFolder folder_;
 };
 
 /// While alive, no file can grow beyond a number of bytes, as on a full disk.

@@ -42,24 +42,41 @@ class Pool : public testing::Test {
 
 }  // namespace
 
-TEST_F(Pool, ServesTheSmallestBufferThatHoldsARequest) {
-  const std::vector<float*> memory = keepBuffers({1000, 3000, 2000});
-  EXPECT_EQ(kept(), 6000u);
+TEST_F(Pool, TakesPiecesOfTheSmallestStretchAndJoinsThemAgain) {
+  const std::vector<float*> memory = keepBuffers({1024, 3072, 2048});
+  EXPECT_EQ(kept(), 6144u);
   Buffer first, second, third;
-  ASSERT_EQ(first.allocate(1001), device::kSuccess);
+  ASSERT_EQ(first.allocate(1088), device::kSuccess);
   EXPECT_EQ(first.get(), memory[2]);
-  ASSERT_EQ(second.allocate(1000), device::kSuccess);
-  EXPECT_EQ(second.get(), memory[0]);
+  ASSERT_EQ(second.allocate(900), device::kSuccess);
+  EXPECT_EQ(second.get(), memory[2] + 1088);
   ASSERT_EQ(third.allocate(1), device::kSuccess);
-  EXPECT_EQ(third.get(), memory[1]);
-  EXPECT_EQ(kept(), 0u);
+  EXPECT_EQ(third.get(), memory[0]);
+  EXPECT_EQ(first.release(), device::kSuccess);
+  EXPECT_EQ(second.release(), device::kSuccess);
+  ASSERT_EQ(first.allocate(2048), device::kSuccess);
+  EXPECT_EQ(first.get(), memory[2]);
+  EXPECT_THROW(first.detach(), std::logic_error);
 }
 
-TEST_F(Pool, GivesTheLargestBufferBackForANewOneAndAllWhereMemoryEnds) {
-  keepBuffers({1000, 3000, 2000});
+TEST_F(Pool, ServesStagesOfAReservationFromOneSlab) {
+  constexpr std::size_t kFloats = 1 << 20;
+  ASSERT_EQ(device::reserve(3 * kFloats), device::kSuccess);
+  const std::size_t reserved = kept();
+  for (const std::vector<std::size_t>& stage :
+       {std::vector<std::size_t>{kFloats, kFloats, kFloats}, {2 * kFloats, kFloats / 2}, {3 * kFloats}}) {
+    keepBuffers(stage);
+    EXPECT_EQ(kept(), reserved);
+  }
+  EXPECT_EQ(device::reserve(3 * kFloats), device::kSuccess);
+  EXPECT_EQ(kept(), reserved);
+}
+
+TEST_F(Pool, GivesTheLargestSlabsBackForANewOneAndAllWhereMemoryEnds) {
+  keepBuffers({1024, 3072, 2048});
   Buffer larger;
-  ASSERT_EQ(larger.allocate(3001), device::kSuccess);
-  EXPECT_EQ(kept(), 3000u);
+  ASSERT_EQ(larger.allocate(4096), device::kSuccess);
+  EXPECT_EQ(kept(), 1024u);
   Buffer huge;
   EXPECT_EQ(huge.allocate(std::numeric_limits<std::size_t>::max() / 16), device::kOutOfMemory);
   EXPECT_EQ(kept(), 0u);
@@ -72,14 +89,13 @@ TEST_F(Pool, KeepsNothingOfADeviceThatIsNoLongerChosen) {
   keepBuffers({1000});
   Buffer inUse, fresh;
   ASSERT_EQ(inUse.allocate(10), device::kSuccess);
-  keepBuffers({500});
+  keepBuffers({2000});
   try {
     NDevice::select("cuda");
   } catch (const std::runtime_error& error) {
     GTEST_SKIP() << error.what();
   }
-  EXPECT_EQ(fresh.allocate(100), device::kSuccess);
-  EXPECT_EQ(kept(), 0u);
+  EXPECT_EQ(fresh.allocate(1024), device::kSuccess);
   EXPECT_EQ(inUse.release(), device::kSuccess);
   EXPECT_EQ(kept(), 0u);
   NDevice::select(before);
@@ -88,15 +104,19 @@ TEST_F(Pool, KeepsNothingOfADeviceThatIsNoLongerChosen) {
 TEST_F(Pool, LeavesDetachedMemoryToItsOwnerInAnyThread) {
   const std::size_t before = NDevice::memoryUse().inUse;
   Buffer buffer;
-  ASSERT_EQ(buffer.allocate(700), device::kSuccess);
+  ASSERT_EQ(buffer.allocateWhole(700), device::kSuccess);
   float* memory = buffer.detach();
   std::thread([memory] { NDevice::release(memory); }).join();
   EXPECT_EQ(NDevice::memoryUse().inUse, before);
   EXPECT_EQ(kept(), 0u);
-  EXPECT_EQ(Buffer::adopt(NDevice::allocate(700)).release(), device::kSuccess);
+  memory = NDevice::allocate(700);
+  EXPECT_EQ(Buffer::adopt(memory).release(), device::kSuccess);
   EXPECT_EQ(kept(), 700u);
+  ASSERT_EQ(buffer.allocateWhole(350), device::kSuccess);
+  EXPECT_EQ(buffer.get(), memory);
   float foreign = 0.0f;
   EXPECT_EQ(device::release(&foreign), device::kInvalidValue);
+  EXPECT_EQ(device::release(memory + 1), device::kInvalidValue);
 }
 
 TEST(PoolFork, ServesChildrenForkedWhileAnotherThreadIsInside) {

@@ -2,10 +2,25 @@
 #include "device/cpu/team.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
+
+#include "device/child.h"
+
+// Tells the team of as many processors as a test wants, whatever the machine has.
+static std::atomic<int> processors{64};
+extern "C" int sched_getaffinity(pid_t, std::size_t, cpu_set_t* set) noexcept {
+  CPU_ZERO(set);
+  for (int i = 0; i < processors; ++i) CPU_SET(i, set);
+  return 0;
+}
 
 namespace {
 
@@ -68,6 +83,35 @@ TEST(Team, TakesJobsFromSeveralThreadsAndChangesItsSizeBetweenThem) {
   }
   for (std::thread& caller : callers) caller.join();
   EXPECT_EQ(wrong, 0);
+}
+
+TEST(Team, HasNoMoreThreadsThanProcessorsAtWork) {
+  processors = 2;
+  device::cpu::setTeamSize(200);
+  processors = 64;
+  EXPECT_EQ(device::cpu::teamSize(), 200);
+  std::mutex mutex;
+  std::set<std::thread::id> seen;
+  device::cpu::forBandsOf(1, 400, [&](int, int) {
+    std::this_thread::sleep_for(std::chrono::microseconds(50));  // so that every thread would get one
+    const std::lock_guard<std::mutex> lock(mutex);
+    seen.insert(std::this_thread::get_id());
+  });
+  EXPECT_EQ(seen.size(), 2u);
+}
+
+TEST(Team, OfAForkedChildWorksWithoutFurtherThreads) {
+  device::cpu::setTeamSize(3);
+  EXPECT_EQ(statusOfChild([] {
+              pthread_attr_t huge;  // stacks that the address space does not hold
+              pthread_attr_init(&huge);
+              pthread_attr_setstacksize(&huge, std::size_t{1} << 47);
+              pthread_setattr_default_np(&huge);
+              Job job(20);
+              job.run();
+              return job.eachOnce() && device::cpu::teamSize() == 1 ? 0 : 1;
+            }),
+            0);
 }
 
 TEST(Team, SharesRowsOutInBandsThatCoverThePlane) {

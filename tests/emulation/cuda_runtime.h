@@ -32,6 +32,7 @@ enum cudaError_t {
   cudaErrorInvalidValue = 1,
   cudaErrorMemoryAllocation = 2,
   cudaErrorInvalidConfiguration = 9,
+  cudaErrorInsufficientDriver = 35,
   cudaErrorInvalidDevice = 101,
   cudaErrorCooperativeLaunchTooLarge = 720,
   cudaErrorUnknown = 999
@@ -107,6 +108,7 @@ cudaError_t cudaMemcpy2D(void* to, std::size_t toPitch, const void* from, std::s
 cudaError_t cudaDeviceSynchronize();
 cudaError_t cudaGetLastError();
 const char* cudaGetErrorString(cudaError_t error);
+cudaError_t cudaDriverGetVersion(int* version);
 cudaError_t cudaGetDeviceCount(int* count);
 cudaError_t cudaGetDevice(int* device);
 cudaError_t cudaSetDevice(int device);

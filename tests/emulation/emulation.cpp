@@ -388,6 +388,11 @@ cudaError_t cudaGetLastError() {
   emulation::lastError = cudaSuccess;
   return error;
 }
+cudaError_t cudaDriverGetVersion(int* version) {
+  *version = 12000;
+  return cudaSuccess;
+}
+
 const char* cudaGetErrorString(cudaError_t error) {
   static const std::map<int, const char*> texts{
       {cudaSuccess, "no error"},

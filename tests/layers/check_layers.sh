@@ -24,7 +24,7 @@ cd "${1:-.}"
 
 files=$(mktemp)
 trap 'rm -f "$files"' EXIT
-for folder in include src tools bench examples tests; do
+for folder in include src tools bench tests; do
   if [ -d "$folder" ]; then
     # The install consumers are projects of their own, without a place among the rooms; the emulation stands for
     # the CUDA runtime.
@@ -162,7 +162,7 @@ BEGIN {
   split(file, parts, "/")
   area = parts[1]
   room = room_of(file)
-  is_client = area == "tools" || area == "bench" || area == "examples"
+  is_client = area == "tools" || area == "bench"
   backend_free = area != "tests" && room != "device" && file !~ /\.cuh?$/
   in_comment = 0
   line = 0

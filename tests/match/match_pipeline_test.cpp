@@ -140,6 +140,17 @@ std::string reportOf(const Run& run) {
   return text;
 }
 
+TEST_F(MatchField, OfHostArraysOfImpossibleSizesIsRefused) {
+  for (const auto& [h, w] : {std::pair{0, 9}, {9, -1}, {10000, 14253}}) {
+    EXPECT_THROW(createAndMatchHOG(nullptr, nullptr, nullptr, nullptr, nullptr, h, w, 3),
+                 std::invalid_argument);
+    EXPECT_THROW(HOGMatch(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, w, h),
+                 std::invalid_argument);
+  }
+  EXPECT_THROW(createAndMatchHOG(nullptr, nullptr, nullptr, nullptr, nullptr, 10000, 14252, 16),
+               std::invalid_argument);
+}
+
 TEST_F(MatchField, OfHostFieldsEqualsThatOfThePipelineWhereBothSearch) {
   const int h = 210, w = 120;
   const Planes image1 = picture(h, w, textured), image2 = picture(h, w, textured, 5, -3);

@@ -5,48 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
-
-namespace fs = std::filesystem;
-
-TemporaryFolder::TemporaryFolder() {
-  std::string name = (fs::temp_directory_path() / "tarvo-tool-XXXXXX").string();
-  if (!mkdtemp(name.data())) {
-    throw std::runtime_error("no temporary folder can be made");
-  }
-  folder_ = name;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-  std::error_code ignored;
-  fs::remove_all(folder_, ignored);
-}
-
-std::vector<std::string> TemporaryFolder::names() const {
-  std::vector<std::string> names;
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder_)) {
-    names.push_back(entry.path().filename().string());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-std::string readText(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    throw std::runtime_error(path + " cannot be opened");
-  }
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-void writeText(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
 
 Outcome runProgram(const std::vector<std::string>& words) {
   const TemporaryFolder folder;

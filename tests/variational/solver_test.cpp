@@ -16,12 +16,17 @@ Planes solvedBy(const TestSystem& system, int iterations, int padding = DevicePl
 
 using kernels::SystemLayout;
 
-/// The system as SystemLayout::once needs it, not-a-number in the planes that it does without.
-TestSystem storedOnce(TestSystem system) {
-  for (const MatrixPlane plane : {kMatrixUV, kMatrixNorth, kMatrixWest}) {
-    forPixels(system.h(), system.w(), [&](int x, int y) { system.matrix.at(x, y, plane) = kNan; });
+/// The system in the five planes of SystemLayout::once, not-a-number in the rest of the stack.
+TestSystem storedOnce(const TestSystem& system) {
+  constexpr MatrixPlane kOrder[] = {kMatrixUU, kMatrixVU, kMatrixVV, kMatrixEast, kMatrixSouth};
+  TestSystem once = system;
+  for (int plane = 0; plane < 12; ++plane) {
+    forPixels(system.h(), system.w(), [&](int x, int y) {
+      once.matrix.at(x, y, plane) =
+          plane < SystemLayout::kOncePlanes ? system.matrix.at(x, y, kOrder[plane]) : kNan;
+    });
   }
-  return system;
+  return once;
 }
 
 Planes solvedPlainly(const TestSystem& system, int iterations, bool once = false) {
@@ -223,6 +228,34 @@ TEST(SolverKernels, ReadTheOffDiagonalPlanesTheyAreSaidToRead) {
   };
   EXPECT_EQ(product(mvm_opt_kernel), (std::vector<float>{32.0f, 53.0f}));  // 2 + 30, 3 + 50
   EXPECT_EQ(product(mvm_kernel), (std::vector<float>{32.0f, 57.0f}));      // 2 + 30, 7 + 50
+}
+
+TEST(SolverKernels, ScaleASystemByTheRootsOfItsDiagonalAndUndoIt) {
+  TestSystem system(1, 2, 1);
+  const float entries[][5] = {// plane, and both pixels before and after
+                              {kMatrixUU, 16, 64, 1, 1},         {kMatrixVU, 10, 2, 0.5f, 0.25f},
+                              {kMatrixUV, 10, 2, 0.5f, 0.25f},   {kMatrixVV, 25, 9, 1, 9},
+                              {kMatrixEast, -12, 7, -0.375f, 7}, {kMatrixWest, 7, -12, 7, -0.375f},
+                              {kMatrixEast + 1, 7, 7, -2.4f, 7}, {kMatrixWest + 1, 7, 7, 7, -2.4f}};
+  for (const auto& entry : entries) {
+    for (int x = 0; x < 2; ++x) system.matrix.at(x, 0, static_cast<int>(entry[0])) = entry[1 + x];
+  }
+  system.rhs.values = {8, 16, 10, 3};
+  const DeviceSystem device(system);
+  const DevicePlanes& s = device.z;
+  applyRowScaling_kernel(device.matrix.get(), device.rhs.get(), s.get(), 1, 2, device.x.p());
+  const Planes scaled = device.matrix.values();
+  for (const auto& entry : entries) {
+    for (int x = 0; x < 2; ++x) {
+      EXPECT_EQ(scaled.at(x, 0, static_cast<int>(entry[0])), entry[3 + x]) << entry[0] << ", " << x;
+    }
+  }
+  EXPECT_EQ(s.values().values, (std::vector<float>{4, 8, 5, 1})) << "9 is too small to be scaled";
+  EXPECT_EQ(device.rhs.values().values, (std::vector<float>{2, 2, 2, 3}));
+  device.x.set(Planes(1, 2, 2, 40.0f));
+  inverseScaling_kernel(s.get(), device.x.get(), device.x.get(), 1, 2, device.x.p());
+  EXPECT_EQ(device.x.values().values, (std::vector<float>{10, 5, 8, 40}));
+  EXPECT_TRUE(device.matrix.intact() && device.rhs.intact() && device.x.intact() && s.intact());
 }
 
 TEST(SolverKernels, ResidualSumIsTheSquaredNormOfTheResidual) {

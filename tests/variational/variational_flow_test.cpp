@@ -208,7 +208,9 @@ TEST(VariationalFlow, RefusesWrongArgumentsBeforeAnythingIsTouched) {
   } kCases[] = {
       {"width x height", "5 x 0", [](Settings&) {}, 0},
       {"width x height", "-1 x 5", [](Settings&) {}, 5, -1},
-      {"width x height", "40000 x 40000", [](Settings&) {}, 40000, 40000},
+      // Fifteen planes of 10000 rows, at most 64 columns wider, are indexed with an int.
+      {"width x height", "14253 x 10000", [](Settings&) {}, 10000, 14253},
+      {"eta", "nan", [](Settings& s) { s.eta = kNan; }, 10000, 14252},
       {"channels", "1", [](Settings&) {}, 5, 5, 1},
       {"alpha", "nan", [](Settings& s) { s.alpha = kNan; }},
       {"beta", "inf", [](Settings& s) { s.beta = kInf; }},

@@ -11,9 +11,7 @@
 namespace tool {
 
 void color(const ColorOptions& options, const Verbosity& verbosity) {
-  checkEnding("--output", options.output, ".png");
-  OutputFiles outputs;
-  outputs.announce(options.output);
+  OutputFiles outputs({{"--output", options.output, ".png"}}, {options.flow});
   routeReport(verbosity, false);
   const CTensor<float> flow = NFlowFile::read(options.flow);
   if (flow.size() == 0) {
@@ -24,7 +22,7 @@ void color(const ColorOptions& options, const Verbosity& verbosity) {
   if (options.legend && !drawLegend(picture)) {
     message(verbosity, options.output + ": too small for a legend");
   }
-  outputs.write(options.output, [&](const std::string& path) { writePng(path, picture); });
+  outputs.write(options.output, [&](std::FILE* file) { writePng(file, picture); });
   outputs.commit();
   if (!verbosity.quiet) {
     std::printf("%s pixels, full brightness at %.3g px: %s\n", sizeText(flow.sizeX(), flow.sizeY()).c_str(),

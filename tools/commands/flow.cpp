@@ -1,10 +1,12 @@
 #include <tarvo/tarvo.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iomanip>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -21,65 +23,33 @@ using Json = nlohmann::ordered_json;
 
 /// Milliseconds of the library's clocks, all counted since it was loaded.
 struct Phases {
-  double total = timer_total;
-  double smoothing = timer_filter;
-  double transfer = timer_memcpy1;
-  double matching = timer_HOG;
-  double variational = timer_var;
-  double downsampling = timer_down;
-  double warping = timer_interp_warp;
-  double fixedPoint = timer_makematrix;
-  double solver = timer_solver;
+  double total, smoothing, transfer, matching, variational, downsampling, warping, fixedPoint, solver;
+
+  static Phases now() {
+    return {timer_total, timer_filter,      timer_memcpy1,    timer_HOG,   timer_var,
+            timer_down,  timer_interp_warp, timer_makematrix, timer_solver};
+  }
 };
 
 struct Run {
   CTensor<float> flow;
   NMatching::Counts counts{};
   double seconds = 0;
-  Phases before, after;
+  Phases before{}, after{};
 };
 
 struct Frames {
   CTensor<float> first, second;
 };
 
-/// Arguments that contradict each other, before anything is read.
-void checkArguments(const FlowOptions& options) {
-  checkEnding("--output", options.output, ".flo");
-  if (!options.backward.empty()) {
-    checkEnding("--backward", options.backward, ".flo");
-    if (sameFile(options.backward, options.output)) {
-      throw UsageError{"--backward and --output name the same file: " + options.output};
-    }
-  }
-  if (!options.matches.empty()) {
-    checkEnding("--matches", options.matches, ".csv");
-    if (options.noMatches) throw UsageError{"--matches and --no-matches exclude each other"};
-    if (options.hybrid) throw UsageError{"--matches and --pipeline hybrid exclude each other"};
-  }
-  if (!options.colour.empty()) {
-    checkEnding("--color", options.colour, ".png");
-    for (const std::string& frame : {options.frame1, options.frame2}) {
-      if (sameFile(options.colour, frame)) {
-        throw UsageError{"--color names an input picture: " + frame};
-      }
-    }
-  }
-}
-
 Frames readFrames(const FlowOptions& options, const Verbosity& verbosity) {
   std::vector<std::string> messages;
-  Frames frames{readPicture(options.frame1, &messages), readPicture(options.frame2, &messages)};
+  CTensor<float> first = readPicture(options.frame1, &messages);
+  CTensor<float> second = readPicture(options.frame2, &messages, &first);
   for (const std::string& text : messages) {
     message(verbosity, text);
   }
-  const CTensor<float>&a = frames.first, &b = frames.second;
-  if (a.sizeX() != b.sizeX() || a.sizeY() != b.sizeY()) {
-    throw std::runtime_error("the pictures differ in size: " + options.frame1 + " has " +
-                             sizeText(a.sizeX(), a.sizeY()) + " pixels, " + options.frame2 + " has " +
-                             sizeText(b.sizeX(), b.sizeY()));
-  }
-  return frames;
+  return {std::move(first), std::move(second)};
 }
 
 Json phaseSeconds(const Run& run, bool hybrid) {
@@ -102,6 +72,15 @@ Json phaseSeconds(const Run& run, bool hybrid) {
           {"solver", seconds(&Phases::solver)}};
 }
 
+/// Pictures have finite values, and so does their flow unless a weight lets a sum overflow.
+void checkFinite(const CTensor<float>& flow) {
+  const auto finite = [](float value) { return std::isfinite(value); };
+  const long bad = flow.size() - std::count_if(flow.data(), flow.data() + flow.size(), finite);
+  if (bad == 0) return;
+  throw std::runtime_error("the flow is not a number at " + std::to_string(bad) + " of " +
+                           std::to_string(flow.size()) + " values: --alpha, --beta or --gamma is too large");
+}
+
 /// One direction. The frames are copies of its own, because smoothing changes them.
 Run compute(CTensor<float> from, CTensor<float> to, const FlowOptions& options, const Verbosity& verbosity,
             const std::string& label) {
@@ -109,11 +88,13 @@ Run compute(CTensor<float> from, CTensor<float> to, const FlowOptions& options, 
   const FlowParameters& p = options.parameters;
   const auto pipeline = options.hybrid ? runFlow : runFlowGPU;
   Run run;
+  run.before = Phases::now();
   const auto start = std::chrono::steady_clock::now();
   pipeline(from, to, run.flow, p.sigma, p.alpha, p.beta, p.gamma, p.eta, p.fixedPointIterations,
            p.solverIterations);
   run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  run.after = Phases();
+  run.after = Phases::now();
+  checkFinite(run.flow);
   if (!options.noMatches) run.counts = NMatching::lastCounts();
   return run;
 }
@@ -138,7 +119,7 @@ Json describe(const std::string& file, const Run& run, bool hybrid) {
 
 /// The kept matches of the forward direction, one a line, in rows from the top. They are searched once more:
 /// the library does not hand out the match field of a flow computation.
-void writeMatches(const std::string& path, Frames frames, float sigma) {
+void writeMatches(std::FILE* file, Frames frames, float sigma) {
   if (sigma > 0) {
     for (CTensor<float>* image : {&frames.first, &frames.second}) {
       NFilter::recursiveSmoothX(*image, sigma);
@@ -150,17 +131,15 @@ void writeMatches(const std::string& path, Frames frames, float sigma) {
   const std::size_t plane = static_cast<std::size_t>(w) * static_cast<std::size_t>(h);
   createAndMatchHOG(frames.first.data(), frames.second.data(), field.data(), field.data() + plane,
                     field.data() + 2 * plane, h, w, 3);
-  std::ofstream file(path);
-  file << "x,y,u,v,weight\n" << std::setprecision(9);
+  std::fputs("x,y,u,v,weight\n", file);
   for (int y = 0; y < h; ++y) {
     for (int x = 0; x < w; ++x) {
       if (!(field(x, y, 2) > 0)) continue;
-      file << x << ',' << y << ',' << field(x, y, 0) << ',' << field(x, y, 1) << ',' << field(x, y, 2)
-           << '\n';
+      const int written = std::fprintf(file, "%d,%d,%.9g,%.9g,%.9g\n", x, y, double(field(x, y, 0)),
+                                       double(field(x, y, 1)), double(field(x, y, 2)));
+      if (written < 0) throw std::runtime_error(std::strerror(errno));
     }
   }
-  file.close();
-  if (!file) throw std::runtime_error("cannot write " + path);
 }
 
 void printJson(const FlowOptions& options, const Run& forward, const Run* backward) {
@@ -215,13 +194,15 @@ void printSummary(const FlowOptions& options, const Run& forward, const Run* bac
 }  // namespace
 
 void flow(const FlowOptions& options, const Verbosity& verbosity) {
-  checkArguments(options);
-  OutputFiles outputs;
-  for (const std::string& path : {options.output, options.backward, options.colour, options.matches}) {
-    if (!path.empty()) {
-      outputs.announce(path);
-    }
+  if (!options.matches.empty()) {
+    if (options.noMatches) throw UsageError{"--matches and --no-matches exclude each other"};
+    if (options.hybrid) throw UsageError{"--matches and --pipeline hybrid exclude each other"};
   }
+  OutputFiles outputs({{"--output", options.output, ".flo"},
+                       {"--backward", options.backward, ".flo"},
+                       {"--color", options.colour, ".png"},
+                       {"--matches", options.matches, ".csv"}},
+                      {options.frame1, options.frame2});
   const Frames frames = readFrames(options, verbosity);
   routeReport(verbosity, true);
   NDevice::select(options.device);
@@ -231,19 +212,19 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
 
   NMatching::enable(!options.noMatches);
   const Run forward = compute(frames.first, frames.second, options, verbosity, "forward ");
-  outputs.write(options.output, [&](const std::string& path) { NFlowFile::write(path, forward.flow); });
+  outputs.write(options.output, [&](std::FILE* file) { NFlowFile::write(file, forward.flow); });
   Run backward;
   if (!options.backward.empty()) {
     backward = compute(frames.second, frames.first, options, verbosity, "backward");
-    outputs.write(options.backward, [&](const std::string& path) { NFlowFile::write(path, backward.flow); });
+    outputs.write(options.backward, [&](std::FILE* file) { NFlowFile::write(file, backward.flow); });
   }
   if (!options.colour.empty()) {
     const CTensor<float> picture = colourPicture(forward.flow, longestMotion(forward.flow));
-    outputs.write(options.colour, [&](const std::string& path) { writePng(path, picture); });
+    outputs.write(options.colour, [&](std::FILE* file) { writePng(file, picture); });
   }
   if (!options.matches.empty()) {
     outputs.write(options.matches,
-                  [&](const std::string& path) { writeMatches(path, frames, options.parameters.sigma); });
+                  [&](std::FILE* file) { writeMatches(file, frames, options.parameters.sigma); });
   }
   outputs.commit();
 

@@ -15,18 +15,16 @@ namespace tool {
 void synth(const SynthOptions& options, const Verbosity& verbosity) {
   const fs::path folder(options.folder);
   std::error_code error;
-  fs::create_directories(folder, error);  // a failure shows when the files are announced
+  fs::create_directories(folder, error);  // a failure shows below
   const std::string frame1 = (folder / "frame1.png").string(), frame2 = (folder / "frame2.png").string(),
                     flow = (folder / "flow.flo").string();
-  OutputFiles outputs;
-  for (const std::string& path : {frame1, frame2, flow}) {
-    outputs.announce(path);
-  }
+  OutputFiles outputs(
+      {{"frame1.png", frame1, ".png"}, {"frame2.png", frame2, ".png"}, {"flow.flo", flow, ".flo"}}, {});
   routeReport(verbosity, false);
   const Rendering rendering = render(makeScene(options.scene, options.width, options.height, options.seed));
-  outputs.write(frame1, [&](const std::string& path) { writePng(path, rendering.frame1); });
-  outputs.write(frame2, [&](const std::string& path) { writePng(path, rendering.frame2); });
-  outputs.write(flow, [&](const std::string& path) { NFlowFile::write(path, rendering.flow); });
+  outputs.write(frame1, [&](std::FILE* file) { writePng(file, rendering.frame1); });
+  outputs.write(frame2, [&](std::FILE* file) { writePng(file, rendering.frame2); });
+  outputs.write(flow, [&](std::FILE* file) { NFlowFile::write(file, rendering.flow); });
   outputs.commit();
   if (!verbosity.quiet) {
     std::printf("scene %s, %s pixels: %s, %s, %s\n", options.scene.c_str(),

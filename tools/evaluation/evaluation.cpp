@@ -34,48 +34,39 @@ double quantile(std::vector<double>& values, double share) {
   return *nth;
 }
 
-}  // namespace
-
-bool isKnown(float u, float v) {
-  return std::abs(u) < kUnknown && std::abs(v) < kUnknown;
-}
-
-Evaluation evaluate(const CTensor<float>& flow, const CTensor<float>& reference) {
-  if (flow.sizeX() != reference.sizeX() || flow.sizeY() != reference.sizeY()) {
-    throw std::invalid_argument("the flow fields have different sizes");
-  }
-  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+/// Sums over the pixels of a flow field.
+struct Accumulator {
   Evaluation result{};
-  result.pixels = static_cast<long>(flow.sizeX()) * flow.sizeY();
-  result.ranges = {{{0, 10, 0, 0, 0}, {10, 40, 0, 0, 0}, {40, kInfinity, 0, 0, 0}}};
-  std::array<long, 3> measured{};  // used and not missing
-  std::array<double, 3> errors{};
+  std::array<double, 3> errors{};  // end-point errors by range
+  std::array<long, 3> measured{};  // how many: used and not missing
   std::vector<double> all;
   double angles = 0;
   long outliers = 0;
-  for (int y = 0; y < flow.sizeY(); ++y) {
-    for (int x = 0; x < flow.sizeX(); ++x) {
-      const float u = flow(x, y, 0), v = flow(x, y, 1), trueU = reference(x, y, 0),
-                  trueV = reference(x, y, 1);
-      if (!isKnown(trueU, trueV)) {
-        continue;
-      }
-      const double length = std::hypot(double(trueU), double(trueV));
-      const std::size_t range = length < 10 ? 0 : length <= 40 ? 1 : 2;
-      ++result.ranges[range].used;
-      if (!isKnown(u, v)) {
-        ++result.missing;
-        ++outliers;
-        continue;
-      }
-      const double error = std::hypot(double(u) - trueU, double(v) - trueV);
-      ++measured[range];
-      errors[range] += error;
-      all.push_back(error);
-      angles += spaceTimeAngle(u, v, trueU, trueV);
-      outliers += error > kOutlierPixels && error > kOutlierShare * length;
-    }
+
+  void add(float u, float v, float trueU, float trueV);
+  Evaluation finish();
+};
+
+void Accumulator::add(float u, float v, float trueU, float trueV) {
+  if (!isKnown(trueU, trueV)) return;
+  const double length = std::hypot(double(trueU), double(trueV));
+  const std::size_t range = length < 10 ? 0 : length <= 40 ? 1 : 2;
+  ++result.ranges[range].used;
+  if (!isKnown(u, v)) {
+    ++result.missing;
+    ++outliers;
+    return;
   }
+  const double error = std::hypot(double(u) - trueU, double(v) - trueV);
+  ++measured[range];
+  errors[range] += error;
+  all.push_back(error);
+  angles += spaceTimeAngle(u, v, trueU, trueV);
+  outliers += error > kOutlierPixels && error > kOutlierShare * length;
+}
+
+/// The means; reorders the errors.
+Evaluation Accumulator::finish() {
   result.used = result.ranges[0].used + result.ranges[1].used + result.ranges[2].used;
   for (std::size_t i = 0; i < 3; ++i) {
     result.ranges[i].share = ratio(result.ranges[i].used, result.used);
@@ -88,4 +79,26 @@ Evaluation evaluate(const CTensor<float>& flow, const CTensor<float>& reference)
   result.angle = ratio(angles, count);
   result.outliers = ratio(outliers, result.used);
   return result;
+}
+
+}  // namespace
+
+bool isKnown(float u, float v) {
+  return std::abs(u) < kUnknown && std::abs(v) < kUnknown;
+}
+
+Evaluation evaluate(const CTensor<float>& flow, const CTensor<float>& reference) {
+  if (flow.sizeX() != reference.sizeX() || flow.sizeY() != reference.sizeY()) {
+    throw std::invalid_argument("the flow fields have different sizes");
+  }
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  Accumulator sums;
+  sums.result.pixels = static_cast<long>(flow.sizeX()) * flow.sizeY();
+  sums.result.ranges = {{{0, 10, 0, 0, 0}, {10, 40, 0, 0, 0}, {40, kInfinity, 0, 0, 0}}};
+  for (int y = 0; y < flow.sizeY(); ++y) {
+    for (int x = 0; x < flow.sizeX(); ++x) {
+      sums.add(flow(x, y, 0), flow(x, y, 1), reference(x, y, 0), reference(x, y, 1));
+    }
+  }
+  return sums.finish();
 }

@@ -2,6 +2,7 @@
 
 #include <tarvo/CTensor.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -10,13 +11,19 @@
 /// the name.
 /// @param messages  what should be known about the picture (transparency dropped, data after the end, ...) is
 ///                  appended, one line each, with the file's name; may be null
+/// @param like      null, or a picture whose size this one must have
 /// @return          width x height x 3: red, green, blue in 0 ... 255; 16-bit values are divided by 257; grey
 ///                  pictures have three equal planes
 /// @throws std::runtime_error  naming the file and the reason, if it cannot be read, is of no known kind, is
-///                             damaged or cut off, or has more than 2^31 - 1 values
-CTensor<float> readPicture(const std::string& path, std::vector<std::string>* messages);
+///                             damaged or cut off, differs in size from `like`, or is larger than the library
+///                             takes for a flow (about 143 million pixels)
+/// Sizes are checked before pixels are read or memory is taken for them; besides the result, a row is all
+/// that is kept, and of a progressive JPEG half as much again.
+CTensor<float> readPicture(const std::string& path, std::vector<std::string>* messages,
+                           const CTensor<float>* like = nullptr);
 
 /// Writes a PNG with 8 bits per value.
-/// @param rgb  width x height x 3; values are rounded and limited to 0 ... 255, not-a-number gives 0
-/// @throws std::runtime_error  naming the file and the reason; the file may then be incomplete
-void writePng(const std::string& path, const CTensor<float>& rgb);
+/// @param file  open for writing; stays open
+/// @param rgb   width x height x 3; values are rounded and limited to 0 ... 255, not-a-number gives 0
+/// @throws std::runtime_error  with the reason alone; the file may then be incomplete
+void writePng(std::FILE* file, const CTensor<float>& rgb);

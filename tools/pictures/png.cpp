@@ -31,8 +31,8 @@ struct Log {
 void onWarning(png_structp, png_const_charp) {}
 
 struct Decoder {
-  explicit Decoder(const Bytes& bytes)
-      : file(bytes), png(png_create_read_struct(PNG_LIBPNG_VER_STRING, &log, onError, onWarning)) {
+  explicit Decoder(Input& source)
+      : input(source), png(png_create_read_struct(PNG_LIBPNG_VER_STRING, &log, onError, onWarning)) {
     info = png ? png_create_info_struct(png) : nullptr;
     if (!info) {
       png_destroy_read_struct(&png, nullptr, nullptr);
@@ -44,37 +44,42 @@ struct Decoder {
   Decoder& operator=(const Decoder&) = delete;
 
   Log log;
-  const Bytes& file;
-  std::size_t position = 0;
+  Input& input;
   png_structp png = nullptr;
   png_infop info = nullptr;
   png_uint_32 width = 0, height = 0;
   int channels = 0, bits = 0;
-  bool transparent = false;
-  std::size_t rowBytes = 0;
-  Bytes samples;
-  std::vector<png_bytep> rows;
+  bool transparent = false, interlaced = false;
+  CTensor<float> picture;
+  std::vector<unsigned char> row;
 };
 
 void readBytes(png_structp png, png_bytep target, std::size_t count) {
-  auto* decoder = static_cast<Decoder*>(png_get_io_ptr(png));
-  if (decoder->file.size() - decoder->position < count) {
+  if (static_cast<Decoder*>(png_get_io_ptr(png))->input.read(target, count) < count) {
     png_error(png, "it ends too early");
   }
-  std::memcpy(target, decoder->file.data() + decoder->position, count);
-  decoder->position += count;
 }
 
-/// Reads the header and asks for grey or RGB values of 8 or 16 bits. False after an error.
+/// Reads what is before the pixels. False after an error.
 bool readHeader(Decoder& d) {
   if (setjmp(png_jmpbuf(d.png))) {
     return false;
   }
   png_set_read_fn(d.png, &d, readBytes);
   png_set_user_limits(d.png, 0x7fffffff, 0x7fffffff);
+  png_set_chunk_cache_max(d.png, 1);  // keeps no texts, which may unpack to gigabytes
   png_read_info(d.png, d.info);
   d.width = png_get_image_width(d.png, d.info);
   d.height = png_get_image_height(d.png, d.info);
+  d.interlaced = png_get_interlace_type(d.png, d.info) != PNG_INTERLACE_NONE;
+  return true;
+}
+
+/// Asks for grey or RGB values of 8 or 16 bits; takes memory for a row. False after an error.
+bool start(Decoder& d) {
+  if (setjmp(png_jmpbuf(d.png))) {
+    return false;
+  }
   const int type = png_get_color_type(d.png, d.info);
   d.transparent = (type & PNG_COLOR_MASK_ALPHA) != 0 || png_get_valid(d.png, d.info, PNG_INFO_tRNS) != 0;
   if (type == PNG_COLOR_TYPE_PALETTE) {
@@ -83,89 +88,80 @@ bool readHeader(Decoder& d) {
     png_set_expand_gray_1_2_4_to_8(d.png);
   }
   png_set_strip_alpha(d.png);
-  png_set_interlace_handling(d.png);
   png_read_update_info(d.png, d.info);
   d.channels = png_get_channels(d.png, d.info);
   d.bits = png_get_bit_depth(d.png, d.info);
-  d.rowBytes = png_get_rowbytes(d.png, d.info);
   return true;
 }
 
-bool readSamples(Decoder& d) {
+/// Copies the first `count` pixels of the row that was read to every `step`-th pixel of row y, from x on.
+void copyRow(Decoder& d, int y, int x, int step, int count) {
+  const int bytes = d.bits / 8;
+  const unsigned char* at = d.row.data();
+  for (int i = 0; i < count; ++i, x += step, at += d.channels * bytes) {
+    for (int z = 0; z < 3; ++z) {
+      const unsigned char* value = at + std::min(z, d.channels - 1) * bytes;
+      d.picture(x, y, z) = bytes == 1 ? value[0] : static_cast<float>(256 * value[0] + value[1]) / 257.f;
+    }
+  }
+}
+
+/// Reads the pixels, those of an interlaced picture pass by pass, and up to the end. False after an error.
+bool readRows(Decoder& d) {
   if (setjmp(png_jmpbuf(d.png))) {
     return false;
   }
-  png_read_image(d.png, d.rows.data());
+  const int width = d.picture.sizeX(), height = d.picture.sizeY();
+  for (int pass = 0; pass < (d.interlaced ? PNG_INTERLACE_ADAM7_PASSES : 1); ++pass) {
+    const int columns = d.interlaced ? PNG_PASS_COLS(width, pass) : width;
+    const int rows = columns == 0 ? 0 : d.interlaced ? PNG_PASS_ROWS(height, pass) : height;
+    for (int i = 0; i < rows; ++i) {
+      png_read_row(d.png, d.row.data(), nullptr);
+      if (d.interlaced) {
+        copyRow(d, PNG_ROW_FROM_PASS_ROW(i, pass), PNG_PASS_START_COL(pass), PNG_PASS_COL_OFFSET(pass),
+                columns);
+      } else {
+        copyRow(d, i, 0, 1, columns);
+      }
+    }
+  }
   png_read_end(d.png, nullptr);
   return true;
 }
 
-/// Takes memory for the samples, unless the file cannot hold that many: its compression stays below 1100 : 1,
-/// and a sample of 8 bits may come from one bit of a palette.
-void prepareSamples(Decoder& d) {
-  constexpr double kMostPerByte = 1100.0 * 8 * 3;
-  if (double(d.rowBytes) * d.height > kMostPerByte * double(d.file.size())) {
-    throw std::runtime_error("is damaged: it is too short for " + std::to_string(d.width) + " x " +
-                             std::to_string(d.height) + " pixels");
-  }
-  d.samples.resize(d.rowBytes * d.height);
-  d.rows.resize(d.height);
-  for (std::size_t y = 0; y < d.height; ++y) {
-    d.rows[y] = d.samples.data() + y * d.rowBytes;
-  }
-}
-
-void copySamples(const Decoder& d, CTensor<float>& picture) {
-  const int step = d.bits / 8;
-  for (int y = 0; y < picture.sizeY(); ++y) {
-    const unsigned char* row = d.rows[y];
-    for (int x = 0; x < picture.sizeX(); ++x) {
-      for (int z = 0; z < 3; ++z) {
-        const unsigned char* at = row + (std::size_t(x) * d.channels + std::min(z, d.channels - 1)) * step;
-        picture(x, y, z) = step == 1 ? at[0] : static_cast<float>(256 * at[0] + at[1]) / 257.f;
-      }
-    }
-  }
-}
-
 struct Encoder {
-  explicit Encoder(const std::string& path) : file(std::fopen(path.c_str(), "wb")) {
-    if (!file) {
-      throw std::runtime_error(std::string("cannot be written (") + std::strerror(errno) + ")");
-    }
-    png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &log, onError, onWarning);
+  Encoder() : png(png_create_write_struct(PNG_LIBPNG_VER_STRING, &log, onError, onWarning)) {
     info = png ? png_create_info_struct(png) : nullptr;
     if (!info) {
       png_destroy_write_struct(&png, nullptr);
-      std::fclose(file);
       throw std::bad_alloc();
     }
   }
-  ~Encoder() {
-    png_destroy_write_struct(&png, &info);
-    if (file) {
-      std::fclose(file);
-    }
-  }
+  ~Encoder() { png_destroy_write_struct(&png, &info); }
   Encoder(const Encoder&) = delete;
   Encoder& operator=(const Encoder&) = delete;
 
   Log log;
-  std::FILE* file;
   png_structp png = nullptr;
   png_infop info = nullptr;
   std::vector<unsigned char> row;
 };
 
+void writeBytes(png_structp png, png_bytep bytes, std::size_t count) {
+  if (std::fwrite(bytes, 1, count, static_cast<std::FILE*>(png_get_io_ptr(png))) < count) {
+    png_error(png, std::strerror(errno));
+  }
+}
+
 unsigned char toByte(float value) {
   return value > 0 ? static_cast<unsigned char>(std::lround(std::min(value, 255.f))) : 0;
 }
 
-bool writeRows(Encoder& e, const CTensor<float>& rgb) {
+bool writeRows(Encoder& e, std::FILE* file, const CTensor<float>& rgb) {
   if (setjmp(png_jmpbuf(e.png))) {
     return false;
   }
-  png_init_io(e.png, e.file);
+  png_set_write_fn(e.png, file, writeBytes, nullptr);
   png_set_user_limits(e.png, 0x7fffffff, 0x7fffffff);
   png_set_IHDR(e.png, e.info, rgb.sizeX(), rgb.sizeY(), 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
@@ -184,41 +180,36 @@ bool writeRows(Encoder& e, const CTensor<float>& rgb) {
 
 }  // namespace
 
-CTensor<float> decodePng(const Bytes& file, Notes& notes) {
-  Decoder decoder(file);
-  if (!readHeader(decoder)) {
-    throw std::runtime_error("is damaged: " + decoder.log.error);
-  }
-  prepareSamples(decoder);
-  CTensor<float> picture = newPicture(decoder.width, decoder.height);
-  if (!readSamples(decoder)) {
-    throw std::runtime_error("is damaged: " + decoder.log.error);
-  }
-  copySamples(decoder, picture);
+CTensor<float> decodePng(Input& input) {
+  Decoder decoder(input);
+  const auto check = [&decoder](bool good) {
+    if (!good) {
+      throw std::runtime_error("is damaged: " + decoder.log.error);
+    }
+  };
+  check(readHeader(decoder));
+  decoder.picture = input.newPicture(decoder.width, decoder.height);
+  check(start(decoder));
+  decoder.row.resize(png_get_rowbytes(decoder.png, decoder.info));
+  check(readRows(decoder));
   if (decoder.transparent) {
-    notes.push_back("transparency dropped");
+    input.notes.push_back("transparency dropped");
   }
-  return picture;
+  return std::move(decoder.picture);
 }
 
 }  // namespace pictures
 
-void writePng(const std::string& path, const CTensor<float>& rgb) {
-  try {
-    if (rgb.sizeX() < 1 || rgb.sizeY() < 1 || rgb.sizeZ() != 3) {
-      throw std::runtime_error("has no pixels to write, or not three planes");
-    }
-    pictures::Encoder encoder(path);
-    encoder.row.resize(3 * static_cast<std::size_t>(rgb.sizeX()));
-    if (!pictures::writeRows(encoder, rgb)) {
-      throw std::runtime_error("cannot be written (" + encoder.log.error + ")");
-    }
-    std::FILE* file = encoder.file;
-    encoder.file = nullptr;
-    if (std::fclose(file) != 0) {
-      throw std::runtime_error(std::string("cannot be written (") + std::strerror(errno) + ")");
-    }
-  } catch (const std::runtime_error& error) {
-    throw std::runtime_error(path + ": " + error.what());
+void writePng(std::FILE* file, const CTensor<float>& rgb) {
+  if (rgb.sizeX() < 1 || rgb.sizeY() < 1 || rgb.sizeZ() != 3) {
+    throw std::runtime_error("no pixels, or not three planes");
+  }
+  pictures::Encoder encoder;
+  encoder.row.resize(3 * static_cast<std::size_t>(rgb.sizeX()));
+  if (!pictures::writeRows(encoder, file, rgb)) {
+    throw std::runtime_error(encoder.log.error);
+  }
+  if (std::fflush(file) != 0) {
+    throw std::runtime_error(std::strerror(errno));
   }
 }

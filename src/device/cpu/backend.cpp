@@ -15,13 +15,13 @@ namespace {
 
 std::atomic<Code> lastError{kSuccess};
 
-/// Buffers start at different offsets into a page, so that the same pixel of several buffers does not fall
-/// onto the same cache sets.
+/// Buffers start at different offsets into a page, so that the same pixel of several buffers does not map to
+/// the same cache sets.
 constexpr std::size_t kPage = 4096;
 constexpr std::size_t kLine = 64;
 
-/// Large buffers ask for huge pages: an assembly visits some thirty planes side by side, more than the
-/// processor keeps small pages at hand for.
+/// Large buffers ask for huge pages: an assembly visits some thirty planes side by side, which is more small
+/// pages than the processor's translation buffer holds.
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 constexpr std::size_t kHugeFrom = std::size_t{1} << 20;
 
@@ -46,10 +46,10 @@ Code allocate(void** memory, std::size_t bytes) {
   auto* base = static_cast<char*>(std::aligned_alloc(unit, size));
   if (base == nullptr) return kOutOfMemory;
 #ifdef MADV_HUGEPAGE
-  if (unit == kHugePage) madvise(base, size, MADV_HUGEPAGE);  // a hint: refused, it costs nothing
+  if (unit == kHugePage) madvise(base, size, MADV_HUGEPAGE);  // a hint, which may be refused
 #endif
   char* start = base + offset;
-  std::memcpy(start - sizeof(void*), &base, sizeof(void*));  // found again by release
+  std::memcpy(start - sizeof(void*), &base, sizeof(void*));  // for release
   *memory = start;
   return kSuccess;
 }
@@ -106,8 +106,8 @@ const char* text(Code code) {
   }
 }
 
-/// An odd multiple of 16 floats: rows start on a cache line's boundary, and the planes of a stack do not all
-/// fall onto the same cache sets (unless the height is a multiple of 64).
+/// An odd multiple of 16 floats: rows start on a cache line, and the planes of a stack do not all map to the
+/// same cache sets (unless the height is a multiple of 64).
 int pitch(int w) {
   return (((w + 15) / 16) | 1) * 16;
 }
@@ -121,7 +121,7 @@ std::string describe() {
 
 const Backend& cpuBackend() {
   static const Backend backend{"cpu",         allocate,     release, clear, copyRows, synchronize,
-                               takeLastError, setLastError, text,    pitch, describe};
+                               takeLastError, setLastError, text,    pitch, describe, true};
   return backend;
 }
 

@@ -4,12 +4,12 @@
 
 namespace device::cpu {
 
-/// As many floats as a cache line holds.
+/// Floats in a cache line.
 constexpr int kStep = 16;
 
 /// Runs row.at(x) for the columns from `first` to `end` - 1 in vectors: the first kStep of them; then, from
-/// column kStep on, as many whole cache lines as there are; then the last kStep, so that no column is left to
-/// be done singly. Some are done twice. Needs first <= kStep <= end - first.
+/// column kStep on, as many whole cache lines as there are; then the last kStep, so that no column is done
+/// singly. Some columns are done twice. Needs first <= kStep <= end - first.
 template <class Row>
 TARVO_HOST void forColumns(const Row& row, int first, int end) {
 #pragma omp simd

@@ -20,7 +20,7 @@ struct IsInPlace : std::false_type {};
 template <class Kernel>
 struct IsInPlace<Kernel, std::enable_if_t<Kernel::kInPlace>> : std::true_type {};
 
-/// One row: the border columns singly, the ones between in vectors, where the compiler drops the border
+/// One row: the border columns singly; those between in vectors, since there the compiler drops the border
 /// tests.
 template <class Kernel>
 TARVO_HOST void runRow(const Kernel& kernel, int y, int w) {

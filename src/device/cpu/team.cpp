@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <mutex>
 #include <thread>
 
@@ -22,19 +23,23 @@ int usableProcessors() {
 }
 
 /// The chunks of a job are cut into ranges, one for each thread, but no more than kMostRanges. A thread
-/// claims the chunks of its own range first, then what is left of the others: in one job after the other over
-/// the same rows it meets rows that its caches still hold.
+/// claims the chunks of its own range first, then what is left of the others. So in successive jobs over the
+/// same rows it meets rows that its caches still hold.
 ///
 /// A job is posted by writing its fields, then the ticket of every range (generation << 32 | chunks left),
 /// then the generation. A thread claims a chunk by lowering a ticket from the value under which it read the
-/// fields: a success proves that a chunk of that job was left, so that its caller still waits and the fields
-/// are valid.
+/// fields. If that succeeds, a chunk of that job was left: its caller still waits, and the fields are valid.
 class Team {
  public:
-  explicit Team(int size) : size_(size) {}
+  explicit Team(int size) : size_(size), active_(std::min(size, usableProcessors())) {}
 
   int size() const { return size_.load(std::memory_order_relaxed); }
-  void resize(int size) { size_ = size; }
+  void resize(int size) {
+    size_ = size;
+    active_ = std::min(size, usableProcessors());
+  }
+  /// Threads that take part: those beyond the processors would only hold the others up.
+  int active() const { return active_.load(std::memory_order_relaxed); }
 
   void run(int chunks, void (*body)(const void*, int), const void* context) {
     const std::lock_guard<std::mutex> onlyJob(jobMutex_);
@@ -42,7 +47,7 @@ class Team {
     body_.store(body, std::memory_order_relaxed);
     context_.store(context, std::memory_order_relaxed);
     done_.store(0, std::memory_order_relaxed);
-    const int ranges = std::min(size(), kMostRanges);
+    const int ranges = std::min(active(), kMostRanges);
     chunks_.store(chunks, std::memory_order_relaxed);
     ranges_.store(ranges, std::memory_order_relaxed);
     const std::uint64_t generation = (generation_.load(std::memory_order_relaxed) + 1) & kLeft;
@@ -72,9 +77,14 @@ class Team {
     if (spin > kSpins) sched_yield();
   }
 
+  /// Where the system gives no further thread, those that there are do the work.
   void startWorkers() {
-    for (; started_ < size() - 1; ++started_) {
-      std::thread([this, index = started_] { live(index); }).detach();
+    try {
+      for (; started_ < active() - 1; ++started_) {
+        std::thread([this, index = started_] { live(index); }).detach();
+      }
+    } catch (const std::exception&) {
+      resize(started_ + 1);
     }
   }
 
@@ -122,7 +132,7 @@ class Team {
         continue;
       }
       seen = generation;
-      if (index < size() - 1) work(generation, index + 1);
+      if (index < active() - 1) work(generation, index + 1);
     }
   }
 
@@ -130,7 +140,7 @@ class Team {
   std::mutex sleepMutex_;
   std::condition_variable wake_;
   std::atomic<int> sleepers_{0};
-  std::atomic<int> size_;
+  std::atomic<int> size_, active_;
   int started_ = 0;
 
   struct alignas(64) Ticket {  // a cache line of its own
@@ -144,8 +154,8 @@ class Team {
   std::atomic<int> done_{0};
 };
 
-// Never destroyed: a process may end from inside a job. After a fork the child, which has no workers, gets a
-// new one.
+// Never destroyed: a process may end from inside a job. After a fork the child has no workers and gets a new
+// team.
 Team*& teamPointer() {
   static Team* team = [] {
     pthread_atfork(nullptr, nullptr, [] { teamPointer() = new Team(teamPointer()->size()); });

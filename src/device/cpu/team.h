@@ -4,23 +4,24 @@
 
 namespace device::cpu {
 
-/// Threads of the CPU device, the caller's included. Default: the processors this process may use.
+/// Threads of the CPU device, the caller's included. Default: the number of processors this process may use;
+/// of more than these only so many work. Becomes less where the system gives no further thread.
 int teamSize();
 void setTeamSize(int threads);
 
-/// Runs body(context, chunk) for every chunk in [0, chunks), each once, on the team, and returns when all are
-/// done. The caller claims chunks like the workers and never waits for a worker that has not claimed one.
-/// `body` must not throw.
+/// Runs body(context, chunk) on the team, once for every chunk in [0, chunks), and returns when all are done.
+/// The caller claims chunks like the workers and never waits for a worker that has not claimed one. `body`
+/// must not throw.
 void runChunks(int chunks, void (*body)(const void* context, int chunk), const void* context);
 
-/// Below this many pixels work runs on the caller's thread: handing it out would cost more than it saves.
+/// Below this many pixels work runs on the caller's thread: sharing it would cost more than it saves.
 constexpr int kPixelsForTeam = 12000;
 
-/// Rows per chunk when h rows of w pixels are shared out: a few chunks for each thread, none tiny. One chunk
-/// of all rows where the work stays on the caller's thread. Results never depend on it.
+/// Rows per chunk when h rows of w pixels are shared among the threads: a few chunks for each, none tiny; or
+/// all rows, if the work stays on the caller's thread. Results never depend on it.
 int rowsPerChunk(int h, int w);
 
-/// Runs function(y0, y1) over bands of `rows` rows that cover [0, h); the last one may be lower.
+/// Runs function(y0, y1) over bands of `rows` rows that cover [0, h); the last band may be smaller.
 template <class Function>
 void forBandsOf(int rows, int h, const Function& function) {
   if (rows >= h) {

@@ -10,7 +10,7 @@ namespace {
 int chosenDevice = 0;
 std::string chosenName;
 
-// An error that the layer itself sets, for injected failures; the runtime's own comes first.
+// An error that this room sets itself, for injected failures; an error of the runtime takes precedence.
 Code ownError = kSuccess;
 
 Code allocate(void** memory, std::size_t bytes) {
@@ -29,7 +29,7 @@ Code copyRows(void* to, std::size_t toPitch, const void* from, std::size_t fromP
                               : direction == Direction::ToHost ? cudaMemcpyDeviceToHost
                                                                : cudaMemcpyDeviceToDevice;
   if (width > toPitch || width > fromPitch)
-    return kInvalidValue;  // of a single row the runtime asks no pitch
+    return kInvalidValue;  // for a single row the runtime would not check the pitch
   if (rows == 1) return cudaMemcpy(to, from, width, kind);
   return cudaMemcpy2D(to, toPitch, from, fromPitch, width, rows, kind);
 }
@@ -63,6 +63,14 @@ std::string describe() {
 
 __global__ void trialKernel(int* out) {
   *out = 42;
+}
+
+/// The runtime calls a driver that is not there insufficient.
+const char* reasonText(cudaError_t error) {
+  int version = 0;
+  const bool noDriver =
+      error == cudaErrorInsufficientDriver && cudaDriverGetVersion(&version) == cudaSuccess && version == 0;
+  return noDriver ? "there is no NVIDIA driver" : cudaGetErrorString(error);
 }
 
 /// Runs a kernel on the current device and reads its result back.
@@ -108,7 +116,7 @@ bool startCuda(int index, std::string& why) {
   if (error == cudaSuccess) error = cudaSetDevice(device);
   if (error == cudaSuccess) error = tryDevice();
   if (error != cudaSuccess) {
-    why = std::string("no working CUDA device: ") + cudaGetErrorString(error);
+    why = std::string("no working CUDA device: ") + reasonText(error);
     cudaGetLastError();
     return false;
   }
@@ -131,7 +139,7 @@ void leaveCuda(int callersDevice) {
 
 const Backend& cudaBackend() {
   static const Backend backend{"cuda",        allocate,     release, clear, copyRows, synchronize,
-                               takeLastError, setLastError, text,    pitch, describe};
+                               takeLastError, setLastError, text,    pitch, describe, false};
   return backend;
 }
 

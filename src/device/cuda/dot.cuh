@@ -40,12 +40,17 @@ static __global__ void __launch_bounds__(kFinalLanes)
   if (lane == 0) *result = lanes[0];
 }
 
-inline void dot(const float* a, const float* b, int h, int w, int p, float* sums, float* result) {
+}  // namespace device::cuda
+
+namespace device {
+
+inline void launchOnCuda(const DotProduct& dot) {
   constexpr unsigned kWarps = 8;
-  const int n = h * segmentsPerRow(w);
+  const int n = dot.h * segmentsPerRow(dot.w);
   const unsigned blocks = (static_cast<unsigned>(n) + kWarps - 1) / kWarps;
-  start(dotSegmentsKernel, dim3(blocks), dim3(kWarps * kLanes), a, b, h, w, p, sums);
-  start(dotFinalKernel, dim3(1), dim3(kFinalLanes), sums, n, result);
+  cuda::start(cuda::dotSegmentsKernel, dim3(blocks), dim3(kWarps * kLanes), dot.a, dot.b, dot.h, dot.w, dot.p,
+              dot.sums);
+  cuda::start(cuda::dotFinalKernel, dim3(1), dim3(kFinalLanes), dot.sums, n, dot.result);
 }
 
-}  // namespace device::cuda
+}  // namespace device

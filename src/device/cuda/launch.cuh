@@ -5,7 +5,7 @@
 
 namespace device::cuda {
 
-/// Block shape of every per-pixel launch: a warp along a row, so that its accesses join into whole lines.
+/// Block shape of every per-pixel launch: a warp lies along a row, so that its accesses form whole lines.
 constexpr unsigned kBlockX = 32;
 constexpr unsigned kBlockY = 8;
 
@@ -17,7 +17,7 @@ __global__ void __launch_bounds__(kBlockX* kBlockY) planeKernel(const Kernel ker
 }
 
 template <class Kernel>
-void launchPlane(const Kernel& kernel) {
+void launchOnCuda(const Kernel& kernel) {
   const int h = rowsOf(kernel, 0);
   const int w = columnsOf(kernel, 0);
   if (h <= 0 || w <= 0) return;

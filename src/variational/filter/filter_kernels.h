@@ -88,9 +88,8 @@ struct Convolve2d_kernel {
   }
 };
 
-/// Two-dimensional correlation with mirrored borders: a position with both coordinates inside is read
-/// directly, otherwise both are mirrored about the border pixel without repeating it, and limited to the
-/// plane.
+/// Two-dimensional correlation with mirrored borders: a position outside the plane is mirrored about the
+/// border pixel, which is not repeated, and then limited to the plane.
 struct convolveXYsmall_kernel {
   device::Taps mask;
   float* out;

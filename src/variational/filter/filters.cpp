@@ -84,11 +84,7 @@ TARVO_BAND void convolveBand(device::View source, device::Taps mask, float* out,
 }
 
 void convolveLong(float* out, const device::View& source, int p, const device::Taps& mask, char direction) {
-  if (device::onCuda()) {
-    launch(kernels::Convolve2dSep_kernel{source, mask, out, source.h, source.w, p, direction});
-    return;
-  }
-  launchCpuForm([&] {
+  launch(kernels::Convolve2dSep_kernel{source, mask, out, source.h, source.w, p, direction}, [&] {
     device::cpu::forBands(source.h, source.w,
                           [&](int y0, int y1) { convolveBand(source, mask, out, p, direction, y0, y1); });
   });

@@ -15,8 +15,8 @@ float gauss_derivative(float x, float sigma) {
 
 namespace {
 
-/// Three standard deviations to either side, an odd number of taps. One for a sigma that is not positive;
-/// more than a mask may have, which its use refuses, for one that is too large.
+/// Three standard deviations to either side, an odd number of taps. One tap for a sigma that is not positive;
+/// for one that is too large more taps than a mask may have, so that the filter rejects the mask.
 int maskLength(float sigma) {
   constexpr float kTooLong = 8192.0f;
   if (!(sigma > 0.0f)) return 1;

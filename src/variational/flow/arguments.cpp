@@ -1,9 +1,12 @@
 #include "variational/flow/arguments.h"
 
+#include <tarvo/picture.h>
+
 #include <climits>
 #include <cmath>
 #include <sstream>
 #include <stdexcept>
+#include <string>
 
 namespace variational {
 namespace {
@@ -17,18 +20,21 @@ template <class Value>
 
 }  // namespace
 
-void checkSize(const char* function, const char* what, int height, int width, int channels) {
-  // Twelve planes, the system matrix, is the largest stack; a pitch exceeds the width by less than 64.
-  constexpr long kPlanes = 12;
-  constexpr long kPadding = 64;
+void checkPlane(const char* function, const char* what, int height, int width, int planes) {
+  constexpr long kPadding = 64;  // a pitch exceeds the width by less
+  const long most = INT_MAX / planes;
   if (width < 1 || height < 1) {
     refuse(function, what, "at least 1 x 1", std::to_string(width) + " x " + std::to_string(height));
   }
-  if ((static_cast<long>(width) + kPadding) * height > INT_MAX / kPlanes) {
-    refuse(function, what, "at most about 178 million pixels",
+  if ((static_cast<long>(width) + kPadding) * height > most) {
+    refuse(function, what, ("at most about " + std::to_string(most / 1000000) + " million pixels").c_str(),
            std::to_string(width) + " x " + std::to_string(height));
   }
-  if (channels != 3) {
+}
+
+void checkSize(const char* function, const char* what, int height, int width, int channels) {
+  checkPlane(function, what, height, width);
+  if (channels != kPictureChannels) {
     refuse(function, what, "of 3 channels",
            std::to_string(channels) + (channels == 1 ? " channel" : " channels"));
   }

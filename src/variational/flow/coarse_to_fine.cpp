@@ -5,7 +5,7 @@
 #include <tarvo/variational.h>
 
 #include <algorithm>
-#include <iterator>
+#include <utility>
 #include <vector>
 
 #include "device/report.h"
@@ -18,6 +18,7 @@ namespace {
 
 constexpr const char* kUnit = units::kOpticalFlowGPU;
 constexpr int kChannels = 3;
+constexpr int kLevelPlanes = 3 + 1 + kChannels;  // of CoarseToFine::LevelPlanes
 
 /// Pitch of a pass: the input's at full resolution, else the device's own for the level's width.
 int pitchOf(const Level& level, const FlowInput& input) {
@@ -51,35 +52,40 @@ float* readOnly(const float* plane) {
 
 }  // namespace
 
+std::size_t coarseToFineFloats(int height, int width, int pitch, float eta) {
+  const FlowInput input{nullptr, nullptr, {}, height, width, pitch, kChannels};
+  const int levels = levelsAbove(height, width, eta);
+  const std::size_t largest = largestPlane(input, eta, levels);
+  const std::size_t flows = 2 * 2;  // of two levels
+  return (kLevelPlanes + Scratch::kPlanes + flows) * largest +
+         PictureLevels(nullptr, nullptr, height, width, pitch, pictureSizes(input, eta, levels)).floats();
+}
+
+CoarseToFine::LevelPlanes::LevelPlanes(std::size_t floats) {
+  auto clock = TARVO_STOPWATCH(memcpy);
+  for (device::Buffer* plane : {&matchU, &matchV, &matchWeight}) TARVO_CALL(plane->allocate(floats));
+  device::synchronize();
+  clock.stop();
+  TARVO_CALL(valid.allocate(floats));
+  TARVO_CALL(warped.allocate(kChannels * floats));
+}
+
+void CoarseToFine::LevelPlanes::release() {
+  for (device::Buffer* buffer : {&matchU, &matchV, &matchWeight, &valid, &warped}) {
+    TARVO_CALL(buffer->release());
+  }
+}
+
 CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
     : input_(input),
       weights_(weights),
       levels_(levelsAbove(input.height, input.width, weights.eta)),
-      largest_(largestPlane(input, weights.eta, levels_)),
-      scratch_((allocateMatchPlanes(), largest_)),
+      planes_(largestPlane(input, weights.eta, levels_)),
+      scratch_(largestPlane(input, weights.eta, levels_)),
       pictures_(input.image1, input.image2, input.height, input.width, input.pitch,
                 pictureSizes(input, weights.eta, levels_)),
-      matches_({input.matchU, input.matchV, input.matchWeight}, input.height, input.width, input.pitch) {
-  reserveLevelBuffers();
-}
-
-void CoarseToFine::allocateMatchPlanes() {
-  auto memcpy = TARVO_STOPWATCH(memcpy);
-  for (device::Buffer* plane : {&matchU_, &matchV_, &matchWeight_}) TARVO_CALL(plane->allocate(largest_));
-  device::synchronize();
-  memcpy.stop();
+      matches_(input.matches, input.height, input.width, input.pitch) {
   report::print("# scales = %d \n", levels_);
-}
-
-void CoarseToFine::reserveLevelBuffers() {
-  // What the passes at full resolution hold at one time: warped picture and first derivatives, and single
-  // planes for the flow and the flow that is being enlarged, or for flow and validity.
-  constexpr int kPlanes[] = {kChannels, 3 * kChannels, 1, 1, 1, 1};
-  device::Buffer buffers[std::size(kPlanes)];
-  for (std::size_t k = 0; k < std::size(kPlanes); ++k) {
-    TARVO_CALL(buffers[k].allocate(static_cast<std::size_t>(kPlanes[k]) * largest_));
-  }
-  for (device::Buffer& buffer : buffers) TARVO_CALL(buffer.release());
 }
 
 void CoarseToFine::run() {
@@ -96,132 +102,110 @@ void CoarseToFine::run() {
 }
 
 void CoarseToFine::runPass(const Level& level) {
-  const bool first = level.clamped == levels_ || u_.get() == nullptr;
-  p_ = pitchOf(level, input_);
-  buildLevel(level);
+  const int p = pitchOf(level, input_);
+  const bool first = level.clamped == levels_ || flow_.p == 0;
+
+  auto down = TARVO_STOPWATCH(down);
+  const Pictures pictures = picturesOf(level);
+  const MatchField matches = matchesOf(level, p);
+  device::synchronize();
+  down.stop();
+  TARVO_LAUNCHED("Input safe");
 
   auto interp_warp = TARVO_STOPWATCH(interp_warp);
-  carryFlow(level, first);
+  carryFlow(level, p, first);
   TARVO_LAUNCHED("u,v safe");
-  warp(level, first);
+  const float* second = warp(level, p, pictures, first);
   device::synchronize();
   interp_warp.stop();
 
   const int solverIterations = weights_.solverIterations * (level.index < 0 ? 2 : 1);
-  gNonLinearIteration(readOnly(image1_), readOnly(second_), gconf_.get(), readOnly(levelU_),
-                      readOnly(levelV_), readOnly(levelWeight_), 1, u_.get(), v_.get(), level.h, level.w, p_,
-                      input_.channels, weights_.alpha, weights_.beta, weights_.gamma * level.scale,
-                      weights_.fixedPointIterations, solverIterations, 1.0f, scratch_.cg(), scratch_.fp());
-  releasePass();
+  gNonLinearIteration(readOnly(pictures.first), readOnly(second), planes_.valid.get(), readOnly(matches.u),
+                      readOnly(matches.v), readOnly(matches.weight), 1, flow_.u.get(), flow_.v.get(), level.h,
+                      level.w, p, input_.channels, weights_.alpha, weights_.beta,
+                      weights_.gamma * level.scale, weights_.fixedPointIterations, solverIterations, 1.0f,
+                      scratch_.cg(), scratch_.fp());
 }
 
-void CoarseToFine::buildLevel(const Level& level) {
-  auto down = TARVO_STOPWATCH(down);
-  if (level.index > 0) {
-    const PictureLevels::Pictures pictures = pictures_.next();
-    image1_ = pictures.first;
-    image2_ = pictures.second;
-  } else {
-    image1_ = input_.image1;
-    image2_ = input_.image2;
-  }
-  buildMatches(level);
-  device::synchronize();
-  down.stop();
-  TARVO_LAUNCHED("Input safe");
+CoarseToFine::Pictures CoarseToFine::picturesOf(const Level& level) {
+  if (level.index > 0) return pictures_.next();
+  return {input_.image1, input_.image2};
 }
 
-void CoarseToFine::buildMatches(const Level& level) {
-  if (input_.matchWeight == nullptr || level.index < 0) {
-    levelU_ = levelV_ = levelWeight_ = nullptr;  // no match counts
-    return;
-  }
-  levelU_ = matchU_.get();
-  levelV_ = matchV_.get();
-  levelWeight_ = matchWeight_.get();
-  if (level.index == 0) {
-    levelU_ = input_.matchU;
-    levelV_ = input_.matchV;
-    levelWeight_ = input_.matchWeight;
-    return;
-  }
-  matches_.build(matchU_.get(), matchV_.get(), matchWeight_.get(), level.h, level.w, p_, level.scale);
+MatchField CoarseToFine::matchesOf(const Level& level, int p) {
+  if (input_.matches.weight == nullptr || level.index < 0) return {};  // no match counts
+  if (level.index == 0) return input_.matches;
+  float *u = planes_.matchU.get(), *v = planes_.matchV.get(), *weight = planes_.matchWeight.get();
+  matches_.build(u, v, weight, level.h, level.w, p, level.scale);
+  return {u, v, weight};
 }
 
-void CoarseToFine::carryFlow(const Level& level, bool first) {
+void CoarseToFine::carryFlow(const Level& level, int p, bool first) {
+  if (!first && level.index < 0) return;  // goes on where the pass before has ended
+  Flow next = newFlow(level, p);
   if (first) {
-    for (device::Buffer* plane : {&u_, &v_}) {
-      TARVO_CALL(plane->release());
-      TARVO_CALL(allocatePlanes(*plane, level, 1));
-      setValue_kernel(plane->get(), level.h, level.w, p_, 0.0f);
-    }
-  } else if (level.index >= 0) {
-    prolongate(level);
+    setValue_kernel(next.u.get(), level.h, level.w, p, 0.0f);
+    setValue_kernel(next.v.get(), level.h, level.w, p, 0.0f);
+  } else {
+    enlargeFlow(next.u.get(), next.v.get(), level.h, level.w, p, flow_.u.get(), flow_.v.get(), level.hPrev,
+                level.wPrev, flow_.p, 1.0f / weights_.eta);
   }
-  flowPitch_ = p_;
+  TARVO_CALL(flow_.u.release());
+  TARVO_CALL(flow_.v.release());
+  flow_ = std::move(next);
 }
 
-void CoarseToFine::prolongate(const Level& level) {
-  device::Buffer finerU, finerV;
-  TARVO_CALL(allocatePlanes(finerU, level, 1));
-  TARVO_CALL(allocatePlanes(finerV, level, 1));
-  enlargeFlow(finerU.get(), finerV.get(), level.h, level.w, p_, u_.get(), v_.get(), level.hPrev, level.wPrev,
-              flowPitch_, 1.0f / weights_.eta);
-  TARVO_CALL(u_.release());
-  TARVO_CALL(v_.release());
-  u_ = std::move(finerU);
-  v_ = std::move(finerV);
-}
-
-void CoarseToFine::warp(const Level& level, bool first) {
-  TARVO_CALL(allocatePlanes(gconf_, level, 1));
+const float* CoarseToFine::warp(const Level& level, int p, const Pictures& pictures, bool first) {
   TARVO_LAUNCHED("gconf safe");
+  const float* second = pictures.second;
   if (first) {
-    setValue_kernel(gconf_.get(), level.h, level.w, p_, 1.0f);
-    second_ = image2_;
+    setValue_kernel(planes_.valid.get(), level.h, level.w, p, 1.0f);
   } else {
-    TARVO_CALL(allocatePlanes(warped_, level, input_.channels));
-    gWarpMotion(warped_.get(), u_.get(), v_.get(), image2_, image1_, input_.channels, gconf_.get(), level.h,
-                level.w, p_);
-    second_ = warped_.get();
+    gWarpMotion(planes_.warped.get(), flow_.u.get(), flow_.v.get(), pictures.second, pictures.first,
+                input_.channels, planes_.valid.get(), level.h, level.w, p);
+    second = planes_.warped.get();
   }
   TARVO_LAUNCHED("Warping safe");
-}
-
-void CoarseToFine::releasePass() {
-  for (device::Buffer* buffer : {&gconf_, &warped_}) TARVO_CALL(buffer->release());
+  return second;
 }
 
 void CoarseToFine::finish(float** u, float** v) {
-  if (flowPitch_ != input_.pitch) {  // no pass ran at full resolution, or none at all
-    toInputPitch(u_);
-    toInputPitch(v_);
+  if (!flow_.whole || flow_.p != input_.pitch) {  // no pass ran at full resolution, or none at all
+    toInputPitch(flow_.u);
+    toInputPitch(flow_.v);
   }
   TARVO_LAUNCHED("ER");
-  for (device::Buffer* plane : {&matchU_, &matchV_, &matchWeight_}) TARVO_CALL(plane->release());
+  planes_.release();
   scratch_.release();
   pictures_.release();
-  *u = u_.detach();
-  *v = v_.detach();
+  *u = flow_.u.detach();
+  *v = flow_.v.detach();
 }
 
-void CoarseToFine::toInputPitch(device::Buffer& plane) {
+CoarseToFine::Flow CoarseToFine::newFlow(const Level& level, int p) const {
+  Flow flow;
+  flow.p = p;
+  flow.whole = level.clamped == 0;
+  const std::size_t floats = device::planeFloats(level.h, p);
+  for (device::Buffer* plane : {&flow.u, &flow.v}) {
+    TARVO_CALL(flow.whole ? plane->allocateWhole(floats) : plane->allocate(floats));
+  }
+  return flow;
+}
+
+void CoarseToFine::toInputPitch(device::Buffer& plane) const {
   const int h = input_.height;
   const int w = input_.width;
   device::Buffer full;
-  TARVO_CALL(full.allocate(device::planeFloats(h, input_.pitch)));
+  TARVO_CALL(full.allocateWhole(device::planeFloats(h, input_.pitch)));
   if (plane.get() != nullptr) {
-    TARVO_CALL(device::copyPlanes(full.get(), input_.pitch, plane.get(), flowPitch_, h, w, 1,
+    TARVO_CALL(device::copyPlanes(full.get(), input_.pitch, plane.get(), flow_.p, h, w, 1,
                                   device::Direction::OnDevice));
   } else {
     setValue_kernel(full.get(), h, w, input_.pitch, 0.0f);
   }
   TARVO_CALL(plane.release());
   plane = std::move(full);
-}
-
-device::Code CoarseToFine::allocatePlanes(device::Buffer& buffer, const Level& level, int planes) {
-  return buffer.allocate(device::planeFloats(level.h, p_, planes));
 }
 
 }  // namespace variational

@@ -14,12 +14,15 @@ namespace variational {
 /// Full-resolution input of the coarse-to-fine scheme: device stacks of three planes, and the match field.
 struct FlowInput {
   const float *image1, *image2;
-  const float *matchU, *matchV, *matchWeight;  ///< null: no matches
+  MatchField matches;  ///< a null weight: no matches
   int height, width, pitch, channels;
 };
 
-/// One flow computation from the coarsest level to the last pass at full resolution. Holds the scratch of the
-/// whole call, the buffers of the current pass and the flow that moves from pass to pass.
+/// Floats that a flow computation takes from the pool at one time, beside its input and the flow it returns.
+std::size_t coarseToFineFloats(int height, int width, int pitch, float eta);
+
+/// One flow computation from the coarsest level to the last pass at full resolution. Holds the buffers of the
+/// whole call, each large enough for every level, and the flow that moves from pass to pass.
 class CoarseToFine {
  public:
   CoarseToFine(const FlowInput& input, const FlowWeights& weights);
@@ -30,39 +33,44 @@ class CoarseToFine {
   void finish(float** u, float** v);
 
  private:
-  void allocateMatchPlanes();
-  /// Makes the pool hold buffers that serve every level, so that the levels, each larger than the last, do
-  /// not each ask the system for new ones.
-  void reserveLevelBuffers();
+  using Pictures = PictureLevels::Pictures;
+
+  /// Planes of one size; none before the first pass.
+  struct Flow {
+    device::Buffer u, v;
+    int p = 0;
+    bool whole = false;  ///< buffers that can be handed out
+  };
+
+  /// What the passes at reduced size make of the input and the flow.
+  struct LevelPlanes {
+    device::Buffer matchU, matchV, matchWeight;
+    device::Buffer valid;   ///< 1 where the warp has found a source pixel
+    device::Buffer warped;  ///< the second picture, moved by the flow
+
+    explicit LevelPlanes(std::size_t floats);
+    void release();
+  };
+
   void runPass(const Level& level);
-  void buildLevel(const Level& level);
-  void buildMatches(const Level& level);
-  void carryFlow(const Level& level, bool first);
-  void prolongate(const Level& level);
-  void warp(const Level& level, bool first);
-  void releasePass();
-  void toInputPitch(device::Buffer& plane);
-  device::Code allocatePlanes(device::Buffer& buffer, const Level& level, int planes);
+  Pictures picturesOf(const Level& level);
+  MatchField matchesOf(const Level& level, int p);
+  /// Makes the flow that the pass starts from: zero at first, later what the coarser pass has found.
+  void carryFlow(const Level& level, int p, bool first);
+  /// The second picture as the flow sees it, and where it is valid.
+  const float* warp(const Level& level, int p, const Pictures& pictures, bool first);
+
+  Flow newFlow(const Level& level, int p) const;
+  void toInputPitch(device::Buffer& plane) const;
 
   FlowInput input_;
   FlowWeights weights_;
   int levels_;  ///< S
-  std::size_t largest_;
-
-  device::Buffer matchU_, matchV_, matchWeight_;  // of the level; sized for the largest
-  Scratch scratch_;                               // allocated behind the match planes
+  LevelPlanes planes_;
+  Scratch scratch_;
   PictureLevels pictures_;
   MatchLevels matches_;
-
-  // The current pass. Pictures point into pictures_ or, at full resolution, to the input.
-  int p_ = 0;
-  device::Buffer gconf_, warped_;
-  const float *image1_ = nullptr, *image2_ = nullptr, *second_ = nullptr;
-  const float *levelU_ = nullptr, *levelV_ = nullptr, *levelWeight_ = nullptr;  // null: no matches
-
-  // The flow, of pitch flowPitch_; empty before the first pass.
-  device::Buffer u_, v_;
-  int flowPitch_ = 0;  // 0: none
+  Flow flow_;
 };
 
 }  // namespace variational

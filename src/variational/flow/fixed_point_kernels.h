@@ -3,6 +3,7 @@
 #include <tarvo/solvers.h>
 
 #include "variational/elementwise_kernels.h"
+#include "variational/solver/solver_kernels.h"
 
 namespace kernels {
 
@@ -100,7 +101,7 @@ struct SystemPlanes {
   const float *stData, *stGrad, *u, *v, *diffX, *diffY;
 
   /// Equations of pixel (x, y) for the weights fd, fg and the match sums; a coupling is
-  /// strength(diffusivity). kOnce: what SystemLayout::once does not need is not written. kInside: the pixel
+  /// strength(diffusivity). kOnce: in the layout SystemLayout::once, else in the full one. kInside: the pixel
   /// is known to have all four neighbours.
   template <bool kOnce, bool kInside, class Strength>
   TARVO_HOST_DEVICE void assemble(int x, int y, int h, int w, int p, float fd, float fg,
@@ -117,15 +118,16 @@ struct SystemPlanes {
     if (kInside || x >= 1) west = pixel.couple(strength(diffX[i - 1]), u[i - 1] - u[i], v[i - 1] - v[i]);
     if (kInside || x < w - 1) east = pixel.couple(strength(diffX[i]), u[i + 1] - u[i], v[i + 1] - v[i]);
     if (kInside || y < h - 1) south = pixel.couple(strength(diffY[i]), u[i + p] - u[i], v[i + p] - v[i]);
-    matrix[i + kMatrixUU * n] = pixel.auu;
-    matrix[i + kMatrixVU * n] = auv;
-    matrix[i + kMatrixVV * n] = pixel.avv;
-    matrix[i + kMatrixEast * n] = east;
-    matrix[i + kMatrixSouth * n] = south;
+    const SystemLayout entry = kOnce ? SystemLayout::once(n, p) : SystemLayout::full(n);
+    matrix[i] = pixel.auu;
+    matrix[i + entry.vu] = auv;
+    matrix[i + entry.vv] = pixel.avv;
+    matrix[i + entry.east] = east;
+    matrix[i + entry.south] = south;
     if (!kOnce) {
-      matrix[i + kMatrixUV * n] = auv;
-      matrix[i + kMatrixNorth * n] = north;
-      matrix[i + kMatrixWest * n] = west;
+      matrix[i + entry.uv] = auv;
+      matrix[i + entry.north] = north;
+      matrix[i + entry.west] = west;
     }
     rhs[i] = pixel.bu;
     rhs[i + n] = pixel.bv;

@@ -5,12 +5,6 @@
 #include <cmath>
 
 namespace variational {
-namespace {
-
-/// About the smallest side of the coarsest level.
-constexpr double kLeastSide = 15.0;
-
-}  // namespace
 
 int levelsAbove(int height, int width, float eta) {
   const auto side = static_cast<double>(static_cast<float>(std::min(height, width)));

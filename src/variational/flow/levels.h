@@ -14,8 +14,10 @@ struct Level {
 
 /// The further passes at full resolution, without the match term.
 constexpr int kFinalPasses = 5;
+/// About the shorter side of the coarsest level [pixels].
+constexpr double kLeastSide = 15.0;
 
-/// Number S of pyramid levels above full resolution: the smaller side shrinks to about 15 pixels.
+/// Number S of pyramid levels above full resolution: the shorter side shrinks to about kLeastSide.
 int levelsAbove(int height, int width, float eta);
 
 /// Pass `index` of a picture of the given size; all in single precision.

@@ -1,5 +1,6 @@
 #include "variational/flow/scratch.h"
 
+#include "variational/solver/solver_kernels.h"
 #include "variational/units.h"
 
 namespace variational {
@@ -7,31 +8,46 @@ namespace {
 
 constexpr const char* kUnit = units::kOpticalFlowGPU;
 
-/// Planes of each FPtmp buffer, in the record's order.
-constexpr int kPlanesOf[] = {2, 6, 6, 1, 1, 1, 1, 1, 1, 1, 12, 2};
+constexpr int kTensorPlanes = 6;
+constexpr int kMatrixPlanes = kernels::SystemLayout::kOncePlanes;
+constexpr int kSystemPlanes = kMatrixPlanes + 2 + 2;
+static_assert(kSystemPlanes >= 9, "structureTensors keeps nine planes of derivatives there");
 
 }  // namespace
 
-Scratch::Scratch(std::size_t floats) {
-  for (device::Buffer& vector : vectors_) TARVO_CALL(vector.allocate(2 * floats));
-  for (int k = 0; k < kPlanes; ++k) {
-    TARVO_CALL(planes_[k].allocate(static_cast<std::size_t>(kPlanesOf[k]) * floats));
-  }
+static_assert(Scratch::kPlanes == kSystemPlanes + 2 * kTensorPlanes + 4 * 2,
+              "what the constructor allocates");
+
+Scratch::Scratch(std::size_t floats) : floats_(floats) {
+  TARVO_CALL(system_.allocate(kSystemPlanes * floats));
+  TARVO_CALL(tensors_.allocate(2 * kTensorPlanes * floats));
+  for (device::Buffer* pair : {&increment_, &r_, &search_, &q_}) TARVO_CALL(pair->allocate(2 * floats));
 }
 
 void Scratch::release() {
-  for (device::Buffer& vector : vectors_) TARVO_CALL(vector.release());
-  for (device::Buffer& plane : planes_) TARVO_CALL(plane.release());
+  for (device::Buffer* buffer : {&system_, &tensors_, &increment_, &r_, &search_, &q_}) {
+    TARVO_CALL(buffer->release());
+  }
 }
 
 CGtmp Scratch::cg() const {
-  return {vectors_[0].get(), vectors_[1].get(), vectors_[2].get(), vectors_[3].get(), vectors_[4].get()};
+  CGtmp cg{};
+  cg.r = r_.get();
+  cg.search = search_.get();
+  cg.q = q_.get();
+  return cg;
 }
 
 FPtmp Scratch::fp() const {
-  return {planes_[0].get(), planes_[1].get(), planes_[2].get(),  planes_[3].get(),
-          planes_[4].get(), planes_[5].get(), planes_[6].get(),  planes_[7].get(),
-          planes_[8].get(), planes_[9].get(), planes_[10].get(), planes_[11].get()};
+  FPtmp fp{};
+  fp.increment = increment_.get();
+  fp.stData = tensors_.get();
+  fp.stGrad = fp.stData + kTensorPlanes * floats_;
+  fp.matrix = system_.get();
+  fp.rhs = fp.matrix + kMatrixPlanes * floats_;
+  fp.diffX = fp.rhs + 2 * floats_;
+  fp.diffY = fp.diffX + floats_;
+  return fp;
 }
 
 }  // namespace variational

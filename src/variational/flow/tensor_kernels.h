@@ -74,7 +74,7 @@ struct TensorSum {
     j13 += gz * (gx * k);
     j23 += gz * (gy * k);
   }
-  /// The constraints (xx, xy, xz) and (xy, yy, yz), each divided by the magnitude of its gradient, times g.
+  /// The products of (xx, xy, xz) and of (xy, yy, yz), each over the magnitude of its gradient, times g.
   TARVO_HOST_DEVICE void addGradient(float xx, float xy, float yy, float xz, float yz, float g) {
     const float kx = inverseRoot(xx * xx + xy * xy);
     const float ky = inverseRoot(xy * xy + yy * yy);
@@ -183,8 +183,7 @@ struct gradientY_kernel {
 };
 
 /// Both diffusivities of the total flow in one visit: the same operations as copying, adding, the central
-/// differences with clamped borders, gradientX_kernel, gradientY_kernel and normalize_kernel one after the
-/// other.
+/// differences with clamped borders, gradientX_kernel, gradientY_kernel and normalize_kernel in turn.
 struct TotalFlowDiffusivity {
   const float *u, *v, *du, *dv;
   float *diffX, *diffY;

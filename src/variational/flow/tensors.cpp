@@ -62,10 +62,7 @@ void variational::structureTensors(const float* image1, const float* warped2, co
   constexpr std::size_t kTensorPlanes = 6;
   const std::size_t n = device::planeFloats(h, p);
   if (channels == kColours) {
-    device::Buffer scratch;
-    TARVO_CALL(scratch.allocate(3 * kColours * n));
-    sumTensors<kColours, true>(image1, warped2, fp.stData, fp.stGrad, gconf, scratch.get(), h, w, p);
-    TARVO_CALL(scratch.release());
+    sumTensors<kColours, true>(image1, warped2, fp.stData, fp.stGrad, gconf, fp.matrix, h, w, p);
     return;
   }
   TARVO_CALL(device::clear(fp.stData, kTensorPlanes * n * sizeof(float)));

@@ -56,14 +56,8 @@ struct UploadedInput {
       for (int k = 0; k < 3; ++k) upload(matches[k], hostMatches[k], 1);
     }
     device::synchronize();
-    input = {images[0].get(),
-             images[1].get(),
-             matches[0].get(),
-             matches[1].get(),
-             matches[2].get(),
-             height,
-             width,
-             p,
+    input = {images[0].get(), images[1].get(), {matches[0].get(), matches[1].get(), matches[2].get()},
+             height,          width,           p,
              kChannels};
   }
   void release() {
@@ -104,7 +98,7 @@ void gVariationalFlowTarvo(float* image1, float* image2, float** uOut, float** v
                            float* matchV, float* matchWeight, int /*candidates*/, int height, int width,
                            int pitch, int channels, float sigma, float alpha, float beta, float gamma,
                            float eta, int fixedPointIterations, int solverIterations, int /*reserved*/) {
-  coarseToFine({image1, image2, matchU, matchV, matchWeight, height, width, pitch, channels},
+  coarseToFine({image1, image2, {matchU, matchV, matchWeight}, height, width, pitch, channels},
                {alpha, beta, gamma, eta, fixedPointIterations, solverIterations}, sigma, uOut, vOut);
 }
 

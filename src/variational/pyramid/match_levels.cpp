@@ -9,8 +9,8 @@
 #include <numeric>
 
 #include "device/cpu/band.h"
+#include "device/cpu/form.h"
 #include "device/cpu/team.h"
-#include "device/launch.h"
 #include "variational/pyramid/pyramid_kernels.h"
 
 namespace variational {
@@ -87,24 +87,20 @@ void forSamples(int inW, int outW, const Visit& visit) {
 
 }  // namespace
 
-MatchLevels::MatchLevels(const MatchField& field, int h, int w, int p) : field_(field), h_(h), w_(w), p_(p) {
-  if (device::onCuda() || field.weight == nullptr) return;
-  for (int y = 0; y < h; ++y) {
+void MatchLevels::listMatches() {
+  for (int y = 0; y < h_; ++y) {
     rows_.push_back(static_cast<int>(matches_.size()));
-    const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(y) * p;
-    for (int x = 0; x < w; ++x) {
-      const float weight = field.weight[row + x];
-      if (weight > 0.0f) matches_.push_back({x, field.u[row + x], field.v[row + x], weight});
+    const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(y) * p_;
+    for (int x = 0; x < w_; ++x) {
+      const float weight = field_.weight[row + x];
+      if (weight > 0.0f) matches_.push_back({x, field_.u[row + x], field_.v[row + x], weight});
     }
   }
   rows_.push_back(static_cast<int>(matches_.size()));
 }
 
-void MatchLevels::build(float* u, float* v, float* weight, int outH, int outW, int outP, float scale) const {
-  if (!device::onCuda()) {
-    launchCpuForm([&] { buildOnCpu(u, v, weight, outH, outW, outP, scale); });
-    return;
-  }
+void MatchLevels::build(float* u, float* v, float* weight, int outH, int outW, int outP, float scale) {
+  if (device::cpu::runs([&] { buildOnCpu(u, v, weight, outH, outW, outP, scale); })) return;
   const auto shrink = [&](const float* plane, float* out) {
     downsample(plane, h_, w_, p_, out, outH, outW, outP, field_.weight);
   };
@@ -115,8 +111,8 @@ void MatchLevels::build(float* u, float* v, float* weight, int outH, int outW, i
   shrink(field_.weight, weight);
 }
 
-void MatchLevels::buildOnCpu(float* u, float* v, float* weight, int outH, int outW, int outP,
-                             float scale) const {
+void MatchLevels::buildOnCpu(float* u, float* v, float* weight, int outH, int outW, int outP, float scale) {
+  if (rows_.empty()) listMatches();
   // The shares of a source column side by side, in the order of the target columns.
   std::vector<int> reach(static_cast<std::size_t>(w_) + 1, 0);
   forSamples(w_, outW, [&](int i, int, float, float) { ++reach[static_cast<std::size_t>(i) + 1]; });

@@ -18,13 +18,14 @@ struct MatchField {
 class MatchLevels {
  public:
   /// @param field  h x w, pitch p; a null weight: no matches, and build must not be called
-  MatchLevels(const MatchField& field, int h, int w, int p);
+  MatchLevels(const MatchField& field, int h, int w, int p) : field_(field), h_(h), w_(w), p_(p) {}
 
   /// Planes of outH x outW, pitch outP; not-a-number where no weight is positive.
-  void build(float* u, float* v, float* weight, int outH, int outW, int outP, float scale) const;
+  void build(float* u, float* v, float* weight, int outH, int outW, int outP, float scale);
 
  private:
-  void buildOnCpu(float* u, float* v, float* weight, int outH, int outW, int outP, float scale) const;
+  void buildOnCpu(float* u, float* v, float* weight, int outH, int outW, int outP, float scale);
+  void listMatches();
 
   /// A pixel with a positive weight.
   struct Match {
@@ -35,7 +36,7 @@ class MatchLevels {
 
   MatchField field_;
   int h_, w_, p_;
-  std::vector<Match> matches_;  // row by row
+  std::vector<Match> matches_;  // row by row; listed when the first level is built
   std::vector<int> rows_;       // first match of every row, and the number of matches
 };
 

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "device/cpu/form.h"
 #include "device/cpu/launch.h"
 #include "device/launch.h"
 #include "variational/pyramid/pyramid_kernels.h"
@@ -15,10 +16,9 @@
 // One pass over the pictures for all six planes and all levels of a batch: for every level in turn the target
 // pixels whose footprints begin in a strip of the source, so that the rows they need are still in a core's
 // cache. A sample is a vector of lanes, one for each plane, so that its area is computed once and nothing is
-// gathered. Four target pixels with footprints of
-// equal width are summed side by side in registers; within a row of a footprint all samples but the first and
-// the last have the same area. Per source pixel and level 24 bytes are read and about (r + 1)^2 / r^2 fused
-// steps of all lanes done, r the ratio of the sizes.
+// gathered. Four target pixels with footprints of equal width are summed side by side in registers; within a
+// row of a footprint all samples but the first and the last have the same area. Per source pixel and level 24
+// bytes are read and about (r + 1)^2 / r^2 fused steps of all lanes done, r being the ratio of the sizes.
 
 namespace variational {
 namespace {
@@ -129,8 +129,8 @@ TARVO_HOST void addRow(const Group& group, const float* row, float rowStart, flo
   for (int k = 0; k < kGroup; ++k) sums[k].add(end[k], row + group.first[k] + last);
 }
 
-/// The target rows whose footprints begin in the source rows y0 ... y1 - 1; line is scratch of kLanes floats
-/// for every column.
+/// The target rows whose footprints begin in source rows y0 ... y1 - 1. line: scratch of kLanes floats for
+/// every column.
 TARVO_BAND void averageBand(Job job, float* line, int y0, int y1) {
   const float sx = static_cast<float>(job.inW) / static_cast<float>(job.outW);
   const float sy = static_cast<float>(job.inH) / static_cast<float>(job.outH);
@@ -168,26 +168,30 @@ void averageStrips(const std::vector<Job>& jobs, float* line, int y0, int y1) {
 PictureLevels::PictureLevels(const float* image1, const float* image2, int h, int w, int p,
                              std::vector<Size> levels)
     : image1_(image1), image2_(image2), h_(h), w_(w), p_(p), levels_(std::move(levels)) {
-  std::size_t largest = 0;
-  for (first_ = 0; first_ < levels_.size(); first_ = end_) {
-    end_ = batchEnd(first_);
-    largest = std::max(largest, offsetOf(end_, 0));
+  for (std::size_t first = 0; first < levels_.size(); first = batchEnd(first)) {
+    batchFloats_ = std::max(batchFloats_, offsetOf(first, batchEnd(first), 0));
   }
-  first_ = end_ = 0;
-  if (largest == 0) return;
-  TARVO_CALL(batch_.allocate(largest));
-  if (device::onCuda()) return;
+}
+
+std::size_t PictureLevels::interleavedFloats() const {
   constexpr int kBeyond = kLanes - kPlanes;  // floats read behind the last pixel
-  TARVO_CALL(interleaved_.allocate(device::planeFloats(h, w, kPlanes) + kBeyond));
-  SourcePlanes pictures{{}, h, w, p};
+  return device::planeFloats(h_, w_, kPlanes) + kBeyond;
+}
+
+std::size_t PictureLevels::floats() const {
+  if (batchFloats_ == 0) return 0;
+  return batchFloats_ + (device::onCuda() ? 0 : interleavedFloats());
+}
+
+void PictureLevels::interleave() {
+  TARVO_CALL(interleaved_.allocate(interleavedFloats()));
+  SourcePlanes pictures{{}, h_, w_, p_};
   for (int c = 0; c < kChannels; ++c) {
-    pictures.planes[c] = image1 + device::planeFloats(h, p, c);
-    pictures.planes[kChannels + c] = image2 + device::planeFloats(h, p, c);
+    pictures.planes[c] = image1_ + device::planeFloats(h_, p_, c);
+    pictures.planes[kChannels + c] = image2_ + device::planeFloats(h_, p_, c);
   }
-  launchCpuForm([&] {
-    device::cpu::forBands(h, w,
-                          [&](int y0, int y1) { interleaveBand(pictures, interleaved_.get(), y0, y1); });
-  });
+  device::cpu::forBands(h_, w_,
+                        [&](int y0, int y1) { interleaveBand(pictures, interleaved_.get(), y0, y1); });
 }
 
 std::size_t PictureLevels::batchEnd(std::size_t first) const {
@@ -204,14 +208,14 @@ std::size_t PictureLevels::batchEnd(std::size_t first) const {
   return end;
 }
 
-std::size_t PictureLevels::offsetOf(std::size_t index, int picture) const {
+std::size_t PictureLevels::offsetOf(std::size_t first, std::size_t index, int picture) const {
   // Between stacks: whole lines of either device, and stacks rarely start at one cache set.
   constexpr std::size_t kApart = 9 * 32;
   const auto stack = [](const Size& level) {
     return device::planeFloats(level.h, level.p, kChannels) + kApart;
   };
   std::size_t offset = 0;
-  for (std::size_t k = first_; k < index; ++k) offset += 2 * stack(levels_[k]);
+  for (std::size_t k = first; k < index; ++k) offset += 2 * stack(levels_[k]);
   return picture == 0 ? offset : offset + stack(levels_[index]);
 }
 
@@ -222,23 +226,22 @@ PictureLevels::Pictures PictureLevels::next() {
     end_ = batchEnd(index);
     build();
   }
-  return {batch_.get() + offsetOf(index, 0), batch_.get() + offsetOf(index, 1)};
+  return {batch_.get() + offsetOf(first_, index, 0), batch_.get() + offsetOf(first_, index, 1)};
 }
 
 void PictureLevels::build() {
-  if (!device::onCuda()) {
-    launchCpuForm([&] { buildOnCpu(); });
-    return;
-  }
+  if (batch_.get() == nullptr) TARVO_CALL(batch_.allocate(batchFloats_));
+  if (device::cpu::runs([this] { buildOnCpu(); })) return;
   for (std::size_t k = first_; k < end_; ++k) {
     const Size& level = levels_[k];
-    launch(kernels::DownsamplePictures{image1_, image2_, h_, w_, p_, batch_.get() + offsetOf(k, 0),
-                                       batch_.get() + offsetOf(k, 1), level.h, level.w, level.p,
+    launch(kernels::DownsamplePictures{image1_, image2_, h_, w_, p_, batch_.get() + offsetOf(first_, k, 0),
+                                       batch_.get() + offsetOf(first_, k, 1), level.h, level.w, level.p,
                                        kPlanes * level.h});
   }
 }
 
 void PictureLevels::buildOnCpu() {
+  if (interleaved_.get() == nullptr) interleave();
   std::vector<std::vector<Group>> groups;
   std::vector<Job> jobs;
   int widest = 0;
@@ -255,7 +258,7 @@ void PictureLevels::buildOnCpu() {
                     groups.back().data(),
                     static_cast<std::ptrdiff_t>(groups.back().size())});
     for (int plane = 0; plane < kPlanes; ++plane) {
-      jobs.back().out[plane] = batch_.get() + offsetOf(k, plane / kChannels) +
+      jobs.back().out[plane] = batch_.get() + offsetOf(first_, k, plane / kChannels) +
                                device::planeFloats(level.h, level.p, plane % kChannels);
     }
     widest = std::max(widest, level.w);
@@ -269,6 +272,7 @@ void PictureLevels::buildOnCpu() {
   std::vector<float> lines(static_cast<std::size_t>((h_ + rows - 1) / rows * line));
   device::cpu::forBandsOf(
       rows, h_, [&](int y0, int y1) { averageStrips(jobs, lines.data() + y0 / rows * line, y0, y1); });
+  if (end_ == levels_.size()) TARVO_CALL(interleaved_.release());
 }
 
 void PictureLevels::release() {

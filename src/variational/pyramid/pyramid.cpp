@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "device/cpu/form.h"
 #include "device/launch.h"
 #include "device/memory.h"
 #include "variational/pyramid/downsample_cpu.h"
@@ -53,20 +54,14 @@ void shrinkLine(const float* in, int n, int stride, float* out, int outN, int ou
 
 void downsample_kernel(const float* in, int inH, int inW, int inP, float* out, int outH, int outW, int outP,
                        int) {
-  if (device::onCuda()) {
-    launch(kernels::downsample_kernel{in, inH, inW, inP, out, outH, outW, outP});
-  } else {
-    launchCpuForm([&] { variational::downsampleOnCpu(in, inH, inW, inP, out, outH, outW, outP, nullptr); });
-  }
+  launch(kernels::downsample_kernel{in, inH, inW, inP, out, outH, outW, outP},
+         [&] { variational::downsampleOnCpu(in, inH, inW, inP, out, outH, outW, outP, nullptr); });
 }
 
 void downsample_kernel(const float* in, int inH, int inW, int inP, float* out, int outH, int outW, int outP,
                        const float* weight, int) {
-  if (device::onCuda()) {
-    launch(kernels::downsample_weighted_kernel{in, inH, inW, inP, out, outH, outW, outP, weight});
-  } else {
-    launchCpuForm([&] { variational::downsampleOnCpu(in, inH, inW, inP, out, outH, outW, outP, weight); });
-  }
+  launch(kernels::downsample_weighted_kernel{in, inH, inW, inP, out, outH, outW, outP, weight},
+         [&] { variational::downsampleOnCpu(in, inH, inW, inP, out, outH, outW, outP, weight); });
 }
 
 void downsample(const float* in, int inH, int inW, int inP, float* out, int outH, int outW, int outP,
@@ -91,29 +86,24 @@ void gInterpolate(float* out, int h, int w, int p, const float* in, int inH, int
 void variational::enlargeFlow(float* outU, float* outV, int h, int w, int p, const float* u, const float* v,
                               int inH, int inW, int inP, float factor) {
   const kernels::EnlargeFlow kernel{{u, inH, inW, inP}, {v, inH, inW, inP}, outU, outV, h, w, p, factor};
-  if (device::onCuda()) {
-    launch(kernel);
-  } else {
-    launchCpuForm([&] { enlargeOnCpu(kernel); });
-  }
+  launch(kernel, [&] { enlargeOnCpu(kernel); });
   TARVO_LAUNCHED("Inteprolation");
 }
 
 void gWarpMotion(float* out, const float* u, const float* v, const float* src, const float* fallback,
                  int channels, float* valid, int h, int w, int p) {
   if ((channels != 1 && channels != 3) || h <= 0 || w <= 0) return;
+  const std::size_t floats = device::planeFloats(h, p, channels);
   device::Buffer copy;
-  if (channels == 3 && !device::onCuda()) {
-    TARVO_CALL(copy.allocate(device::planeFloats(h, w, variational::kWarpLanes)));
-    launchCpuForm([&] { variational::warpOnCpu({src, out, fallback, valid, h, w, p, u, v}, copy.get()); });
-  } else {
-    const std::size_t floats = device::planeFloats(h, p, channels);
+  if (channels == 1) {
     const float* source = copiedIfOverlapping(copy, out, floats, src, floats);
-    if (channels == 3) {
-      launch(kernels::warp_motion_kernel{source, out, fallback, valid, h, w, p, u, v});
-    } else {
-      launch(kernels::warp_motion_1chan_kernel{source, out, fallback, valid, h, w, p, u, v});
-    }
+    launch(kernels::warp_motion_1chan_kernel{source, out, fallback, valid, h, w, p, u, v});
+  } else if (!device::cpu::runs([&] {
+               TARVO_CALL(copy.allocate(device::planeFloats(h, w, variational::kWarpLanes)));
+               variational::warpOnCpu({src, out, fallback, valid, h, w, p, u, v}, copy.get());
+             })) {
+    const float* source = copiedIfOverlapping(copy, out, floats, src, floats);
+    launch(kernels::warp_motion_kernel{source, out, fallback, valid, h, w, p, u, v});
   }
   device::synchronize();
   TARVO_LAUNCHED("warp over");

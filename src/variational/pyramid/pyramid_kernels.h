@@ -52,8 +52,8 @@ struct downsample_kernel {
   }
 };
 
-/// downsample_kernel on three channels of two pictures: rows 0 ... h - 1 of the launch are those of the first
-/// plane, and so on.
+/// downsample_kernel on three channels of two pictures. Rows 0 ... levelH - 1 of the launch are those of the
+/// first plane, the next levelH rows those of the second, and so on.
 struct DownsamplePictures {
   const float *in1, *in2;
   int inH, inW, inP;

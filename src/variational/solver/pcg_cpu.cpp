@@ -43,7 +43,6 @@ struct Sweep {
     float* start = vector + static_cast<long>(y) * s.p;
     return {start, start + plane()};
   }
-  TARVO_HOST_DEVICE const float* matrixRow(int k, int y) const { return entryRow(k * plane(), y); }
   /// The row whose first element lies `offset` behind that of pixel (0, y) in the stack's first plane.
   TARVO_HOST_DEVICE const float* entryRow(long offset, int y) const {
     return s.matrix + (static_cast<long>(y) * s.p + offset);
@@ -61,9 +60,9 @@ struct Sweep {
 /// search = search * beta + z with z = inverse block * r; first x += alpha * search where kWithX.
 template <bool kWithX>
 TARVO_HOST_DEVICE void advanceRow(const Sweep& sweep, int y, Row search) {
-  const float* a0 = sweep.matrixRow(kMatrixUU, y);
-  const float* a1 = sweep.matrixRow(kMatrixVU, y);
-  const float* a3 = sweep.matrixRow(kMatrixVV, y);
+  const float* a0 = sweep.entryRow(0, y);
+  const float* a1 = sweep.entryRow(sweep.s.layout.vu, y);
+  const float* a3 = sweep.entryRow(sweep.s.layout.vv, y);
   const Row r = sweep.row(sweep.s.r, y);
   const Row x = sweep.row(sweep.s.x, y);
   const float alpha = sweep.alpha;
@@ -88,14 +87,14 @@ struct Stencil {
 };
 
 TARVO_HOST_DEVICE Stencil stencilOf(const Sweep& sweep, int y, Row above, Row own, Row below) {
-  return {sweep.matrixRow(kMatrixUU, y),
+  return {sweep.entryRow(0, y),
           sweep.entryRow(sweep.s.layout.uv, y),
-          sweep.matrixRow(kMatrixVU, y),
-          sweep.matrixRow(kMatrixVV, y),
+          sweep.entryRow(sweep.s.layout.vu, y),
+          sweep.entryRow(sweep.s.layout.vv, y),
           sweep.entryRow(sweep.s.layout.north, y),
           sweep.entryRow(sweep.s.layout.west, y),
-          sweep.matrixRow(kMatrixEast, y),
-          sweep.matrixRow(kMatrixSouth, y),
+          sweep.entryRow(sweep.s.layout.east, y),
+          sweep.entryRow(sweep.s.layout.south, y),
           own.first,
           own.second,
           above.first,
@@ -221,8 +220,7 @@ TARVO_BAND void productBand(Sweep sweep, int y0, int y1) {
   }
 }
 
-/// One row of sweep B: r -= alpha * q, and the segment sums of r * z as device::cpu::dotRow forms them, with
-/// z in registers.
+/// One row of sweep B: r -= alpha * q, and the segment sums of r * z as device::cpu::dotRow, z in registers.
 struct ResidualRow {
   const float *a0, *a1, *a3, *q1, *q2;
   float *r1, *r2;
@@ -241,9 +239,9 @@ struct ResidualRow {
 TARVO_HOST_DEVICE void residualRow(const Sweep& sweep, int y) {
   const Row r = sweep.row(sweep.s.r, y);
   const Row q = sweep.row(sweep.s.q, y);
-  const ResidualRow row{sweep.matrixRow(kMatrixUU, y),
-                        sweep.matrixRow(kMatrixVU, y),
-                        sweep.matrixRow(kMatrixVV, y),
+  const ResidualRow row{sweep.entryRow(0, y),
+                        sweep.entryRow(sweep.s.layout.vu, y),
+                        sweep.entryRow(sweep.s.layout.vv, y),
                         q.first,
                         q.second,
                         r.first,
@@ -304,20 +302,21 @@ long cpuHaloFloats(int h, int w, int rows) {
 
 void cpuSolve(const CpuSolve& solve, int iterations) {
   Sweep sweep{solve, 0.0f, 0.0f};
-  forChunks(sweep, beginBand);
-  float rz = dotOf(solve);
+  forChunks(sweep, beginBand);  // r = rhs - A x, z = B^-1 r, s = z
+  float rz = dotOf(solve);      // r z
   if (kernels::solved(rz)) return;
   for (int k = 0; k < iterations; ++k) {
-    forChunks(sweep, k == 0 ? productBand<false> : productBand<true>);
-    sweep.alpha = rz / dotOf(solve);
-    if (k + 1 == iterations) break;  // the next residual would serve nothing
-    forChunks(sweep, residualBand);
-    const float next = dotOf(solve);
+    forChunks(sweep,
+              k == 0 ? productBand<false> : productBand<true>);  // x += alpha s, s = z + beta s; q = A s
+    sweep.alpha = rz / dotOf(solve);                             // rz / (s q)
+    if (k + 1 == iterations) break;                              // the next residual would serve nothing
+    forChunks(sweep, residualBand);                              // r -= alpha q, z = B^-1 r
+    const float next = dotOf(solve);                             // r z
     sweep.beta = next / rz;
     rz = next;
     if (kernels::solved(rz)) break;
   }
-  forChunks(sweep, solutionBand);
+  forChunks(sweep, solutionBand);  // x += alpha s
 }
 
 }  // namespace variational

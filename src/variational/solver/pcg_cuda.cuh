@@ -6,11 +6,10 @@
 
 namespace variational::cuda {
 
-/// No CUDA device, no launch.
+/// Without CUDA nothing asks.
 inline bool solvesInOneLaunch() {
   return false;
 }
-inline void launchSolve(const kernels::PersistentSolve& /*solve*/) {}
 
 }  // namespace variational::cuda
 
@@ -113,13 +112,18 @@ inline int mostBlocks() {
   return known;
 }
 
-/// Whether launchSolve can be used on the current device.
+/// Whether the current device can run a whole solve in one launch.
 inline bool solvesInOneLaunch() {
   return mostBlocks() > 0;
 }
 
-/// Launches the solve, one warp for a segment as far as the device holds them at once.
-inline void launchSolve(kernels::PersistentSolve solve) {
+}  // namespace variational::cuda
+
+namespace kernels {
+
+/// One warp for a segment as far as the device holds them at once.
+inline void launchOnCuda(PersistentSolve solve) {
+  using namespace variational::cuda;
   const int segments = solve.h * device::segmentsPerRow(solve.w);
   const int blocks = std::min((segments + kWarps - 1) / kWarps, mostBlocks());
   void* arguments[] = {&solve};
@@ -127,6 +131,6 @@ inline void launchSolve(kernels::PersistentSolve solve) {
                               arguments);
 }
 
-}  // namespace variational::cuda
+}  // namespace kernels
 
 #endif

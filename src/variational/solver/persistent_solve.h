@@ -60,11 +60,10 @@ struct PersistentSolve {
   }
   TARVO_HOST_DEVICE Pair preconditioned(int i) const {
     const int n = h * p;
-    return blockSolve(matrix[i], matrix[i + kMatrixVU * n], matrix[i + kMatrixVV * n], r[i], r[i + n]);
+    return blockSolve(matrix[i], matrix[i + layout.vu], matrix[i + layout.vv], r[i], r[i + n]);
   }
 
-  /// The phases in order. `Threads` runs a phase at all pixels with the barrier behind it, and adds up the
-  /// segment sums.
+  /// The phases in order. `Threads` runs a phase at all pixels, with a barrier behind it, and adds up sums.
   template <class Threads>
   TARVO_HOST_DEVICE void run(Threads& threads) const {
     threads.template runPhase<Phase::Begin>(*this, 0.0f, residualSums);

@@ -85,12 +85,8 @@ void relaxInOrder(const float* matrix, const float* rhs, float* du, float* dv, i
 void SORiteration_mem_opt_kernel(const float* matrix, const float* rhs, float* du, float* dv, int h, int w,
                                  int colour, float omega, int p) {
   const Relaxation kernel{matrix, rhs, du, dv, h, w, colour, omega, p, (w + 1) / 2, h};
-  if (device::onCuda()) {
-    launch(kernel);
-  } else {
-    launchCpuForm(
-        [&] { device::cpu::forBands(h, w, [&kernel](int y0, int y1) { relaxBand(kernel, y0, y1); }); });
-  }
+  launch(kernel,
+         [&] { device::cpu::forBands(h, w, [&kernel](int y0, int y1) { relaxBand(kernel, y0, y1); }); });
 }
 
 void gRedBlack(const float* matrix, const float* rhs, float* du, float* dv, int h, int w, int p,

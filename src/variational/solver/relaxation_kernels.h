@@ -9,9 +9,8 @@
 
 namespace kernels {
 
-/// Relaxes the pixels of one colour, (x + y) mod 2 == colour, in place: their neighbours have the other
-/// colour. The launch has half as many columns as the plane; each stands for the pixel of that colour among
-/// two neighbours.
+/// Relaxes in place the pixels of one colour, (x + y) mod 2 == colour: their neighbours have the other
+/// colour. The launch has half as many columns as the plane, one for two pixels, of which it relaxes one.
 struct SORiteration_mem_opt_kernel {
   const float *matrix, *rhs;
   float *du, *dv;

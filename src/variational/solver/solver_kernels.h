@@ -26,20 +26,22 @@ TARVO_HOST_DEVICE Pair blockSolve(float a0, float a1, float a3, float r1, float 
   return {regular ? z1 : r1, regular ? z2 : r2};
 }
 
-/// Where a solver finds those entries of a symmetric matrix that the stack may hold twice: offsets from the
-/// pixel's element of the stack's first plane.
+/// Where the entries of a pixel's equations stand: offsets from its element of the matrix's first plane, which
+/// is that of UU. Planes have n = h * p floats.
 struct SystemLayout {
-  int uv, north, west;
+  int vu, uv, vv, north, west, east, south;
 
-  /// Every plane is filled, as MakeMatrix_kernel does.
+  /// The twelve planes of the public layout (MatrixPlane), as MakeMatrix_kernel fills them.
   TARVO_HOST_DEVICE static SystemLayout full(int n) {
-    return {kMatrixUV * n, kMatrixNorth * n, kMatrixWest * n};
+    return {kMatrixVU * n,   kMatrixUV * n,   kMatrixVV * n,   kMatrixNorth * n,
+            kMatrixWest * n, kMatrixEast * n, kMatrixSouth * n};
   }
-  /// Planes UV, north and west are not: the coupling of two neighbours stands once, as south of the upper or
-  /// east of the left one. A solve then reads 5 planes instead of 8.
+  /// Five planes: UU, the mixed entry, VV, east and south. The coupling of two neighbours stands once, as south
+  /// of the upper or east of the left one.
   TARVO_HOST_DEVICE static SystemLayout once(int n, int p) {
-    return {kMatrixVU * n, kMatrixSouth * n - p, kMatrixEast * n - 1};
+    return {n, n, 2 * n, 4 * n - p, 3 * n - 1, 3 * n, 4 * n};
   }
+  static constexpr int kOncePlanes = 5;
 };
 
 /// Product with the system matrix: the block, then the neighbours north, west, east, south, every step fused.
@@ -55,11 +57,11 @@ struct MatrixProduct {
     const int i = y * p + x;
     const int n = h * p;
     float out1 = fmaf(d1[i], matrix[i], d2[i] * matrix[i + layout.uv]);
-    float out2 = fmaf(d1[i], matrix[i + secondOff], d2[i] * matrix[i + kMatrixVV * n]);
+    float out2 = fmaf(d1[i], matrix[i + secondOff], d2[i] * matrix[i + layout.vv]);
     if (y >= 1) couple(matrix[i + layout.north], i - p, out1, out2);
     if (x >= 1) couple(matrix[i + layout.west], i - 1, out1, out2);
-    if (x < w - 1) couple(matrix[i + kMatrixEast * n], i + 1, out1, out2);
-    if (y < h - 1) couple(matrix[i + kMatrixSouth * n], i + p, out1, out2);
+    if (x < w - 1) couple(matrix[i + layout.east], i + 1, out1, out2);
+    if (y < h - 1) couple(matrix[i + layout.south], i + p, out1, out2);
     out[i] = out1;
     out[i + n] = out2;
   }
@@ -69,8 +71,7 @@ struct MatrixProduct {
   }
 };
 
-/// r = rhs - matrix * (du, dv); the block's products fused, every coupling a multiplication and a
-/// subtraction.
+/// r = rhs - matrix * (du, dv). The block's products are fused; a coupling is a product, then a subtraction.
 struct MatrixResidual {
   const float *matrix, *rhs, *du, *dv;
   int h, w, p;
@@ -81,11 +82,11 @@ struct MatrixResidual {
     const int i = y * p + x;
     const int n = h * p;
     float r1 = rhs[i] - fmaf(du[i], matrix[i], dv[i] * matrix[i + layout.uv]);
-    float r2 = rhs[i + n] - fmaf(du[i], matrix[i + kMatrixVU * n], dv[i] * matrix[i + kMatrixVV * n]);
+    float r2 = rhs[i + n] - fmaf(du[i], matrix[i + layout.vu], dv[i] * matrix[i + layout.vv]);
     if (y >= 1) decouple(matrix[i + layout.north], i - p, r1, r2);
     if (x >= 1) decouple(matrix[i + layout.west], i - 1, r1, r2);
-    if (x < w - 1) decouple(matrix[i + kMatrixEast * n], i + 1, r1, r2);
-    if (y < h - 1) decouple(matrix[i + kMatrixSouth * n], i + p, r1, r2);
+    if (x < w - 1) decouple(matrix[i + layout.east], i + 1, r1, r2);
+    if (y < h - 1) decouple(matrix[i + layout.south], i + p, r1, r2);
     r[i] = r1;
     r[i + n] = r2;
   }
@@ -99,12 +100,12 @@ struct applyBlockJacobiPreconditioner_kernel {
   const float *matrix, *r;
   float* z;
   int h, w, p;
+  SystemLayout layout;
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
     const int i = y * p + x;
     const int n = h * p;
-    const Pair pair =
-        blockSolve(matrix[i], matrix[i + kMatrixVU * n], matrix[i + kMatrixVV * n], r[i], r[i + n]);
+    const Pair pair = blockSolve(matrix[i], matrix[i + layout.vu], matrix[i + layout.vv], r[i], r[i + n]);
     z[i] = pair.first;
     z[i + n] = pair.second;
   }
@@ -123,6 +124,69 @@ struct applyJacobiPreconditioner_kernel {
     const int n = h * p;
     z[i] = r[i] / divisor(matrix[i]);
     z[i + n] = r[i + n] / divisor(matrix[i + kMatrixVV * n]);
+  }
+};
+
+/// s = root of the diagonal entry of both equations, 1 below kLeastScaled.
+struct DiagonalRoots {
+  const float* matrix;
+  float* s;
+  int h, w, p;
+  static constexpr float kLeastScaled = 10.0f;
+
+  TARVO_HOST_DEVICE static float root(float diagonal) {
+    const float magnitude = std::fabs(diagonal);
+    return magnitude < kLeastScaled ? 1.0f : std::sqrt(magnitude);
+  }
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    const int n = h * p;
+    s[i] = root(matrix[i]);
+    s[i + n] = root(matrix[i + kMatrixVV * n]);
+  }
+};
+
+/// Entry (i, j) / (s_i s_j) in place, right-hand side / s_i; the second equation's couplings go to the plane
+/// behind the first one's.
+struct applyRowScaling_kernel {
+  float *matrix, *rhs;
+  const float* s;
+  int h, w, p;
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    const int n = h * p;
+    const float s1 = s[i], s2 = s[i + n];
+    matrix[i] /= s1 * s1;
+    matrix[i + kMatrixVU * n] /= s1 * s2;
+    matrix[i + kMatrixUV * n] /= s1 * s2;
+    matrix[i + kMatrixVV * n] /= s2 * s2;
+    rhs[i] /= s1;
+    rhs[i + n] /= s2;
+    if (y >= 1) couple(matrix + kMatrixNorth * n + i, i, i - p);
+    if (x >= 1) couple(matrix + kMatrixWest * n + i, i, i - 1);
+    if (x < w - 1) couple(matrix + kMatrixEast * n + i, i, i + 1);
+    if (y < h - 1) couple(matrix + kMatrixSouth * n + i, i, i + p);
+  }
+  TARVO_HOST_DEVICE void couple(float* coupling, int i, int j) const {
+    const int n = h * p;
+    const float c = *coupling;
+    coupling[0] = c / (s[i] * s[j]);
+    coupling[n] = c / (s[i + n] * s[j + n]);
+  }
+};
+
+/// x = y / s.
+struct inverseScaling_kernel {
+  const float *s, *y;
+  float* x;
+  int h, w, p;
+
+  TARVO_HOST_DEVICE void operator()(int column, int row) const {
+    const int i = row * p + column;
+    const int n = h * p;
+    x[i] = y[i] / s[i];
+    x[i + n] = y[i + n] / s[i + n];
   }
 };
 
@@ -182,6 +246,7 @@ struct StepAndPrecondition {
   const float* q;
   float* z;
   int h, w, p;
+  SystemLayout layout;
 
   TARVO_HOST_DEVICE void operator()(int column, int row) const {
     if (state->done != 0) return;
@@ -192,7 +257,7 @@ struct StepAndPrecondition {
     x[i + n] = fmaf(alpha, search[i + n], x[i + n]);
     const float r1 = fmaf(-alpha, q[i], r[i]);
     const float r2 = fmaf(-alpha, q[i + n], r[i + n]);
-    const Pair pair = blockSolve(matrix[i], matrix[i + kMatrixVU * n], matrix[i + kMatrixVV * n], r1, r2);
+    const Pair pair = blockSolve(matrix[i], matrix[i + layout.vu], matrix[i + layout.vv], r1, r2);
     r[i] = r1;
     r[i + n] = r2;
     z[i] = pair.first;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarvo/solvers.h>
+
 #include "device/memory.h"
 
 namespace variational {
@@ -11,7 +13,6 @@ class UploadedSystem {
   UploadedSystem(const char* unit, const float* matrix, const float* rhs, const float* du, const float* dv,
                  int h, int w)
       : kUnit(unit), h_(h), w_(w) {
-    constexpr int kMatrixPlanes = 12;
     TARVO_CALL(x_.allocatePitched(&p_, w, 2 * h));
     TARVO_CALL(rhs_.allocate(device::planeFloats(h, p_, 2)));
     TARVO_CALL(matrix_.allocate(device::planeFloats(h, p_, kMatrixPlanes)));
