@@ -134,6 +134,7 @@ TEST(Flow, RefusesWrongParametersAndNamesThem) {
        {std::pair{0.0f, "0"}, {1.0f, "1"}, {-0.5f, "-0.5"}, {1.5f, "1.5"}, {kNan, "nan"}}) {
     EXPECT_PRED2(says, with(&Parameters::eta, value), (std::vector<std::string>{"eta", text}));
   }
+  EXPECT_PRED2(says, with(&Parameters::sigma, kInf), (std::vector<std::string>{"sigma", "inf"}));
   for (const auto& [name, member] : {std::pair{"fixedPointIterations", &Parameters::fixedPointIterations},
                                      {"solverIterations", &Parameters::solverIterations}}) {
     EXPECT_PRED2(says, with(member, -1), (std::vector<std::string>{name, "-1"}));
@@ -228,17 +229,21 @@ TEST(Flow, SmoothsTheBackwardDirectionTwice) {
   EXPECT_TRUE(exact(planesOf(result), flow.backward));
 }
 
-TEST(Flow, SmoothsNothingUnlessSigmaIsPositive) {
-  const Planes expected = flowOf(picture1(), picture2(), quick());
-  for (const float sigma : {0.0f, -2.0f, kNan}) {
-    const Silence silence;
-    Parameters p = quick();
-    p.sigma = sigma;
-    CTensor<float> first = tensorOf(picture1()), second = tensorOf(picture2()), flow;
-    run(first, second, flow, p);
-    EXPECT_TRUE(exact(planesOf(flow), expected));
-    EXPECT_TRUE(exact(planesOf(first), picture1()));
-    EXPECT_TRUE(exact(planesOf(second), picture2()));
+TEST(Flow, SmoothsBothPicturesWhereSigmaIsPositiveAndOnlyThere) {
+  const Silence silence;
+  for (const auto driver : {runFlowGPU, runFlow}) {
+    Planes expected;
+    for (const float sigma : {0.0f, -2.0f, kNan, 1.5f}) {
+      Parameters p = quick();
+      p.sigma = sigma;
+      CTensor<float> first = tensorOf(picture1()), second = tensorOf(picture2()), flow;
+      run(first, second, flow, p, driver);
+      if (sigma == 0.0f) expected = planesOf(flow);
+      const bool smooth = sigma > 0.0f;
+      EXPECT_NE(bool(exact(planesOf(flow), expected)), smooth) << sigma;
+      EXPECT_NE(bool(exact(planesOf(first), picture1())), smooth) << sigma;
+      EXPECT_NE(bool(exact(planesOf(second), picture2())), smooth) << sigma;
+    }
   }
 }
 

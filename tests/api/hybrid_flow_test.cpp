@@ -161,17 +161,6 @@ TEST(HybridFlow, MatchesOnlyIfMatchingIsOn) {
   EXPECT_FALSE(exact(off.flow, hybrid(first, second).flow));
 }
 
-TEST(HybridFlow, SmoothsBothImagesInPlaceAndOnlyThen) {
-  const Planes image = picture(40, 50, noise);
-  for (const float sigma : {0.0f, -1.0f, kNan, 1.5f}) {
-    const Silence silence;
-    CTensor<float> a = tensorOf(image), b = tensorOf(image), flow;
-    runFlow(a, b, flow, sigma, 30.0f, 300.0f, 5.0f, 0.8f, 1, 1);
-    EXPECT_EQ(bool(exact(planesOf(a), image)), !(sigma > 0.0f)) << sigma;
-    EXPECT_TRUE(exact(planesOf(a), planesOf(b)));
-  }
-}
-
 TEST(HybridFlow, ReturnsForAnyPicture) {
   const auto unclean = [](int x, int y, int c) {
     if (x == 17 && y == 20) return kNan;

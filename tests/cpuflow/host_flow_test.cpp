@@ -2,6 +2,8 @@
 #include <tarvo/exceptions.h>
 #include <tarvo/timers.h>
 
+#include <functional>
+
 #include "cpuflow/host_system.h"
 #include "reference/system_reference.h"
 #include "support/test.h"
@@ -49,11 +51,13 @@ Planes inner(const Planes& planes, int border) {
 
 constexpr float kAlpha = 30.0f, kBeta = 300.0f, kGamma = 5.0f;
 
-/// The system of a level at an increment.
-cpuflow::HostSystem systemOf(Level& level, CTensor<float>& increment) {
+/// The system of a level at an increment; `spoil` may change its tensors.
+cpuflow::HostSystem systemOf(Level& level, CTensor<float>& increment,
+                             const std::function<void(cpuflow::DataTerms&)>& spoil = {}) {
   CMatrix<float> diffX(level.w(), level.h()), diffY(level.w(), level.h());
   COpticFlow::diffusivity(level.flow, increment, diffX, diffY, nullptr, 0.0f);
-  const cpuflow::DataTerms data(level.image1, level.warped2, level.gconf);
+  cpuflow::DataTerms data(level.image1, level.warped2, level.gconf);
+  if (spoil) spoil(data);
   cpuflow::HostSystem system(level.w(), level.h());
   const float a = 1.0f / kAlpha;
   system.assemble({data,
@@ -73,7 +77,9 @@ TEST(HostSystem, IsTheDeviceSystemDividedByAlphaInsideTheMasksReach) {
   Level level(23, 19);
   level.gconf(11, 9) = 0.0f;
   CTensor<float> increment = tensorOf(randomPlanes(19, 23, 2, 5, -0.5f, 0.5f));
-  const cpuflow::HostSystem host = systemOf(level, increment);
+  const cpuflow::HostSystem host = systemOf(level, increment, [](cpuflow::DataTerms& data) {
+    data.brightness.row(cpuflow::MotionTensor::T33, 8)[7] = -1000.0f;  // a negative energy counts as 0
+  });
 
   const Planes flow = planesOf(level.flow), step = planesOf(increment);
   Planes match(19, 23, 3), valid(19, 23, 1, 1.0f);
@@ -81,8 +87,9 @@ TEST(HostSystem, IsTheDeviceSystemDividedByAlphaInsideTheMasksReach) {
   const CTensor<float>* const matches[] = {&level.matchU, &level.matchV, &level.matchWeight};
   for (int k = 0; k < 3; ++k) std::copy_n(matches[k]->data(), 19 * 23, &match.at(0, 0, k));
   const Planes u = flow.plane(0), v = flow.plane(1), du = step.plane(0), dv = step.plane(1);
-  const reference::Tensors tensors =
+  reference::Tensors tensors =
       reference::structureTensors(planesOf(level.image1), planesOf(level.warped2), valid);
+  tensors.data.at(7, 8, 2) = -1000.0f;
   const reference::Diffusivities diff = reference::diffusivities(u, v, du, dv);
   reference::System expected = reference::assemble(
       tensors, reference::factors(tensors, u, v, du, dv, match, kBeta, kGamma), u, v, diff, kAlpha, 0.0f);

@@ -157,36 +157,6 @@ class GridBarrier {
 
 enum class State { Ready, AtBlock, AtWarp, AtGrid, Done };
 
-/// Stacks for the threads of blocks, kept from launch to launch.
-class Stacks {
- public:
-  static constexpr std::size_t kBytes = 64 << 10;
-  using Stack = std::unique_ptr<char[]>;
-
-  static Stack take() {
-    const std::lock_guard<std::mutex> lock(mutex());
-    if (free().empty()) return Stack(new char[kBytes]);
-    Stack stack = std::move(free().back());
-    free().pop_back();
-    return stack;
-  }
-  static void giveBack(std::vector<Stack>& stacks) {
-    const std::lock_guard<std::mutex> lock(mutex());
-    for (Stack& stack : stacks) free().push_back(std::move(stack));
-    stacks.clear();
-  }
-
- private:
-  static std::mutex& mutex() {
-    static auto* mutex = new std::mutex;
-    return *mutex;
-  }
-  static std::vector<Stack>& free() {
-    static auto* stacks = new std::vector<Stack>;
-    return *stacks;
-  }
-};
-
 /// What is kept of a thread of a block while others run.
 struct Thread {
   State state;
@@ -221,7 +191,6 @@ class Block {
       }
     }
     current = nullptr;
-    Stacks::giveBack(stacks_);
     if (barrier_ != nullptr) barrier_->leave();
   }
 
@@ -242,6 +211,7 @@ class Block {
 
  private:
   static constexpr unsigned kWarp = 32;
+  static constexpr std::size_t kStack = 64 << 10;
 
   unsigned inOrder(unsigned k) const { return backwards_ ? count_ - 1 - k : k; }
 
@@ -262,11 +232,12 @@ class Block {
   void startOnNewStack() {
     enterNext();
     if (_setjmp(scheduler_) != 0) return;
-    stacks_.push_back(Stacks::take());
+    static thread_local std::vector<std::unique_ptr<char[]>> stacks;  // from block to block
+    if (usedStacks_ == stacks.size()) stacks.emplace_back(new char[kStack]);
     ucontext_t context;
     getcontext(&context);
-    context.uc_stack.ss_sp = stacks_.back().get();
-    context.uc_stack.ss_size = Stacks::kBytes;
+    context.uc_stack.ss_sp = stacks[usedStacks_++].get();
+    context.uc_stack.ss_size = kStack;
     context.uc_link = nullptr;
     makecontext(
         &context, [] { current->live(); }, 0);
@@ -315,7 +286,7 @@ class Block {
   unsigned count_, running_ = 0, started_ = 0;
   std::jmp_buf scheduler_;
   Thread* threads_ = nullptr;
-  std::vector<Stacks::Stack> stacks_;
+  std::size_t usedStacks_ = 0;
 };
 thread_local Block* Block::current = nullptr;
 
