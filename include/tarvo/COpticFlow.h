@@ -28,7 +28,7 @@ struct TARVO_API COpticFlow {
   /// @param eta                   size ratio of consecutive levels, in (0, 1]; with 1 the flow is zero
   /// @param fixedPointIterations, solverIterations  per pass, and sweeps in each
   /// @param omega                 relaxation factor, 1 ... below 2
-  /// @throws std::invalid_argument  image 1 empty or of more than about 178 million pixels, eta or
+  /// @throws std::invalid_argument  image 1 empty or of more than about 143 million pixels, eta or
   ///                                solverIterations out of range
   static void warpingGeometric(CTensor<float> image1, CTensor<float> image2, CTensor<float>& flow,
                                CTensor<float>& matchU, CTensor<float>& matchV, CTensor<float>& matchWeight,
