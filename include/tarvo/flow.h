@@ -15,10 +15,11 @@
 //
 // A function that computes a flow throws std::invalid_argument, naming the argument and its values, before
 // anything is changed: for images that have no pixels or more than about 143 million, other than three
-// channels, or different sizes; for an infinite sigma; for weights that are negative or not finite; for eta outside (0, 1); for
-// negative or too large iteration counts. HOGCheck and confCheck throw it for an image without pixels.
-// Pictures too small for the pyramid give zero flow. A device error prints its message and ends the process
-// with status 1 (see NDevice::onError). Several threads may call the functions; they then take turns.
+// channels, or different sizes; for an infinite sigma; for weights that are negative or not finite; for eta
+// outside (0, 1); for negative or too large iteration counts. HOGCheck and confCheck throw it for an image
+// without pixels. Pictures too small for the pyramid give zero flow. A device error prints its message and
+// ends the process with status 1 (see NDevice::onError). Several threads may call the functions; they then
+// take turns.
 
 namespace NFlow {
 

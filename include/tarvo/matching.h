@@ -15,8 +15,8 @@
 //
 // The thresholds are absolute: grey levels are in 0 ... 255. Pixels that are not a number or not finite cost
 // matches in their neighbourhood, nothing else. The functions on host arrays throw std::invalid_argument for
-// pictures without pixels or of more than about 143 million, before anything is changed. Any device error prints its message (unit "HOGMatch") and
-// ends the process.
+// pictures without pixels or of more than about 143 million, before anything is changed. Any device error
+// prints its message (unit "HOGMatch") and ends the process.
 
 namespace NMatching {
 

@@ -75,8 +75,8 @@ TARVO_API void applyJacobiPreconditioner_kernel(const float* matrix, const float
 /// @param matrix, rhs  in/out: the full twelve-plane stack, two planes
 /// @param s            out: two planes, the scales of the first and the second equation
 TARVO_API void applyRowScaling_kernel(float* matrix, float* rhs, float* s, int h, int w, int p);
-/// x = y / s, two planes each: the solution x of a system from the solution y of the scaled one. x may be y. No
-/// check.
+/// x = y / s, two planes each: the solution x of a system from the solution y of the scaled one. x may be y.
+/// No check.
 TARVO_API void inverseScaling_kernel(const float* s, const float* y, float* x, int h, int w, int p);
 
 /// Sum of the squared entries of the residual, in single precision, row by row. The residual is left in `r`,

@@ -31,7 +31,8 @@ inline std::size_t dotScratch(int h, int w) {
   return static_cast<std::size_t>(h) * static_cast<std::size_t>(segmentsPerRow(w));
 }
 
-/// *result = a * b over two-plane stacks of h x w, pitch p, in this shape; sums: scratch of dotScratch floats.
+/// *result = a * b over two-plane stacks of h x w, pitch p, in this shape; sums: scratch of dotScratch
+/// floats.
 struct DotProduct {
   const float *a, *b;
   int h, w, p;

@@ -50,8 +50,8 @@ class Buffer {
   Code allocatePitched(int* pitch, int w, int rows) {
     return device::allocatePitched(&memory_, pitch, w, rows);
   }
-  /// allocatePitched for `planes` planes of h x w, then a copy of the dense host planes: two device calls, the
-  /// second only after the first.
+  /// allocatePitched for `planes` planes of h x w, then a copy of the dense host planes: two device calls,
+  /// the second only after the first.
   Code upload(int* pitch, const float* host, int h, int w, int planes) {
     const Code code = allocatePitched(pitch, w, h * planes);
     if (code != kSuccess) return code;

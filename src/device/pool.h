@@ -8,13 +8,14 @@
 
 namespace device {
 
-/// Device memory that is kept between requests. It comes from the backend in slabs; a request takes a piece of
-/// the smallest free stretch that holds it, and a released piece joins its free neighbours. So buffers that are
-/// never alive together share their memory, whatever their sizes. Where no stretch is long enough, slabs that
-/// are wholly free are given back, the largest first, until a new slab makes the pool no larger than before.
+/// Device memory that is kept between requests. It comes from the backend in slabs; a request takes a piece
+/// of the smallest free stretch that holds it, and a released piece joins its free neighbours. So buffers
+/// that are never alive together share their memory, whatever their sizes. Where no stretch is long enough,
+/// slabs that are wholly free are given back, the largest first, until a new slab makes the pool no larger
+/// than before.
 ///
-/// Whole buffers are as the backend made them, so that a client may hand them back to the backend. They are kept
-/// apart: a request takes the smallest free one that holds it and is not twice as large.
+/// Whole buffers are as the backend made them, so that a client may hand them back to the backend. They are
+/// kept apart: a request takes the smallest free one that holds it and is not twice as large.
 ///
 /// Requests may throw std::bad_alloc, and change nothing then; releases allocate nothing.
 class Pool {

@@ -72,7 +72,8 @@ struct computeEnergy_kernel {
   }
 };
 
-/// rowSums[y] = sum of row y of a plane in kRowLanes lanes, added up by halving. Every device has its own form.
+/// rowSums[y] = sum of row y of a plane in kRowLanes lanes, added up by halving. Every device has its own
+/// form.
 struct compute2DSum_kernel {
   const float* plane;
   float* rowSums;

@@ -15,8 +15,8 @@ namespace variational {
 constexpr int kMostPlanes = kHogBins;
 static_assert(kMostPlanes >= kMatrixPlanes);
 
-/// `what`, the argument or arguments that carry the size: positive sizes, such that a stack of `planes` planes
-/// can be indexed with an int whatever the pitch.
+/// `what`, the argument or arguments that carry the size: positive sizes, such that a stack of `planes`
+/// planes can be indexed with an int whatever the pitch.
 void checkPlane(const char* function, const char* what, int height, int width, int planes = kMostPlanes);
 /// checkPlane, and three channels.
 void checkSize(const char* function, const char* what, int height, int width, int channels);

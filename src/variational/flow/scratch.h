@@ -8,9 +8,9 @@
 
 namespace variational {
 
-/// What the fixed-point steps of a flow computation work on, for planes of up to `floats` floats (pitch * height):
-/// 29 planes. Fields of FPtmp and CGtmp that the fused steps never touch (the factors of an assembly, the
-/// preconditioned residual) are null.
+/// What the fixed-point steps of a flow computation work on, for planes of up to `floats` floats (pitch *
+/// height): 29 planes. Fields of FPtmp and CGtmp that the fused steps never touch (the factors of an
+/// assembly, the preconditioned residual) are null.
 class Scratch {
  public:
   static constexpr int kPlanes = 29;

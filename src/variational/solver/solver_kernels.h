@@ -26,8 +26,8 @@ TARVO_HOST_DEVICE Pair blockSolve(float a0, float a1, float a3, float r1, float 
   return {regular ? z1 : r1, regular ? z2 : r2};
 }
 
-/// Where the entries of a pixel's equations stand: offsets from its element of the matrix's first plane, which
-/// is that of UU. Planes have n = h * p floats.
+/// Where the entries of a pixel's equations stand: offsets from its element of the matrix's first plane,
+/// which is that of UU. Planes have n = h * p floats.
 struct SystemLayout {
   int vu, uv, vv, north, west, east, south;
 
@@ -36,8 +36,8 @@ struct SystemLayout {
     return {kMatrixVU * n,   kMatrixUV * n,   kMatrixVV * n,   kMatrixNorth * n,
             kMatrixWest * n, kMatrixEast * n, kMatrixSouth * n};
   }
-  /// Five planes: UU, the mixed entry, VV, east and south. The coupling of two neighbours stands once, as south
-  /// of the upper or east of the left one.
+  /// Five planes: UU, the mixed entry, VV, east and south. The coupling of two neighbours stands once, as
+  /// south of the upper or east of the left one.
   TARVO_HOST_DEVICE static SystemLayout once(int n, int p) {
     return {n, n, 2 * n, 4 * n - p, 3 * n - 1, 3 * n, 4 * n};
   }
