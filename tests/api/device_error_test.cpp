@@ -131,7 +131,13 @@ TEST(DeviceErrors, OfFlowComputations) {
   expectSaid({"", "Input safe", "u,v safe", "Warping safe", "CG", "Inteprolation", "warp over", "Solve"},
              [] { return flowBy(runFlowGPU); });
   expectSaid({"ER"}, [] { return flowBy(runFlowGPU, 10, 10, 0.95f); });
+}
+
+TEST(DeviceErrors, OfFlowComputationsMostlyOnTheHost) {
   expectSaid({}, [] { return flowBy(runFlow); });
+}
+
+TEST(DeviceErrors, OfFlowComputationsOfHostArrays) {
   expectSaid({}, [] { return hostArrayFlowBy(variationalFlowTarvo); });
   expectSaid({}, [] { return hostArrayFlowBy(variationalFlow); });
 }
