@@ -193,7 +193,7 @@ CTensor<float> decodePng(Input& input) {
   decoder.row.resize(png_get_rowbytes(decoder.png, decoder.info));
   check(readRows(decoder));
   if (decoder.transparent) {
-    input.notes.push_back("transparency dropped");
+    input.notes.emplace_back("transparency dropped");
   }
   return std::move(decoder.picture);
 }

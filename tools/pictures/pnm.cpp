@@ -104,7 +104,7 @@ CTensor<float> decodePnm(Input& input) {
     input.byte();
   }
   if (input.peek() != EOF) {
-    input.notes.push_back("data after the picture ignored");
+    input.notes.emplace_back("data after the picture ignored");
   }
   return picture;
 }
