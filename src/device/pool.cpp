@@ -15,7 +15,7 @@ constexpr bool kKeepReleased = true;
 #endif
 
 /// Pieces begin at multiples of this: a transaction of a CUDA device, four lines of a CPU's cache.
-constexpr std::size_t kUnit = 256;
+constexpr std::size_t kGranule = 256;
 
 /// Where the backend wants it, large pieces start at different offsets into a page, 17 lines on from the last
 /// one, so that the same pixel of several buffers does not fall onto the same cache sets.
@@ -24,7 +24,7 @@ constexpr std::size_t kLine = 64;
 constexpr std::size_t kLargeFrom = 16 * kPage;
 
 std::size_t pieceBytes(std::size_t bytes) {
-  return (bytes + kUnit - 1) / kUnit * kUnit + (bytes >= kLargeFrom ? kPage : 0);
+  return (bytes + kGranule - 1) / kGranule * kGranule + (bytes >= kLargeFrom ? kPage : 0);
 }
 
 /// From the start of a piece to the memory of the count-th large one.
@@ -88,7 +88,7 @@ Code Pool::allocateWhole(void** memory, std::size_t bytes) {
 Code Pool::reserve(std::size_t bytes) {
   constexpr std::size_t kPieces = 64;  // about as many share it, each with its rounding
   const Backend& backend = chosenBackend();
-  bytes = pieceBytes(bytes) + kPieces * (kPage + kUnit);
+  bytes = pieceBytes(bytes) + kPieces * (kPage + kGranule);
   if (!kKeepReleased || smallestFree(backend, bytes) != pieces_.end()) return kSuccess;
   giveBack(backend, SIZE_MAX);
   Pieces::iterator slab;

@@ -3,7 +3,7 @@
 #include <tarvo/hog.h>
 #include <tarvo/solvers.h>
 
-#include "variational/flow/weights.h"
+#include "variational/flow/flow_weights.h"
 
 namespace variational {
 

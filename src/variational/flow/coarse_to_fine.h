@@ -3,9 +3,9 @@
 #include <cstddef>
 
 #include "device/memory.h"
+#include "variational/flow/flow_weights.h"
 #include "variational/flow/levels.h"
 #include "variational/flow/scratch.h"
-#include "variational/flow/weights.h"
 #include "variational/pyramid/match_levels.h"
 #include "variational/pyramid/picture_levels.h"
 
