@@ -9,6 +9,7 @@
 #include <cmath>
 #include <sstream>
 #include <stdexcept>
+#include <string>
 
 #include "device/device.h"
 #include "device/memory.h"
