@@ -125,10 +125,14 @@ TEST(PoolFork, ServesChildrenForkedWhileAnotherThreadIsInside) {
     Buffer buffer;
     return buffer.allocate(100) == device::kSuccess && buffer.release() == device::kSuccess ? 0 : 1;
   };
-  std::atomic<bool> stop{false};
+  std::atomic<bool> started{false}, stop{false};
   std::thread worker([&] {
-    while (!stop) takeAndRelease();
+    while (!stop) {
+      takeAndRelease();
+      started = true;
+    }
   });
+  while (!started) std::this_thread::yield();  // a sanitizer may hold locks of its own while a thread starts
   for (int i = 0; i < 50 && !HasFailure(); ++i) EXPECT_EQ(statusOfChild(takeAndRelease), 0) << i;
   stop = true;
   worker.join();
