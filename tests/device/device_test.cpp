@@ -151,6 +151,7 @@ TEST(Device, ComputesInAForkedChild) {
 }
 
 TEST(Device, ComputesInChildrenForkedWhileAnotherThreadComputes) {
+  if (!kForksBesideThreads) GTEST_SKIP() << "the sanitizer cannot fork beside threads that allocate";
   if (NDevice::kind() != "cpu") GTEST_SKIP() << "only the CPU device works in a forked child";
   const Silence silence;
   const Planes expected = planesOf(smallFlow());

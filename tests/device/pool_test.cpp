@@ -120,6 +120,7 @@ TEST_F(Pool, LeavesDetachedMemoryToItsOwnerInAnyThread) {
 }
 
 TEST(PoolFork, ServesChildrenForkedWhileAnotherThreadIsInside) {
+  if (!kForksBesideThreads) GTEST_SKIP() << "the sanitizer cannot fork beside threads that allocate";
   if (NDevice::kind() != "cpu") GTEST_SKIP() << "only the CPU device works in a forked child";
   const auto takeAndRelease = [] {
     Buffer buffer;
