@@ -5,6 +5,8 @@
 
 #include "reference/solver_reference.h"
 #include "support/test.h"
+#include "variational/solver/solve_system.h"
+#include "variational/solver/solvers_plain.h"
 #include "variational/systems.h"
 
 namespace {
@@ -25,6 +27,19 @@ Planes relaxedHostArrays(const TestSystem& system, int iterations, float omega) 
   SORIterations(system.matrix.data(), system.rhs.data(), x.data(), x.data() + h * w, x.data(), h, w, omega,
                 iterations);
   return x;
+}
+
+/// By relaxSystem or plainRelaxation, of the five planes of storedOnce.
+template <class Solver>
+Planes relaxedOnce(const TestSystem& once, int sweeps, const Solver& solver) {
+  const DeviceSystem device(once);
+  FPtmp fp{};
+  fp.matrix = device.matrix.get();
+  fp.rhs = device.rhs.get();
+  fp.increment = device.x.get();
+  solver(fp, device.h, device.w, device.x.p(), sweeps, kOmega);
+  EXPECT_TRUE(device.x.intact() && device.matrix.intact());
+  return device.x.values();
 }
 
 double residualOf(const TestSystem& system, const Planes& x) {
@@ -57,6 +72,29 @@ TEST(Relaxation, HasTheSameBitsInEveryForm) {
   }
 }
 
+TEST(Relaxation, OfTheAssembledSystemIsTheSameInEveryForm) {
+  // Several bands from 12000 pixels on, several waves through the widest.
+  for (const Size size : {Size{1, 1}, Size{1, 40}, Size{41, 1}, Size{2, 3}, Size{16, 64}, Size{21, 37},
+                          Size{130, 257}, Size{700, 19}, Size{85, 320}, Size{64, 3001}}) {
+    SCOPED_TRACE(size);
+    TestSystem system(size.h, size.w, 6);
+    for (const int plane : {kMatrixUU, kMatrixUV, kMatrixVU, kMatrixVV}) {
+      system.matrix.at(size.w / 2, size.h / 2, plane) = 1e-4f;  // singular
+    }
+    TestSystem once = storedOnce(system);
+    for (int y = 0; y < size.h; ++y) once.matrix.at(size.w - 1, y, 3) = kNan;  // no neighbour there
+    for (int x = 0; x < size.w; ++x) once.matrix.at(x, size.h - 1, 4) = kInf;
+    for (const int sweeps : {0, 1, 2, 10}) {
+      const Planes expected = relaxedOnce(once, sweeps, variational::plainRelaxation);
+      withThreads({1, 2, 5}, [&] {
+        ASSERT_TRUE(exact(relaxedOnce(once, sweeps, variational::relaxSystem), expected)) << sweeps;
+      });
+      const Planes full = reference::relax(system.matrix, system.rhs, system.start, kOmega, sweeps);
+      ASSERT_TRUE(tolerance::rounding(expected, full, 100)) << sweeps;
+    }
+  }
+}
+
 TEST(Relaxation, SkipsSingularBlocks) {
   TestSystem system(4, 6, 3);
   for (const int plane : {kMatrixUU, kMatrixUV, kMatrixVU, kMatrixVV}) system.matrix.at(2, 1, plane) = 0.5f;
@@ -82,6 +120,8 @@ TEST(Relaxation, ByTheDeviceAndInOrderReachTheSameSolution) {
     EXPECT_TRUE(tolerance::solved(residualOf(system, redBlack), start)) << omega;
     EXPECT_TRUE(tolerance::rounding(redBlack, inOrder, 1e4)) << omega;
   }
+  const Planes assembled = relaxedOnce(storedOnce(system), 300, variational::relaxSystem);
+  EXPECT_TRUE(tolerance::solved(residualOf(system, assembled), residualOf(system, system.start)));
 }
 
 TEST(GaussSeidel, PrintsAFallingResidualBeforeAndAfterEverySweep) {

@@ -16,19 +16,6 @@ Planes solvedBy(const TestSystem& system, int iterations, int padding = DevicePl
 
 using kernels::SystemLayout;
 
-/// The system in the five planes of SystemLayout::once, not-a-number in the rest of the stack.
-TestSystem storedOnce(const TestSystem& system) {
-  constexpr MatrixPlane kOrder[] = {kMatrixUU, kMatrixVU, kMatrixVV, kMatrixEast, kMatrixSouth};
-  TestSystem once = system;
-  for (int plane = 0; plane < 12; ++plane) {
-    forPixels(system.h(), system.w(), [&](int x, int y) {
-      once.matrix.at(x, y, plane) =
-          plane < SystemLayout::kOncePlanes ? system.matrix.at(x, y, kOrder[plane]) : kNan;
-    });
-  }
-  return once;
-}
-
 Planes solvedPlainly(const TestSystem& system, int iterations, bool once = false) {
   const DeviceSystem device(system);
   const int h = device.h, p = device.x.p();

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "support/device_planes.h"
+#include "variational/solver/solver_kernels.h"
 
 /// A symmetric positive definite system like those of a fixed-point step: couplings from diffusivities
 /// between 0.1 and `strength`, planes that nothing may read filled with not-a-number.
@@ -38,6 +39,20 @@ struct TestSystem {
   int h() const { return matrix.h; }
   int w() const { return matrix.w; }
 };
+
+/// The system in the five planes of kernels::SystemLayout::once, not-a-number in the rest of the stack.
+inline TestSystem storedOnce(const TestSystem& system) {
+  constexpr MatrixPlane kOrder[] = {kMatrixUU, kMatrixVU, kMatrixVV, kMatrixEast, kMatrixSouth};
+  TestSystem once = system;
+  for (int plane = 0; plane < 12; ++plane) {
+    forPixels(system.h(), system.w(), [&](int x, int y) {
+      once.matrix.at(x, y, plane) = plane < kernels::SystemLayout::kOncePlanes
+                                        ? system.matrix.at(x, y, kOrder[plane])
+                                        : std::numeric_limits<float>::quiet_NaN();
+    });
+  }
+  return once;
+}
 
 /// The same on the device, with the solver's work vectors.
 struct DeviceSystem {
