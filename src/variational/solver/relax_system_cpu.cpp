@@ -130,9 +130,21 @@ struct RelaxedRow {
   const float *uu, *uv, *vv, *rhsU, *rhsV, *north, *west, *east, *south;
   const float *northU, *northV, *westU, *westV, *eastU, *eastV, *southU, *southV;
   float *du, *dv;
+  float keep;
+
+  TARVO_HOST_DEVICE void at(int k) const {
+    kernels::NeighbourResidual left{rhsU[k], rhsV[k]};
+    left.decouple(north[k], northU[k], northV[k]);
+    left.decouple(west[k], westU[k], westV[k]);
+    left.decouple(east[k], eastU[k], eastV[k]);
+    left.decouple(south[k], southU[k], southV[k]);
+    const kernels::Pair value = kernels::relaxed({uu[k], uv[k], vv[k]}, left, keep, du[k], dv[k]);
+    du[k] = value.first;
+    dv[k] = value.second;
+  }
 };
 
-TARVO_HOST RelaxedRow relaxedRow(const Ring& ring, int y, int parity) {
+TARVO_HOST RelaxedRow relaxedRow(const Ring& ring, int y, int parity, float keep) {
   const Side own = ring.side(y, parity);
   const Side other = ring.side(y, 1 - parity);
   const Side above = ring.side(y - 1, parity);
@@ -157,23 +169,15 @@ TARVO_HOST RelaxedRow relaxedRow(const Ring& ring, int y, int parity) {
           below.plane(kDu),
           below.plane(kDv),
           own.plane(kDu),
-          own.plane(kDv)};
+          own.plane(kDv),
+          keep};
 }
 
 /// One row of a half-sweep; in whole cache lines, of which the ring has room for.
-TARVO_BAND void relaxRow(RelaxedRow r, int count, float keep) {
+TARVO_BAND void relaxRow(RelaxedRow r, int count) {
   const int whole = (count + kLine - 1) & -kLine;
 #pragma omp simd
-  for (int k = 0; k < whole; ++k) {
-    kernels::NeighbourResidual left{r.rhsU[k], r.rhsV[k]};
-    left.decouple(r.north[k], r.northU[k], r.northV[k]);
-    left.decouple(r.west[k], r.westU[k], r.westV[k]);
-    left.decouple(r.east[k], r.eastU[k], r.eastV[k]);
-    left.decouple(r.south[k], r.southU[k], r.southV[k]);
-    const kernels::Pair value = kernels::relaxed({r.uu[k], r.uv[k], r.vv[k]}, left, keep, r.du[k], r.dv[k]);
-    r.du[k] = value.first;
-    r.dv[k] = value.second;
-  }
+  for (int k = 0; k < whole; ++k) r.at(k);
   r.du[count] = r.dv[count] = 0.0f;  // the neighbour of the row's last pixel
 }
 
@@ -189,7 +193,7 @@ void runWave(const Wave& wave) {
       const int y = step - t;
       if (y < rows.first - t * rows.rise || y >= rows.last + t * rows.fall) continue;
       const int parity = (y + wave.start + t) & 1;
-      relaxRow(relaxedRow(ring, y, parity), (s.w + 1 - parity) / 2, 1.0f - s.omega);
+      relaxRow(relaxedRow(ring, y, parity, 1.0f - s.omega), (s.w + 1 - parity) / 2);
     }
     const int leaving = step - wave.halfSweeps;
     if (leaving >= rows.begin) leaveRow(s, ring.side(leaving, 0), ring.side(leaving, 1), leaving);
