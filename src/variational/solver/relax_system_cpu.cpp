@@ -235,7 +235,7 @@ void forEach(int count, const Function& function) {
 }  // namespace
 
 RelaxationPlan relaxationPlan(int h, int w, int sweeps) {
-  constexpr long kWaveFloats = 160 * 1024;  // of a ring, so that most of it stays in a second-level cache
+  constexpr long kWaveFloats = 512 * 1024;  // of a ring; beyond them one wave more costs less
   const int total = 2 * sweeps;
   const int most = static_cast<int>(std::max(4L, kWaveFloats / Ring::rowFloats(w) - 2));
   const int waves = (total + most - 1) / most;
