@@ -99,7 +99,7 @@ class Block {
     int any = 0;
 #pragma omp simd reduction(| : any)
     for (int k = 0; k < kWide; ++k) {
-      moves_[k] = intervalsU_.at(k).moves() | intervalsV_.at(k).moves() ? 1 : 0;
+      moves_[k] = (intervalsU_.at(k).moves() || intervalsV_.at(k).moves()) ? 1 : 0;
       any |= moves_[k];
     }
     return any != 0;
@@ -139,17 +139,16 @@ class Block {
   }
 
   TARVO_HOST void search() {
-    for (int step = 0; step < Interval::kMostHalvings && halve(); ++step) {
+    for (int step = 0; step < Interval::kMostHalvings && halve(u_, intervalsU_); ++step) {
+    }
+    for (int step = 0; step < Interval::kMostHalvings && halve(v_, intervalsV_); ++step) {
     }
   }
 
   TARVO_HOST void store(float* outU, float* outV, int count) const {
     alignas(64) float u[kWide], v[kWide];
-#pragma omp simd
-    for (int k = 0; k < kWide; ++k) {
-      u[k] = leastOf(u_, intervalsU_, k);
-      v[k] = leastOf(v_, intervalsV_, k);
-    }
+    leastOf(u_, intervalsU_, u);
+    leastOf(v_, intervalsV_, v);
     std::copy(u, u + count, outU);
     std::copy(v, v + count, outV);
   }
@@ -158,48 +157,50 @@ class Block {
   static constexpr int kSide = 2 * kRadius + 1, kTaps = kSide * kSide, kOwn = kTaps / 2;
   using Taps = float[kTaps][kWide];
 
-  /// Halves the open intervals; whether any is.
-  TARVO_HOST bool halve() {
+  /// Adds to below the weight of the values under mid, in the order of the plain kernel: a row's sum first.
+  TARVO_HOST void addBelow(const Taps& taps, const float* mid, float* below) const {
+    for (int j = 0; j < kSide; ++j) {
+      alignas(64) float row[kWide] = {};
+      for (int i = 0; i < kSide; ++i) {
+        const float *value = taps[j * kSide + i], *weight = weight_[j * kSide + i];
+#pragma omp simd
+        for (int k = 0; k < kWide; ++k) row[k] += value[k] < mid[k] ? weight[k] : 0.0f;
+      }
+#pragma omp simd
+      for (int k = 0; k < kWide; ++k) below[k] += row[k];
+    }
+  }
+  /// Halves the open intervals of one component; whether any is open still.
+  TARVO_HOST bool halve(const Taps& taps, Intervals& intervals) const {
+    alignas(64) float mid[kWide], below[kWide] = {};
+#pragma omp simd
+    for (int k = 0; k < kWide; ++k) mid[k] = intervals.at(k).middle();
+    addBelow(taps, mid, below);
     int open = 0;
 #pragma omp simd reduction(| : open)
     for (int k = 0; k < kWide; ++k) {
-      Interval u = intervalsU_.at(k), v = intervalsV_.at(k);
-      const float midU = u.middle(), midV = v.middle();
-      float belowU = 0.0f, belowV = 0.0f;
-      TARVO_UNROLL
-      for (int j = 0; j < kSide; ++j) {
-        float rowU = 0.0f, rowV = 0.0f;
-        TARVO_UNROLL
-        for (int i = 0; i < kSide; ++i) {
-          const float weight = weight_[j * kSide + i][k];
-          rowU += u_[j * kSide + i][k] < midU ? weight : 0.0f;
-          rowV += v_[j * kSide + i][k] < midV ? weight : 0.0f;
-        }
-        belowU += rowU;
-        belowV += rowV;
-      }
-      u.halve(belowU, half_[k]);
-      v.halve(belowV, half_[k]);
-      intervalsU_.set(k, u);
-      intervalsV_.set(k, v);
-      open |= u.open() | v.open() ? 1 : 0;
+      Interval interval = intervals.at(k);
+      interval.halve(below[k], half_[k]);
+      intervals.set(k, interval);
+      open |= interval.open() ? 1 : 0;
     }
     return open != 0;
   }
 
-  /// The least value of pixel k's window that is not below its interval, or its own if it does not move.
-  TARVO_HOST float leastOf(const Taps& taps, const Intervals& intervals, int k) const {
-    const Interval interval = intervals.at(k);
-    float least = interval.high;
-    TARVO_UNROLL
-    for (int j = 0; j < kSide; ++j) {
-      TARVO_UNROLL
-      for (int i = 0; i < kSide; ++i) {
-        const float value = taps[j * kSide + i][k];
-        least = (value >= interval.low) & (value < least) ? value : least;
+  /// The least value of each window that is not below its interval, or its own of a pixel that does not move.
+  TARVO_HOST void leastOf(const Taps& taps, const Intervals& intervals, float* least) const {
+#pragma omp simd
+    for (int k = 0; k < kWide; ++k) least[k] = intervals.high[k];
+    for (const float(&value)[kWide] : taps) {
+#pragma omp simd
+      for (int k = 0; k < kWide; ++k) {
+        least[k] = (value[k] >= intervals.low[k] && value[k] < least[k]) ? value[k] : least[k];
       }
     }
-    return (moves_[k] == 0) | interval.empty() ? taps[kOwn][k] : least;
+#pragma omp simd
+    for (int k = 0; k < kWide; ++k) {
+      least[k] = (moves_[k] == 0 || intervals.at(k).empty()) ? taps[kOwn][k] : least[k];
+    }
   }
 
   alignas(64) Taps weight_, u_, v_;

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "device/kernel.h"
+#include "variational/elementwise_kernels.h"
 
 namespace kernels {
 
@@ -32,8 +33,8 @@ struct MedianInterval {
     const float mid = middle();
     const bool halves = open();
     const bool above = below < half;
-    low = halves & above ? mid : low;
-    high = halves & !above ? mid : high;
+    low = (halves && above) ? mid : low;
+    high = (halves && !above) ? mid : high;
   }
 };
 
@@ -54,12 +55,7 @@ struct MedianWeights {
   /// @param r, g, b  differences of the channels
   TARVO_HOST_DEVICE float weight(float r, float g, float b, float nearness, float valid) const {
     const float squares = fmaf(b, b, fmaf(g, g, r * r));
-    const float t = fmaf(-colourScale, squares, nearness);
-    const float t1 = t > 0.0f ? t : 0.0f;
-    const float t2 = t1 * t1;
-    const float t4 = t2 * t2;
-    const float t8 = t4 * t4;
-    return (valid + kLeastTrust) * (t8 * t8);
+    return (valid + kLeastTrust) * power16(fmaf(-colourScale, squares, nearness));
   }
 };
 
