@@ -9,6 +9,7 @@
 #include <tarvo/CVector.h>
 #include <tarvo/NDevice.h>
 #include <tarvo/NFilter.h>
+#include <tarvo/NFlow.h>
 #include <tarvo/NFlowFile.h>
 #include <tarvo/NMath.h>
 #include <tarvo/NReport.h>

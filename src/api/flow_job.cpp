@@ -2,11 +2,12 @@
 
 #include <tarvo/NFilter.h>
 #include <tarvo/matching.h>
-#include <tarvo/variational.h>
+#include <tarvo/picture.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <initializer_list>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -17,7 +18,7 @@
 #include "device/stopwatch.h"
 #include "match/match_steps.h"
 #include "variational/flow/arguments.h"
-#include "variational/flow/coarse_to_fine.h"
+#include "variational/flow/variational_flow.h"
 
 namespace api {
 namespace {
@@ -29,62 +30,99 @@ std::atomic<bool> matchingOn{true};
 /// Device buffers of one computation.
 struct DeviceFlow {
   device::Buffer image1, image2, matchU, matchV, matchWeight, u, v;
-  int h = 0, w = 0, p = 0, channels = 0;
+  int h = 0, w = 0, p = 0;
 };
 
+variational::FlowWeights weightsOf(const NFlow::Options& options) {
+  return {options.alpha,
+          options.beta,
+          options.gamma,
+          options.eta,
+          options.fixedPointIterations,
+          options.solverIterations,
+          options};
+}
+
 /// Has the pool hold all that the computation takes at one time, so that its stages share it.
-void reserve(DeviceFlow& job, float eta) {
+void reserve(DeviceFlow& job, const NFlow::Options& options) {
   job.p = device::chosenPitch(job.w);
   const std::size_t input = device::planeFloats(job.h, job.p, 3 + 3 + 3);
-  const std::size_t solving = variational::coarseToFineFloats(job.h, job.w, job.p, eta);
-  const std::size_t matching = matchingOn ? match::matchingFloats(job.h, job.w, job.p) : 0;
+  const std::size_t solving = variational::coarseToFineFloats(job.h, job.w, job.p, weightsOf(options));
+  const std::size_t matching = options.matches ? match::matchingFloats(job.h, job.w, job.p) : 0;
   TARVO_CALL(device::reserve(input + std::max(matching, solving)));
 }
 
-void upload(DeviceFlow& job, const CTensor<float>& image1, const CTensor<float>& image2) {
+void upload(DeviceFlow& job, const Pictures& pictures) {
   auto memcpy1 = TARVO_STOPWATCH(memcpy1);
-  TARVO_CALL(job.image1.upload(&job.p, image1.data(), job.h, job.w, job.channels));
-  TARVO_CALL(job.image2.upload(&job.p, image2.data(), job.h, job.w, job.channels));
+  TARVO_CALL(job.image1.upload(&job.p, pictures.image1, job.h, job.w, kPictureChannels));
+  TARVO_CALL(job.image2.upload(&job.p, pictures.image2, job.h, job.w, kPictureChannels));
   for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
     TARVO_CALL(plane->allocate(device::planeFloats(job.h, job.p)));
   }
   memcpy1.stop();
 }
 
-void match(DeviceFlow& job) {
+NMatching::Counts match(DeviceFlow& job, const NFlow::Options& options) {
   auto HOG = TARVO_STOPWATCH(HOG);
-  if (matchingOn) {
-    gCreateAndMatchHOG(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
-                       job.matchWeight.get(), job.h, job.w, job.p, job.channels);
+  NMatching::Counts counts{};
+  if (options.matches) {
+    counts = match::createAndMatch(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
+                                   job.matchWeight.get(), job.h, job.w, job.p, kPictureChannels,
+                                   options.matchSpacing);
   } else {
     for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
       TARVO_CALL(device::clear(plane->get(), device::planeFloats(job.h, job.p) * sizeof(float)));
     }
   }
   HOG.stop();
+  return counts;
 }
 
-void solve(DeviceFlow& job, const NFlow::Parameters& a) {
+void solve(DeviceFlow& job, const NFlow::Options& options) {
   auto var = TARVO_STOPWATCH(var);
   float *u = nullptr, *v = nullptr;
-  gVariationalFlowTarvo(job.image1.get(), job.image2.get(), &u, &v, job.matchU.get(), job.matchV.get(),
-                        job.matchWeight.get(), 1, job.h, job.w, job.p, job.channels, 0.0f, a.alpha, a.beta,
-                        a.gamma, a.eta, a.fixedPointIterations, a.solverIterations, 1);
+  variational::solveFlow({job.image1.get(),
+                          job.image2.get(),
+                          {job.matchU.get(), job.matchV.get(), job.matchWeight.get()},
+                          job.h,
+                          job.w,
+                          job.p,
+                          kPictureChannels},
+                         weightsOf(options), 0.0f, &u, &v);
   job.u = device::Buffer::adopt(u);
   job.v = device::Buffer::adopt(v);
   var.stop();
 }
 
+/// Planes of a computation, one behind the other.
+CTensor<float> fetch(const DeviceFlow& job, std::initializer_list<const device::Buffer*> planes) {
+  CTensor<float> result(job.w, job.h, static_cast<int>(planes.size()), 0.0f);
+  float* to = result.data();
+  for (const device::Buffer* plane : planes) {
+    TARVO_CALL(
+        device::copyPlanes(to, job.w, plane->get(), job.p, job.h, job.w, 1, device::Direction::ToHost));
+    to += device::planeFloats(job.h, job.w);
+  }
+  return result;
+}
+
 void download(const DeviceFlow& job, CTensor<float>& flow) {
   auto memcpy1 = TARVO_STOPWATCH(memcpy1);
-  CTensor<float> result(job.w, job.h, 2, 0.0f);
-  const std::size_t pixels = static_cast<std::size_t>(job.w) * static_cast<std::size_t>(job.h);
-  const float* const planes[2] = {job.u.get(), job.v.get()};
-  for (std::size_t k = 0; k < 2; ++k) {
-    TARVO_CALL(device::copyPlanes(result.data() + k * pixels, job.w, planes[k], job.p, job.h, job.w, 1,
-                                  device::Direction::ToHost));
-  }
+  const CTensor<float> result = fetch(job, {&job.u, &job.v});
   flow = result;  // a copy: an array of as many elements stays where the caller has pointers into it
+  memcpy1.stop();
+}
+
+void downloadMatches(const DeviceFlow& job, std::vector<NFlow::Match>& matches) {
+  auto memcpy1 = TARVO_STOPWATCH(memcpy1);
+  const CTensor<float> field = fetch(job, {&job.matchU, &job.matchV, &job.matchWeight});
+  for (int y = 0; y < job.h; ++y) {
+    for (int x = 0; x < job.w; ++x) {
+      if (!(field(x, y, 2) > 0.0f)) continue;
+      matches.push_back(
+          {static_cast<float>(x), static_cast<float>(y), field(x, y, 0), field(x, y, 1), field(x, y, 2)});
+    }
+  }
   memcpy1.stop();
 }
 
@@ -93,14 +131,6 @@ void release(DeviceFlow& job) {
        {&job.image1, &job.image2, &job.u, &job.v, &job.matchU, &job.matchV, &job.matchWeight}) {
     TARVO_CALL(buffer->release());
   }
-}
-
-void printTimes() {
-  report::print("Memcpy time = %f \n", timer_memcpy1);
-  report::print("Filter time = %f \n", timer_filter);
-  report::print("HOG time = %f \n", timer_HOG);
-  report::print("Var time = %f \n", timer_var);
-  report::print("Total time = %f \n", timer_total);
 }
 
 std::string sizeOf(const CTensor<float>& image) {
@@ -141,23 +171,27 @@ bool matchingEnabled() {
   return matchingOn;
 }
 
-void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
-                 const NFlow::Parameters& parameters) {
-  device::chosenPitch(image1.sizeX());  // chooses and starts the device before any clock
-  auto total = TARVO_STOPWATCH(total);
-  smooth(image1, image2, parameters.sigma);
+NMatching::Counts computeFlow(const Pictures& pictures, const NFlow::Options& options, CTensor<float>& flow,
+                              std::vector<NFlow::Match>* matches) {
   DeviceFlow job;
-  job.h = image1.sizeY();
-  job.w = image1.sizeX();
-  job.channels = image1.sizeZ();
-  reserve(job, parameters.eta);
-  upload(job, image1, image2);
-  match(job);
-  solve(job, parameters);
+  job.h = pictures.h;
+  job.w = pictures.w;
+  reserve(job, options);
+  upload(job, pictures);
+  const NMatching::Counts counts = match(job, options);
+  if (matches != nullptr && options.matches) downloadMatches(job, *matches);
+  solve(job, options);
   download(job, flow);
   release(job);
-  total.stop();
-  printTimes();
+  return counts;
+}
+
+void printTimes() {
+  report::print("Memcpy time = %f \n", timer_memcpy1);
+  report::print("Filter time = %f \n", timer_filter);
+  report::print("HOG time = %f \n", timer_HOG);
+  report::print("Var time = %f \n", timer_var);
+  report::print("Total time = %f \n", timer_total);
 }
 
 }  // namespace api

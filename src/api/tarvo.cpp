@@ -4,7 +4,29 @@
 
 #include "api/flow_job.h"
 #include "device/device.h"
+#include "device/memory.h"
 #include "device/report.h"
+#include "device/stopwatch.h"
+#include "match/match_steps.h"
+
+namespace {
+
+void computeFlow(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow,
+                 const NFlow::Parameters& parameters) {
+  NFlow::Options options;
+  static_cast<NFlow::Parameters&>(options) = parameters;
+  options.matches = api::matchingEnabled();
+  device::chosenPitch(image1.sizeX());  // chooses and starts the device before any clock
+  auto total = TARVO_STOPWATCH(total);
+  api::smooth(image1, image2, parameters.sigma);
+  const NMatching::Counts counts = api::computeFlow(
+      {image1.data(), image2.data(), image1.sizeX(), image1.sizeY()}, options, flow, nullptr);
+  if (options.matches) match::setCounts(counts);
+  total.stop();
+  api::printTimes();
+}
+
+}  // namespace
 
 void tarvo(CTensor<float> image1, CTensor<float> image2, CTensor<float>& forward, CTensor<float>& backward) {
   const NFlow::Parameters a;
@@ -19,9 +41,9 @@ void tarvo(CTensor<float> image1, CTensor<float> image2, CTensor<float>& forward
   api::checkArguments("tarvo", image1, image2, parameters);
   const device::Entry entry;
   report::Runs runs(2);
-  api::computeFlow(image1, image2, forward, parameters);
+  computeFlow(image1, image2, forward, parameters);
   runs.nextRun();
-  api::computeFlow(image2, image1, backward, parameters);
+  computeFlow(image2, image1, backward, parameters);
 }
 
 void runFlowGPU(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& flow, float sigma,
@@ -30,5 +52,5 @@ void runFlowGPU(CTensor<float>& image1, CTensor<float>& image2, CTensor<float>& 
   const NFlow::Parameters parameters{sigma, alpha, beta, gamma, eta, fixedPointIterations, solverIterations};
   api::checkArguments("runFlowGPU", image1, image2, parameters);
   const device::Entry entry;
-  api::computeFlow(image1, image2, flow, parameters);
+  computeFlow(image1, image2, flow, parameters);
 }

@@ -80,8 +80,7 @@ Pass passOf(int index, int width, int height, double eta) {
 
 /// Levels above the full resolution.
 int scalesOf(int width, int height, double eta) {
-  const float ratio =
-      static_cast<float>(variational::kLeastSide) / static_cast<float>(width < height ? width : height);
+  const float ratio = variational::kLeastSide / static_cast<float>(width < height ? width : height);
   const double scales = std::log(static_cast<double>(ratio)) / std::log(eta);
   return scales > 0.0 && std::isfinite(scales) ? static_cast<int>(scales) : 0;
 }

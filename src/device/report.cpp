@@ -13,6 +13,7 @@ namespace {
 
 std::atomic<std::FILE*> reportStream{nullptr};
 std::atomic<bool> silent{false};
+thread_local bool quiet = false;
 
 // Never destroyed: a process may end from inside a computation.
 std::mutex& callbackMutex() {
@@ -35,6 +36,7 @@ namespace report {
 void print(const char* format, ...) {
   if (silent.load(std::memory_order_relaxed)) return;
   std::FILE* stream = reportStream.load(std::memory_order_relaxed);
+  if (stream == nullptr && quiet) return;
   std::va_list arguments;
   va_start(arguments, format);
   std::vfprintf(stream != nullptr ? stream : stdout, format, arguments);
@@ -66,6 +68,14 @@ Runs::~Runs() {
 // A member, so that only an existing sequence can advance.
 void Runs::nextRun() {
   ++currentRun;
+}
+
+Quiet::Quiet() {
+  quiet = true;
+}
+
+Quiet::~Quiet() {
+  quiet = false;
 }
 
 }  // namespace report

@@ -21,4 +21,13 @@ class Runs {
   void nextRun();
 };
 
+/// While an object of this class exists, this thread prints to a stream that the client has named, or nothing.
+class Quiet {
+ public:
+  Quiet();
+  ~Quiet();
+  Quiet(const Quiet&) = delete;
+  Quiet& operator=(const Quiet&) = delete;
+};
+
 }  // namespace report

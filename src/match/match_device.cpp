@@ -13,7 +13,6 @@ namespace {
 
 using match::kUnit;
 using match::Pair;
-using match::Records;
 
 void printTimes() {
   report::print("HOG creation = %f msec\n", timer_hogc);
@@ -75,17 +74,17 @@ std::size_t match::matchingFloats(int h, int w, int p) {
   return device::planeFloats(h, p, kFeatures) + records + std::max(making, searching);
 }
 
-void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, float* v, float* weight,
-                        int height, int width, int pitch, int channels) {
-  const match::Grid grid(width, height, match::kGridMargin);
+NMatching::Counts match::createAndMatch(const float* image1, const float* image2, float* u, float* v,
+                                        float* weight, int height, int width, int pitch, int channels,
+                                        int spacing) {
+  const Grid grid(width, height, kGridMargin, spacing);
   report::print("%d %d %d %d\n", grid.columns, grid.rows, width, height);
   for (float* plane : {u, v, weight}) {
     TARVO_CALL(device::clear(plane, device::planeFloats(height, pitch) * sizeof(float)));
   }
   if (grid.count() == 0) {
-    match::setCounts(grid, {});
     printTimes();
-    return;
+    return countsOf(grid, {});
   }
   Features features(image1, image2, height, width, pitch, channels);
   Records records(grid);
@@ -97,13 +96,19 @@ void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, floa
 
   auto hogmatch = TARVO_STOPWATCH(hogmatch);
   features.createGates();
-  match::matchBothWays(features.pair(), records, match::Backward::Home, weight, u, v);
+  matchBothWays(features.pair(), records, Backward::Home, weight, u, v);
   device::synchronize();
   hogmatch.stop();
   TARVO_LAUNCHED("Consistency check");
 
-  match::setCounts(grid, match::HostRecords(records));
+  const NMatching::Counts counts = countsOf(grid, HostRecords(records));
   printTimes();
   features.release();
   records.release();
+  return counts;
+}
+
+void gCreateAndMatchHOG(const float* image1, const float* image2, float* u, float* v, float* weight,
+                        int height, int width, int pitch, int channels) {
+  match::setCounts(match::createAndMatch(image1, image2, u, v, weight, height, width, pitch, channels));
 }

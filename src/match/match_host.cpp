@@ -185,13 +185,13 @@ void HOGMatch(const float* image1, const float* image2, const float* hog1, const
                          field.v());
     field.download(u, v, weight);
     const HostRecords result(records);
-    match::setCounts(grid, result);
+    match::setCounts(match::countsOf(grid, result));
     printMatches(grid, result);
     pair.release();
     records.release();
   } else {
     field.download(u, v, weight);
-    match::setCounts(grid, {});
+    match::setCounts(match::countsOf(grid, {}));
   }
   field.release();
   report::print("Hog over\n");

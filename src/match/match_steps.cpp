@@ -1,7 +1,5 @@
 #include "match/match_steps.h"
 
-#include <tarvo/matching.h>
-
 #include <mutex>
 
 #include "device/launch.h"
@@ -97,15 +95,19 @@ void matchBothWays(const Pair& pair, const Records& r, Backward backward, float*
   TARVO_LAUNCHED("Consistency check");
 }
 
-void setCounts(const Grid& grid, const HostRecords& records) {
+NMatching::Counts countsOf(const Grid& grid, const HostRecords& records) {
   NMatching::Counts result{grid.count(), 0, 0, 0};
   for (std::size_t k = 0; k < grid.x.size(); ++k) {
     result.gatedPoints += records.best(k) != Records::kNotSearched ? 1 : 0;
     result.forwardMatches += records.forwardX(k) != 0 ? 1 : 0;
     result.keptMatches += records.consistent(grid, k) ? 1 : 0;
   }
+  return result;
+}
+
+void setCounts(const NMatching::Counts& latest) {
   const std::lock_guard<std::mutex> lock(countsMutex);
-  counts = result;
+  counts = latest;
 }
 
 }  // namespace match

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <tarvo/elementwise.h>
+#include <tarvo/matching.h>
 
 #include <algorithm>
 #include <cstring>
@@ -24,22 +25,23 @@ struct Pair {
   int h, w, p;
 };
 
-/// Points with x and y = margin, margin + 4, ... below the size less the margin, row by row.
+/// Points with x and y = margin, margin + spacing, ... below the size less the margin, row by row.
 struct Grid {
   int columns, rows;
   std::vector<int> x, y;
 
-  Grid(int w, int h, int margin) : columns(pointsAlong(w, margin)), rows(pointsAlong(h, margin)) {
+  Grid(int w, int h, int margin, int spacing = kSpacing)
+      : columns(pointsAlong(w, margin, spacing)), rows(pointsAlong(h, margin, spacing)) {
     for (int j = 0; j < rows; ++j) {
       for (int i = 0; i < columns; ++i) {
-        x.push_back(margin + i * kSpacing);
-        y.push_back(margin + j * kSpacing);
+        x.push_back(margin + i * spacing);
+        y.push_back(margin + j * spacing);
       }
     }
   }
   int count() const { return static_cast<int>(x.size()); }
-  static int pointsAlong(int size, int margin) {
-    return std::max(0, size - 2 * margin + kSpacing - 1) / kSpacing;
+  static int pointsAlong(int size, int margin, int spacing) {
+    return std::max(0, size - 2 * margin + spacing - 1) / spacing;
   }
 };
 
@@ -125,8 +127,14 @@ enum class Backward { Matches, Home };
 void matchBothWays(const Pair& pair, const Records& records, Backward backward, float* weight, float* u,
                    float* v);
 
-/// Counts the records for NMatching::lastCounts.
-void setCounts(const Grid& grid, const HostRecords& records);
+/// What the records hold.
+NMatching::Counts countsOf(const Grid& grid, const HostRecords& records);
+/// From now on the counts of NMatching::lastCounts.
+void setCounts(const NMatching::Counts& latest);
+
+/// gCreateAndMatchHOG, which hands the counts to setCounts, for points `spacing` pixels apart.
+NMatching::Counts createAndMatch(const float* image1, const float* image2, float* u, float* v, float* weight,
+                                 int height, int width, int pitch, int channels, int spacing = kSpacing);
 
 /// Mean of an h x w plane with this sum, in single precision.
 inline float meanOf(float sum, int h, int w) {

@@ -75,5 +75,13 @@ TEST_F(CudaEqualsCpu, OnWholeFlows) {
       runFlowGPU(first, second, flow, 0.8f, 30.0f, 300.0f, 5.0f, 0.95f, 5, 10);
       return planesOf(flow);
     });
+    for (const std::string& preset : NFlow::presetNames()) {
+      SCOPED_TRACE(preset);
+      compare([&] {
+        return planesOf(NFlow::compute(tensorOf(render(size.h, size.w, 0, 0)),
+                                       tensorOf(render(size.h, size.w, 2, 1)), NFlow::preset(preset))
+                            .forward);
+      });
+    }
   }
 }

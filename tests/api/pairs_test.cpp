@@ -56,6 +56,12 @@ TEST_P(Pairs, FlowIsNearTheTruth) {
   EXPECT_LT(error, GetParam().bound);
 }
 
+TEST_P(Pairs, AreNoFartherFromTheTruthWithThePresetAccurate) {
+  const CTensor<float> truth = NFlowFile::read(folder + "/flow.flo");
+  const double standard = meanError(NFlow::compute(first, second).forward, truth);
+  EXPECT_LT(meanError(NFlow::compute(first, second, NFlow::preset("accurate")).forward, truth), standard);
+}
+
 TEST_P(Pairs, AreMatchedAlikeByHostAndDevice) {
   const Report report;
   runFlow(first, second, flow, 0.0f, 30.0f, 300.0f, 5.0f, 0.5f, 0, 0);  // matching alone

@@ -6,11 +6,13 @@
 #include <tarvo/variational.h>
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 #include <vector>
 
 #include "device/report.h"
 #include "device/stopwatch.h"
+#include "variational/filter/weighted_median.h"
 #include "variational/pyramid/enlarge_flow.h"
 #include "variational/units.h"
 
@@ -45,33 +47,38 @@ std::vector<PictureLevels::Size> pictureSizes(const FlowInput& input, float eta,
   return sizes;
 }
 
-/// The fixed-point step takes its read-only planes as plain pointers.
-float* readOnly(const float* plane) {
-  return const_cast<float*>(plane);
+// Standard deviations of the weights of the median: likeness of colour [grey levels], nearness [pixels].
+constexpr float kMedianColour = 7.0f, kMedianDistance = 7.0f;
+
+int edgePlanesOf(const FlowWeights& weights) {
+  return weights.terms.edgeScale > 0.0f ? 2 : 0;
 }
 
 }  // namespace
 
-std::size_t coarseToFineFloats(int height, int width, int pitch, float eta) {
+std::size_t coarseToFineFloats(int height, int width, int pitch, const FlowWeights& weights) {
   const FlowInput input{nullptr, nullptr, {}, height, width, pitch, kPictureChannels};
-  const int levels = levelsAbove(height, width, eta);
-  const std::size_t largest = largestPlane(input, eta, levels);
+  const int levels = levelsAbove(height, width, weights.eta, weights.terms.leastSide);
+  const std::size_t largest = largestPlane(input, weights.eta, levels);
   const std::size_t flows = 2 * 2;  // of two levels
-  return (kLevelPlanes + Scratch::kPlanes + flows) * largest +
-         PictureLevels(nullptr, nullptr, height, width, pitch, pictureSizes(input, eta, levels)).floats();
+  return (kLevelPlanes + static_cast<std::size_t>(edgePlanesOf(weights)) + Scratch::kPlanes + flows) *
+             largest +
+         PictureLevels(nullptr, nullptr, height, width, pitch, pictureSizes(input, weights.eta, levels))
+             .floats();
 }
 
-CoarseToFine::LevelPlanes::LevelPlanes(std::size_t floats) {
+CoarseToFine::LevelPlanes::LevelPlanes(std::size_t floats, int edgePlanes) {
   auto clock = TARVO_STOPWATCH(memcpy);
   for (device::Buffer* plane : {&matchU, &matchV, &matchWeight}) TARVO_CALL(plane->allocate(floats));
   device::synchronize();
   clock.stop();
   TARVO_CALL(valid.allocate(floats));
   TARVO_CALL(warped.allocate(kPictureChannels * floats));
+  if (edgePlanes > 0) TARVO_CALL(edges.allocate(static_cast<std::size_t>(edgePlanes) * floats));
 }
 
 void CoarseToFine::LevelPlanes::release() {
-  for (device::Buffer* buffer : {&matchU, &matchV, &matchWeight, &valid, &warped}) {
+  for (device::Buffer* buffer : {&matchU, &matchV, &matchWeight, &valid, &warped, &edges}) {
     TARVO_CALL(buffer->release());
   }
 }
@@ -79,8 +86,8 @@ void CoarseToFine::LevelPlanes::release() {
 CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
     : input_(input),
       weights_(weights),
-      levels_(levelsAbove(input.height, input.width, weights.eta)),
-      planes_(largestPlane(input, weights.eta, levels_)),
+      levels_(levelsAbove(input.height, input.width, weights.eta, weights.terms.leastSide)),
+      planes_(largestPlane(input, weights.eta, levels_), edgePlanesOf(weights)),
       scratch_(largestPlane(input, weights.eta, levels_)),
       pictures_(input.image1, input.image2, input.height, input.width, input.pitch,
                 pictureSizes(input, weights.eta, levels_)),
@@ -89,8 +96,8 @@ CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
 }
 
 void CoarseToFine::run() {
-  const int passes = levels_ + 1 + kFinalPasses;
-  for (int index = levels_; index >= -kFinalPasses; --index) {
+  const int finalPasses = weights_.terms.finalPasses, passes = levels_ + 1 + finalPasses;
+  for (int index = levels_; index >= -finalPasses; --index) {
     const Level level = levelOf(index, input_.height, input_.width, weights_.eta);
     if (level.skipped) {
       report::print("Increase eta or increase minimum dimension\n");
@@ -119,12 +126,41 @@ void CoarseToFine::runPass(const Level& level) {
   device::synchronize();
   interp_warp.stop();
 
-  const int solverIterations = weights_.solverIterations * (level.index < 0 ? 2 : 1);
-  gNonLinearIteration(readOnly(pictures.first), readOnly(second), planes_.valid.get(), readOnly(matches.u),
-                      readOnly(matches.v), readOnly(matches.weight), 1, flow_.u.get(), flow_.v.get(), level.h,
-                      level.w, p, input_.channels, weights_.alpha, weights_.beta,
-                      weights_.gamma * level.scale, weights_.fixedPointIterations, solverIterations, 1.0f,
-                      scratch_.cg(), scratch_.fp());
+  correctFlow({pictures.first,
+               second,
+               planes_.valid.get(),
+               {flow_.u.get(), flow_.v.get(), matches.u, matches.v, matches.weight, alphaOf(level),
+                weights_.beta, weights_.gamma * level.scale, isNormalised(weights_.terms)},
+               edgesOf(level, p, pictures),
+               weights_.fixedPointIterations,
+               weights_.solverIterations * (level.index < 0 ? 2 : 1),
+               weights_.terms},
+              flow_.u.get(), flow_.v.get(), level.h, level.w, p, input_.channels, scratch_.cg(),
+              scratch_.fp());
+  if (level.clamped == 0) removeOutliers(level, p, pictures);
+}
+
+float CoarseToFine::alphaOf(const Level& level) const {
+  if (weights_.terms.coarseSmoothness == 0.0f) return weights_.alpha;
+  return weights_.alpha * std::pow(level.scale, weights_.terms.coarseSmoothness);
+}
+
+EdgePlanes CoarseToFine::edgesOf(const Level& level, int p, const Pictures& pictures) {
+  if (!(weights_.terms.edgeScale > 0.0f)) return {};
+  const EdgePlanes edges{planes_.edges.get(), planes_.edges.get() + device::planeFloats(level.h, p)};
+  if (level.index >= 0) edgeWeights(pictures.first, edges, level.h, level.w, p, weights_.terms.edgeScale);
+  return edges;
+}
+
+void CoarseToFine::removeOutliers(const Level& level, int p, const Pictures& pictures) {
+  if (weights_.terms.medianRadius == 0) return;
+  Flow next = newFlow(level, p);
+  weightedMedian(next.u.get(), next.v.get(), flow_.u.get(), flow_.v.get(), pictures.first,
+                 planes_.valid.get(), level.h, level.w, p, weights_.terms.medianRadius, kMedianColour,
+                 kMedianDistance);
+  TARVO_CALL(flow_.u.release());
+  TARVO_CALL(flow_.v.release());
+  flow_ = std::move(next);
 }
 
 CoarseToFine::Pictures CoarseToFine::picturesOf(const Level& level) {

@@ -6,6 +6,7 @@
 #include "variational/flow/flow_weights.h"
 #include "variational/flow/levels.h"
 #include "variational/flow/scratch.h"
+#include "variational/flow/steps.h"
 #include "variational/pyramid/match_levels.h"
 #include "variational/pyramid/picture_levels.h"
 
@@ -19,7 +20,7 @@ struct FlowInput {
 };
 
 /// Floats that a flow computation takes from the pool at one time, beside its input and the flow it returns.
-std::size_t coarseToFineFloats(int height, int width, int pitch, float eta);
+std::size_t coarseToFineFloats(int height, int width, int pitch, const FlowWeights& weights);
 
 /// One flow computation from the coarsest level to the last pass at full resolution. Holds the buffers of the
 /// whole call, each large enough for every level, and the flow that moves from pass to pass.
@@ -47,8 +48,9 @@ class CoarseToFine {
     device::Buffer matchU, matchV, matchWeight;
     device::Buffer valid;   ///< 1 where the warp has found a source pixel
     device::Buffer warped;  ///< the second picture, moved by the flow
+    device::Buffer edges;   ///< weights of the smoothness, two planes; empty without edgePlanes
 
-    explicit LevelPlanes(std::size_t floats);
+    LevelPlanes(std::size_t floats, int edgePlanes);
     void release();
   };
 
@@ -59,6 +61,12 @@ class CoarseToFine {
   void carryFlow(const Level& level, int p, bool first);
   /// The second picture as the flow sees it, and where it is valid.
   const float* warp(const Level& level, int p, const Pictures& pictures, bool first);
+
+  float alphaOf(const Level& level) const;
+  /// Made anew at every level, kept for the final passes.
+  EdgePlanes edgesOf(const Level& level, int p, const Pictures& pictures);
+  /// The weighted median of the flow, if there is to be one.
+  void removeOutliers(const Level& level, int p, const Pictures& pictures);
 
   Flow newFlow(const Level& level, int p) const;
   void toInputPitch(device::Buffer& plane) const;

@@ -57,11 +57,11 @@ void MakeMatrix_dummy_kernel(float* matrix, float* rhs, const float* dataFactor,
 
 namespace {
 
-template <bool kMatches>
+template <bool kMatches, bool kSingle>
 void launchAssembly(const variational::Assembly& assembly, const FPtmp& fp, int h, int w, int p) {
   const float* du = fp.increment;
   const float* dv = fp.increment + static_cast<long>(h) * p;
-  launch(kernels::AssembleSystem<kMatches>{
+  launch(kernels::AssembleSystem<kMatches, kSingle>{
       {fp.matrix, fp.rhs, fp.stData, fp.stGrad, assembly.u, assembly.v, fp.diffX, fp.diffY},
       du,
       dv,
@@ -79,9 +79,10 @@ void launchAssembly(const variational::Assembly& assembly, const FPtmp& fp, int 
 }  // namespace
 
 void variational::assembleSystem(const Assembly& assembly, const FPtmp& fp, int h, int w, int p) {
-  if (assembly.matchWeightIn != nullptr) {
-    launchAssembly<true>(assembly, fp, h, w, p);
+  const bool matches = assembly.matchWeightIn != nullptr;
+  if (assembly.single) {
+    (matches ? launchAssembly<true, true> : launchAssembly<false, true>)(assembly, fp, h, w, p);
   } else {
-    launchAssembly<false>(assembly, fp, h, w, p);
+    (matches ? launchAssembly<true, false> : launchAssembly<false, false>)(assembly, fp, h, w, p);
   }
 }

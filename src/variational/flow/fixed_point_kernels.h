@@ -50,12 +50,14 @@ struct MatchSums {
   float weight, rhsU, rhsV;
 
   /// Adds candidate (mu, mv) of weight c for the flow (u, v) with increment (du, dv); nothing unless c > 0.
+  template <bool kSingle = false>
   TARVO_HOST_DEVICE void add(float u, float v, float du, float dv, float mu, float mv, float c, float beta) {
     const float apartU = u + du - mu;
     const float apartV = v + dv - mv;
     const float q = apartU * apartU + apartV * apartV;
-    const auto m =
-        static_cast<float>(static_cast<double>(c * beta) / std::sqrt(static_cast<double>(q) + kRootOffset));
+    const float m = kSingle ? c * beta / std::sqrt(q + static_cast<float>(kRootOffset))
+                            : static_cast<float>(static_cast<double>(c * beta) /
+                                                 std::sqrt(static_cast<double>(q) + kRootOffset));
     const bool counts = c > 0.0f;  // false for not-a-number too
     weight = counts ? weight + m : weight;
     rhsU = counts ? rhsU + (u - mu) * m : rhsU;
@@ -153,9 +155,18 @@ struct MakeMatrix_kernels {
 using MakeMatrix_kernel = MakeMatrix_kernels<true>;
 using MakeMatrix_dummy_kernel = MakeMatrix_kernels<false>;
 
+/// tensorWeight in single precision.
+TARVO_HOST_DEVICE float singleTensorWeight(const float* tensor, int i, int n, float du, float dv,
+                                           float weight) {
+  const float s = tensor[i] * du * du + tensor[i + n] * dv * dv + tensor[i + 2 * n];
+  const float t = dv * tensor[i + 5 * n] + (du * dv * tensor[i + 3 * n] + du * tensor[i + 4 * n]);
+  const float e = fmaf(2.0f, t, s);
+  return weight / std::sqrt((e < 0.0f ? 0.0f : e) + static_cast<float>(kRootOffset));
+}
+
 /// Factors and assembly in one visit, for one match candidate, or none: then the match planes are not read.
-/// The matrix is that of SystemLayout::once.
-template <bool kMatches>
+/// The matrix is that of SystemLayout::once. kSingle: robust weights in single precision.
+template <bool kMatches, bool kSingle>
 struct AssembleSystem {
   SystemPlanes planes;
   const float *du, *dv, *matchU, *matchV, *matchWeightIn;
@@ -169,11 +180,14 @@ struct AssembleSystem {
   TARVO_HOST_DEVICE void at(int x, int y) const {
     const int i = y * p + x;
     const int n = h * p;
-    const float fd = tensorWeight(planes.stData, i, n, du[i], dv[i], 1.0f);
-    const float fg = tensorWeight(planes.stGrad, i, n, du[i], dv[i], gamma);
+    const float fd = kSingle ? singleTensorWeight(planes.stData, i, n, du[i], dv[i], 1.0f)
+                             : tensorWeight(planes.stData, i, n, du[i], dv[i], 1.0f);
+    const float fg = kSingle ? singleTensorWeight(planes.stGrad, i, n, du[i], dv[i], gamma)
+                             : tensorWeight(planes.stGrad, i, n, du[i], dv[i], gamma);
     MatchSums match{0.0f, 0.0f, 0.0f};
     if (kMatches) {
-      match.add(planes.u[i], planes.v[i], du[i], dv[i], matchU[i], matchV[i], matchWeightIn[i], beta);
+      match.add<kSingle>(planes.u[i], planes.v[i], du[i], dv[i], matchU[i], matchV[i], matchWeightIn[i],
+                         beta);
     }
     const float factor = alpha;
     planes.assemble<true, kInside>(x, y, h, w, p, fd, fg, match,

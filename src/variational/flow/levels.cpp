@@ -6,9 +6,10 @@
 
 namespace variational {
 
-int levelsAbove(int height, int width, float eta) {
+int levelsAbove(int height, int width, float eta, float leastSide) {
   const auto side = static_cast<double>(static_cast<float>(std::min(height, width)));
-  const double quotient = std::log(kLeastSide / side) / static_cast<double>(std::log(eta));
+  const double quotient =
+      std::log(static_cast<double>(leastSide) / side) / static_cast<double>(std::log(eta));
   // Also false for not-a-number; compared before any conversion to int.
   if (!(quotient > 0.0 && quotient < static_cast<double>(INT_MAX))) return 0;
   return static_cast<int>(quotient);

@@ -15,10 +15,16 @@ namespace {
 
 constexpr const char* kUnit = units::kOpticalFlowGPU;
 
+constexpr float kOmega = 1.85f;  // of the relaxation
+
 /// Solves the assembled system for the increment.
-void solve(const FPtmp& fp, int h, int w, int p, int iterations, const CGtmp& cg) {
+void solve(const variational::Pass& pass, const FPtmp& fp, int h, int w, int p, const CGtmp& cg) {
   auto solver = TARVO_STOPWATCH(solver);
-  variational::solveSystem(fp, h, w, p, iterations, cg);
+  if (pass.terms.solver == NFlow::Solver::Relaxation) {
+    variational::relaxSystem(fp, h, w, p, pass.solverIterations, kOmega);
+  } else {
+    variational::solveSystem(fp, h, w, p, pass.solverIterations, cg);
+  }
   device::synchronize();
   solver.stop();
   TARVO_LAUNCHED("Solve");
@@ -26,27 +32,38 @@ void solve(const FPtmp& fp, int h, int w, int p, int iterations, const CGtmp& cg
 
 }  // namespace
 
+void variational::correctFlow(const Pass& pass, float* u, float* v, int h, int w, int p, int channels,
+                              const CGtmp& cg, const FPtmp& fp) {
+  auto makematrix = TARVO_STOPWATCH(makematrix);
+  const std::size_t n = device::planeFloats(h, p);
+  TARVO_CALL(device::clear(fp.increment, 2 * n * sizeof(float)));
+
+  structureTensors(pass.image1, pass.warped2, fp, pass.valid, h, w, p, channels, pass.terms);
+  for (int k = 0; k < pass.fixedPointIterations; ++k) {
+    diffusivity(u, v, fp, h, w, p, pass.edges, pass.terms.smoothnessEpsilon);
+    assembleSystem(pass.assembly, fp, h, w, p);
+    solve(pass, fp, h, w, p, cg);
+  }
+  TARVO_LAUNCHED("Iterations");
+  Add_kernel(u, fp.increment, h, w, p);
+  Add_kernel(v, fp.increment + n, h, w, p);
+  device::synchronize();
+  makematrix.stop();
+}
+
 void gNonLinearIteration(float* image1, float* warped2, float* gconf, float* matchU, float* matchV,
                          float* matchWeightIn, int /*candidates*/, float* u, float* v, int h, int w, int p,
                          int channels, float alpha, float beta, float gamma, int fixedPointIterations,
                          int solverIterations, float /*reserved*/, CGtmp cg, FPtmp fp) {
-  auto makematrix = TARVO_STOPWATCH(makematrix);
-  const std::size_t n = device::planeFloats(h, p);
-  TARVO_CALL(device::clear(fp.increment, 2 * n * sizeof(float)));
-  float* du = fp.increment;
-  float* dv = fp.increment + n;
-
-  variational::structureTensors(image1, warped2, fp, gconf, h, w, p, channels);
-  for (int k = 0; k < fixedPointIterations; ++k) {
-    gDiffusivity(u, v, du, dv, fp.diffX, fp.diffY, h, w, p);
-    variational::assembleSystem({u, v, matchU, matchV, matchWeightIn, alpha, beta, gamma}, fp, h, w, p);
-    solve(fp, h, w, p, solverIterations, cg);
-  }
-  TARVO_LAUNCHED("Iterations");
-  Add_kernel(u, du, h, w, p);
-  Add_kernel(v, dv, h, w, p);
-  device::synchronize();
-  makematrix.stop();
+  variational::correctFlow({image1,
+                            warped2,
+                            gconf,
+                            {u, v, matchU, matchV, matchWeightIn, alpha, beta, gamma},
+                            {},
+                            fixedPointIterations,
+                            solverIterations,
+                            {}},
+                           u, v, h, w, p, channels, cg, fp);
 }
 
 void NonLinearIteration(float* image1, float* warped2, float* gconf, float* matchU, float* matchV,

@@ -63,16 +63,24 @@ struct TensorSum {
     tensor[i + 4 * n] = j13;
     tensor[i + 5 * n] = j23;
   }
-  /// k = g / sqrt(gx^2 + gy^2 + 0.000001) times the products of (gx, gy, gz).
-  TARVO_HOST_DEVICE void addBrightness(float gx, float gy, float gz, float g) {
-    const float k = static_cast<float>(static_cast<double>(g) /
-                                       std::sqrt(static_cast<double>(gx * gx + gy * gy) + kRootOffset));
+  /// k times the products of (gx, gy, gz).
+  TARVO_HOST_DEVICE void add(float gx, float gy, float gz, float k) {
     j11 += gx * (gx * k);
     j22 += gy * (gy * k);
     j33 += gz * (gz * k);
     j12 += gy * (gx * k);
     j13 += gz * (gx * k);
     j23 += gz * (gy * k);
+  }
+  /// k = g / sqrt(gx^2 + gy^2 + 0.000001) times the products of (gx, gy, gz).
+  TARVO_HOST_DEVICE void addBrightness(float gx, float gy, float gz, float g) {
+    const float k = static_cast<float>(static_cast<double>(g) /
+                                       std::sqrt(static_cast<double>(gx * gx + gy * gy) + kRootOffset));
+    add(gx, gy, gz, k);
+  }
+  /// g / (gx^2 + gy^2 + squaredZeta) times the products of (gx, gy, gz).
+  TARVO_HOST_DEVICE void addNormalised(float gx, float gy, float gz, float g, float squaredZeta) {
+    add(gx, gy, gz, g / (gx * gx + gy * gy + squaredZeta));
   }
   /// The products of (xx, xy, xz) and of (xy, yy, yz), each over the magnitude of its gradient, times g.
   TARVO_HOST_DEVICE void addGradient(float xx, float xy, float yy, float xz, float yz, float g) {
@@ -87,13 +95,25 @@ struct TensorSum {
   }
 };
 
+/// The squares of the normalised constraints' zetas: none.
+struct NoZetas {
+  static constexpr bool kNormalised = false;
+  static constexpr float data = 0.0f, gradient = 0.0f;
+};
+struct SquaredZetas {
+  static constexpr bool kNormalised = true;
+  float data, gradient;
+};
+
 /// Both tensors of `Channels` channels in one visit, from stacks of first derivatives; added to what the
-/// tensors hold, or to zero where kFresh. The same operations as the kernels below, channel by channel.
-template <int Channels, bool kFresh>
+/// tensors hold, or to zero where kFresh. The same operations as the kernels below, channel by channel, unless
+/// the constraints are normalised.
+template <int Channels, bool kFresh, class Zetas>
 struct SumTensors {
   const float *Ix, *Iy, *Iz, *gconf;
   float *stData, *stGrad;
   int h, w, p;
+  Zetas zetas;
   static constexpr int kReach = 2;
   static constexpr bool kInPlace = !kFresh;
 
@@ -119,10 +139,17 @@ struct SumTensors {
     const int i = y * p + x;
     const int offset = c * h * p;
     const float *gx = Ix + offset, *gy = Iy + offset, *gz = Iz + offset;
-    data.addBrightness(gx[i], gy[i], gz[i], g);
-    grad.addGradient(derivativeX<kInside>(gx, x, y, w, p), derivativeY(gx, x, y, h, p),
-                     derivativeY(gy, x, y, h, p), derivativeX<kInside>(gz, x, y, w, p),
-                     derivativeY(gz, x, y, h, p), g);
+    const float xx = derivativeX<kInside>(gx, x, y, w, p), xy = derivativeY(gx, x, y, h, p),
+                yy = derivativeY(gy, x, y, h, p), xz = derivativeX<kInside>(gz, x, y, w, p),
+                yz = derivativeY(gz, x, y, h, p);
+    if constexpr (Zetas::kNormalised) {
+      data.addNormalised(gx[i], gy[i], gz[i], g, zetas.data);
+      grad.addNormalised(xx, xy, xz, g, zetas.gradient);
+      grad.addNormalised(xy, yy, yz, g, zetas.gradient);
+    } else {
+      data.addBrightness(gx[i], gy[i], gz[i], g);
+      grad.addGradient(xx, xy, yy, xz, yz, g);
+    }
   }
 };
 
@@ -182,12 +209,54 @@ struct gradientY_kernel {
   }
 };
 
+/// Diffusivity of the default penalty at element i, for the squared flow gradient s.
+struct PlainPenalty {
+  TARVO_HOST_DEVICE float x(int /*i*/, float s) const { return inverseRoot(s); }
+  TARVO_HOST_DEVICE float y(int /*i*/, float s) const { return inverseRoot(s); }
+};
+
+/// 1 / sqrt(s + epsilon^2) in single precision, times the pixel's edge weight where kEdges.
+template <bool kEdges>
+struct EdgePenalty {
+  const float *edgeX, *edgeY;
+  float squaredEpsilon;
+  TARVO_HOST_DEVICE float x(int i, float s) const { return diffusivity(edgeX, i, s); }
+  TARVO_HOST_DEVICE float y(int i, float s) const { return diffusivity(edgeY, i, s); }
+  TARVO_HOST_DEVICE float diffusivity(const float* edge, int i, float s) const {
+    return (kEdges ? edge[i] : 1.0f) / std::sqrt(s + squaredEpsilon);
+  }
+};
+
+/// Weights of the smoothness between a pixel and its right and lower neighbour: power16(1 - d / (16 scale)),
+/// about exp(-d / scale), d the root mean square difference of the channels. 1 at the last column and row.
+struct EdgeWeights {
+  const float* image;
+  float *edgeX, *edgeY;
+  int h, w, p;
+  float inverseScale;  // 1 / (16 scale)
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    edgeX[i] = x < w - 1 ? across(i, i + 1) : 1.0f;
+    edgeY[i] = y < h - 1 ? across(i, i + p) : 1.0f;
+  }
+  TARVO_HOST_DEVICE float across(int i, int j) const {
+    const int n = h * p;
+    const float r = image[j] - image[i], g = image[j + n] - image[i + n],
+                b = image[j + 2 * n] - image[i + 2 * n];
+    const float squares = fmaf(b, b, fmaf(g, g, r * r));
+    return power16(fmaf(-inverseScale, std::sqrt(squares * (1.0f / 3.0f)), 1.0f));
+  }
+};
+
 /// Both diffusivities of the total flow in one visit: the same operations as copying, adding, the central
 /// differences with clamped borders, gradientX_kernel, gradientY_kernel and normalize_kernel in turn.
+template <class Penalty>
 struct TotalFlowDiffusivity {
   const float *u, *v, *du, *dv;
   float *diffX, *diffY;
   int h, w, p;
+  Penalty penalty;
   static constexpr int kReach = 1;
 
   TARVO_HOST_DEVICE void operator()(int x, int y) const {
@@ -199,8 +268,8 @@ struct TotalFlowDiffusivity {
     float sumY = 0.0f;
     addComponent(u, du, x, y, left, right, sumX, sumY);
     addComponent(v, dv, x, y, left, right, sumX, sumY);
-    diffX[y * p + x] = inverseRoot(sumX);
-    diffY[y * p + x] = inverseRoot(sumY);
+    diffX[y * p + x] = penalty.x(y * p + x, sumX);
+    diffY[y * p + x] = penalty.y(y * p + x, sumY);
   }
 
   TARVO_HOST_DEVICE void addComponent(const float* flow, const float* increment, int x, int y, int left,

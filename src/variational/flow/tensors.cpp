@@ -12,9 +12,9 @@ namespace {
 constexpr const char* kUnit = units::kOpticalFlowGPU;
 
 /// Adds Channels channels, or sets the tensors to them where kFresh; scratch holds 3 * Channels planes.
-template <int Channels, bool kFresh>
+template <int Channels, bool kFresh, class Zetas>
 void sumTensors(const float* image1, const float* warped2, float* stData, float* stGrad, const float* gconf,
-                float* scratch, int h, int w, int p) {
+                float* scratch, int h, int w, int p, Zetas zetas) {
   const std::size_t n = device::planeFloats(h, p);
   float* const Ix = scratch;
   float* const Iy = scratch + Channels * n;
@@ -23,7 +23,7 @@ void sumTensors(const float* image1, const float* warped2, float* stData, float*
     launch(kernels::FirstDerivatives{image1 + offset, warped2 + offset, Ix + offset, Iy + offset, Iz + offset,
                                      h, w, p});
   }
-  launch(kernels::SumTensors<Channels, kFresh>{Ix, Iy, Iz, gconf, stData, stGrad, h, w, p});
+  launch(kernels::SumTensors<Channels, kFresh, Zetas>{Ix, Iy, Iz, gconf, stData, stGrad, h, w, p, zetas});
 }
 
 }  // namespace
@@ -52,17 +52,26 @@ void MakeST(const float* image1, const float* warped2, float* stData, float* stG
   device::Buffer scratch;
   TARVO_CALL(scratch.allocate(3 * n));
   for (std::size_t c = 0; c < static_cast<std::size_t>(channels); ++c) {
-    sumTensors<1, false>(image1 + c * n, warped2 + c * n, stData, stGrad, gconf, scratch.get(), h, w, p);
+    sumTensors<1, false>(image1 + c * n, warped2 + c * n, stData, stGrad, gconf, scratch.get(), h, w, p,
+                         kernels::NoZetas{});
   }
   TARVO_CALL(scratch.release());
 }
 
 void variational::structureTensors(const float* image1, const float* warped2, const FPtmp& fp,
-                                   const float* gconf, int h, int w, int p, int channels) {
+                                   const float* gconf, int h, int w, int p, int channels,
+                                   const NFlow::Terms& terms) {
   constexpr std::size_t kTensorPlanes = 6;
   const std::size_t n = device::planeFloats(h, p);
   if (channels == kPictureChannels) {
-    sumTensors<kPictureChannels, true>(image1, warped2, fp.stData, fp.stGrad, gconf, fp.matrix, h, w, p);
+    if (isNormalised(terms)) {
+      sumTensors<kPictureChannels, true>(
+          image1, warped2, fp.stData, fp.stGrad, gconf, fp.matrix, h, w, p,
+          kernels::SquaredZetas{terms.zetaData * terms.zetaData, terms.zetaGradient * terms.zetaGradient});
+    } else {
+      sumTensors<kPictureChannels, true>(image1, warped2, fp.stData, fp.stGrad, gconf, fp.matrix, h, w, p,
+                                         kernels::NoZetas{});
+    }
     return;
   }
   TARVO_CALL(device::clear(fp.stData, kTensorPlanes * n * sizeof(float)));
@@ -72,5 +81,23 @@ void variational::structureTensors(const float* image1, const float* warped2, co
 
 void gDiffusivity(const float* u, const float* v, const float* du, const float* dv, float* diffX,
                   float* diffY, int h, int w, int p) {
-  launch(kernels::TotalFlowDiffusivity{u, v, du, dv, diffX, diffY, h, w, p});
+  launch(kernels::TotalFlowDiffusivity<kernels::PlainPenalty>{u, v, du, dv, diffX, diffY, h, w, p, {}});
+}
+
+void variational::edgeWeights(const float* image, const EdgePlanes& edges, int h, int w, int p, float scale) {
+  launch(kernels::EdgeWeights{image, edges.x, edges.y, h, w, p, 1.0f / (16.0f * scale)});
+}
+
+void variational::diffusivity(const float* u, const float* v, const FPtmp& fp, int h, int w, int p,
+                              const EdgePlanes& edges, float epsilon) {
+  const float *du = fp.increment, *dv = du + device::planeFloats(h, p);
+  if (edges.x != nullptr) {
+    launch(kernels::TotalFlowDiffusivity<kernels::EdgePenalty<true>>{
+        u, v, du, dv, fp.diffX, fp.diffY, h, w, p, {edges.x, edges.y, epsilon * epsilon}});
+  } else if (epsilon != NFlow::Terms{}.smoothnessEpsilon) {
+    launch(kernels::TotalFlowDiffusivity<kernels::EdgePenalty<false>>{
+        u, v, du, dv, fp.diffX, fp.diffY, h, w, p, {nullptr, nullptr, epsilon * epsilon}});
+  } else {
+    gDiffusivity(u, v, du, dv, fp.diffX, fp.diffY, h, w, p);
+  }
 }

@@ -9,7 +9,7 @@
 #include "device/report.h"
 #include "device/stopwatch.h"
 #include "variational/flow/arguments.h"
-#include "variational/flow/coarse_to_fine.h"
+#include "variational/flow/variational_flow.h"
 #include "variational/units.h"
 
 namespace {
@@ -25,16 +25,6 @@ void printTimes() {
 
 void noticeSmoothing(float sigma) {
   if (sigma > 0.0f) report::print("Filters not yet implemented\n");
-}
-
-/// The scheme on device data; everything but the report.
-void coarseToFine(const variational::FlowInput& input, const variational::FlowWeights& weights, float sigma,
-                  float** u, float** v) {
-  variational::CoarseToFine scheme(input, weights);
-  noticeSmoothing(sigma);
-  scheme.run();
-  scheme.finish(u, v);
-  printTimes();
 }
 
 /// Host images and, where they are used, matches on the device.
@@ -70,7 +60,7 @@ void hostFlow(const float* image1, const float* image2, float* u, float* v, cons
   uploading.stop();
 
   float* planes[2] = {nullptr, nullptr};
-  coarseToFine(uploaded.input, weights, sigma, &planes[0], &planes[1]);
+  variational::solveFlow(uploaded.input, weights, sigma, &planes[0], &planes[1]);
   device::Buffer flow[2] = {device::Buffer::adopt(planes[0]), device::Buffer::adopt(planes[1])};
 
   auto downloading = TARVO_STOPWATCH(memcpy);
@@ -89,12 +79,22 @@ void hostFlow(const float* image1, const float* image2, float* u, float* v, cons
 
 }  // namespace
 
+void variational::solveFlow(const FlowInput& input, const FlowWeights& weights, float sigma, float** u,
+                            float** v) {
+  CoarseToFine scheme(input, weights);
+  noticeSmoothing(sigma);
+  scheme.run();
+  scheme.finish(u, v);
+  printTimes();
+}
+
 void gVariationalFlowTarvo(float* image1, float* image2, float** uOut, float** vOut, float* matchU,
                            float* matchV, float* matchWeight, int /*candidates*/, int height, int width,
                            int pitch, int channels, float sigma, float alpha, float beta, float gamma,
                            float eta, int fixedPointIterations, int solverIterations, int /*reserved*/) {
-  coarseToFine({image1, image2, {matchU, matchV, matchWeight}, height, width, pitch, channels},
-               {alpha, beta, gamma, eta, fixedPointIterations, solverIterations}, sigma, uOut, vOut);
+  variational::solveFlow({image1, image2, {matchU, matchV, matchWeight}, height, width, pitch, channels},
+                         {alpha, beta, gamma, eta, fixedPointIterations, solverIterations}, sigma, uOut,
+                         vOut);
 }
 
 void variationalFlowTarvo(float* image1, float* image2, float* u, float* v, float* matchU, float* matchV,
