@@ -7,10 +7,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "commands/commands.h"
+#include "commands/parameters.h"
 #include "synth/scene.h"
 
 namespace tool {
@@ -75,32 +79,52 @@ void addVerbosity(CLI::App& app, Verbosity& verbosity) {
                "The library's own report on standard error (without effect beside -q)");
 }
 
-void addParameters(CLI::App& app, FlowParameters& p) {
-  const std::string group = "Parameters";
-  const auto any = [](float) { return true; };
-  const auto notNegative = [](float value) { return value >= 0; };
-  const auto add = [&](const char* name, float& value, const CLI::Validator& check, const char* text) {
-    app.add_option(name, value, text)->check(check)->capture_default_str()->group(group)->type_name("NUMBER");
-  };
-  const CLI::Validator weight = numberThat(notNegative, "a number from 0 up");
-  add("--sigma", p.sigma, numberThat(any, "a finite number"),
-      "Standard deviation of the smoothing of both pictures beforehand [pixels]; 0 or less: none");
-  add("--alpha", p.alpha, weight, "Weight of the smoothness term");
-  add("--beta", p.beta, weight, "Weight of the descriptor-match term");
-  add("--gamma", p.gamma, weight, "Weight of the gradient-constancy term");
-  add("--eta", p.eta, numberThat([](float value) { return value > 0 && value < 1; }, "between 0 and 1"),
-      "Size ratio of neighbouring pyramid levels, between 0 and 1 (both excluded)");
-  const auto addCount = [&](const char* name, int& value, long highest, const char* text) {
-    app.add_option(name, value, text)
-        ->transform(wholeNumber(0, highest))
-        ->capture_default_str()
-        ->group(group)
-        ->type_name("COUNT");
-  };
-  addCount("--fixed-point-iterations", p.fixedPointIterations, 2147483647,
-           "Outer iterations on each pyramid level");
-  addCount("--solver-iterations", p.solverIterations, 2147483647 / 2,
-           "Iterations of the linear solver in each outer iteration, at most; doubled on the last passes");
+/// A value of an option as the user wrote it.
+using Choices = std::vector<std::pair<const NFlow::Option*, std::string>>;
+
+CLI::Validator accepted(const NFlow::Option& option) {
+  return CLI::Validator(
+      [&option](const std::string& text) {
+        try {
+          NFlow::Options scratch;
+          NFlow::set(scratch, option, text);
+          return std::string();
+        } catch (const std::invalid_argument& error) {
+          return std::string(error.what());
+        }
+      },
+      "");
+}
+
+const char* typeNameOf(const NFlow::Option& option) {
+  if (std::holds_alternative<float NFlow::Options::*>(option.field)) return "NUMBER";
+  return std::holds_alternative<int NFlow::Options::*>(option.field) ? "COUNT" : "NAME";
+}
+
+/// --preset and an option for each line of NFlow::optionTable.
+void addParameters(CLI::App& app, FlowOptions& options, Choices& choices) {
+  app.add_option("--preset", options.preset,
+                 "Where the parameters start from; 'tarvo info --presets' shows their values")
+      ->check(CLI::IsMember(NFlow::presetNames()))
+      ->capture_default_str()
+      ->group("Parameters")
+      ->type_name("NAME");
+  for (const NFlow::Option& option : NFlow::optionTable()) {
+    app.add_option_function<std::string>(
+           flagOf(option),
+           [&choices, &option](const std::string& text) { choices.emplace_back(&option, text); }, option.text)
+        ->check(accepted(option))
+        ->default_str(NFlow::text({}, option))
+        ->group("Parameters")
+        ->type_name(typeNameOf(option));
+  }
+}
+
+/// The preset's parameters with the choices.
+NFlow::Options parametersOf(const std::string& preset, const Choices& choices) {
+  NFlow::Options parameters = NFlow::preset(preset);
+  for (const auto& [option, text] : choices) NFlow::set(parameters, *option, text);
+  return parameters;
 }
 
 void addDevice(CLI::App& command, std::string& device) {
@@ -137,6 +161,10 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
       ->add_option("--matches", options.matches,
                    "Also write the forward matches: x, y, u, v [pixels] and weight, one a line")
       ->type_name("OUT.csv");
+  command
+      ->add_option("--occlusion", options.occlusion,
+                   "Also draw in white what of FRAME1 is hidden in FRAME2; takes the backward flow")
+      ->type_name("OUT.png");
   command->add_flag("--no-matches", options.noMatches,
                     "Search no matches; the same flow as --beta 0, sooner");
   command
@@ -147,7 +175,8 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
       ->check(CLI::IsMember({"device", "hybrid"}))
       ->default_str("device")
       ->type_name("NAME");
-  addParameters(*command, options.parameters);
+  const auto choices = std::make_shared<Choices>();
+  addParameters(*command, options, *choices);
   addDevice(*command, options.device);
   command->add_option("--threads", options.threads, "Threads of the CPU device (default: one per processor)")
       ->transform(wholeNumber(1, 1024))
@@ -155,7 +184,10 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
   command->add_flag("--json", options.json,
                     "Sizes, device, matches and seconds of each phase as JSON on standard output");
   addVerbosity(*command, verbosity);
-  command->callback([&] { flow(options, verbosity); });
+  command->callback([&options, &verbosity, choices] {
+    options.parameters = parametersOf(options.preset, *choices);
+    flow(options, verbosity);
+  });
 }
 
 void addEval(CLI::App& app, EvalOptions& options, Verbosity& verbosity) {
@@ -251,6 +283,7 @@ void addInfo(CLI::App& app, InfoOptions& options, Verbosity& verbosity) {
   CLI::App* const command =
       app.add_subcommand("info", "Tells the version, the devices and the vector instructions");
   command->footer("");
+  command->add_flag("--presets", options.presets, "Print the parameters of each preset instead");
   command->add_flag("--json", options.json, "The same as JSON");
   addVerbosity(*command, verbosity);
   command->callback([&] { info(options); });

@@ -88,6 +88,11 @@ TEST_F(Command, WrongUsageEndsWith2AndNamesTheOption) {
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--device", "cuda:4711"}, "--device: cuda:4711"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--threads", "0"}, "--threads: 0"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--device", "gpu"}, "--device: gpu"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--preset", "slow"}, "--preset: slow"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--match-spacing", "6"}, "a multiple of 4"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--solver", "lu"}, "conjugate-gradients or relaxation"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--pipeline", "hybrid", "--zeta-data", "1"}, "--zeta-data"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--occlusion", "x.jpg"}, "x.jpg"},
       {{"color", "x.flo", "-o", "x.jpg"}, "x.jpg"},
       {{"color", "x.flo", "-o", "x.png", "--max-motion", "0"}, "--max-motion: 0"},
       {{"synth", "sea", "-o", "d"}, "sea"},
@@ -295,6 +300,33 @@ TEST_F(Command, FlowTellsAndWritesItsMatchesAndCanLeaveThemOut) {
   EXPECT_EQ(readText(path("n.flo")), readText(path("z.flo")));
   EXPECT_NE(readText(path("n.flo")), readText(path("f.flo")));
   EXPECT_EQ(flow({"-o", path("e.flo"), "--matches", path("m.csv"), "--no-matches"}).status, 2);
+}
+
+TEST_F(Command, FlowTakesAPresetAndDrawsWhatIsHidden) {
+  makeFrames();
+  const Json presets = Json::parse(runTool({"info", "--presets", "--json"}).out);
+  EXPECT_TRUE(contains(runTool({"info", "--presets"}).out, "--eta"));
+  for (const Words& order :
+       {Words{"--preset", "fast", "--alpha", "12.5"}, {"--alpha", "12.5", "--preset", "fast"}}) {
+    Words words{"-o", path("f.flo"), "--occlusion", path("o.png"), "--json"};
+    words.insert(words.end(), order.begin(), order.end());
+    const Outcome outcome = flow(words);
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const Json json = Json::parse(outcome.out);
+    Json expected = presets.at("fast");
+    expected["alpha"] = 12.5;
+    EXPECT_EQ(json.at("parameters"), expected);
+    EXPECT_EQ(json.at("preset"), "fast");
+    EXPECT_EQ(json.count("backward"), 0u);
+  }
+  NFlow::Options options = NFlow::preset("fast");
+  options.alpha = 12.5f;
+  options.occlusion = true;
+  const NFlow::Result result =
+      NFlow::compute(readPicture(frames[0], nullptr), readPicture(frames[1], nullptr), options);
+  const CTensor<float> drawn = readPicture(path("o.png"), nullptr);
+  EXPECT_TRUE(std::equal(result.occlusion.begin(), result.occlusion.end(), drawn.data()));
+  EXPECT_GT(std::count(result.occlusion.begin(), result.occlusion.end(), 255), 0);
 }
 
 TEST_F(Command, FlowSaysAsMuchAsIsAskedFor) {

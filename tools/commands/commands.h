@@ -1,6 +1,6 @@
 #pragma once
 
-#include <tarvo/flow.h>
+#include <tarvo/NFlow.h>
 
 #include <string>
 
@@ -10,17 +10,17 @@
 /// UsageError for arguments that can't go together and std::exception for what fails while running.
 namespace tool {
 
-using FlowParameters = NFlow::Parameters;
-
 struct FlowOptions {
   std::string frame1, frame2;
-  std::string output;    ///< flow from frame 1 to frame 2
-  std::string backward;  ///< flow from frame 2 to frame 1, unless empty
-  std::string colour;    ///< colour picture of the forward flow, unless empty
-  std::string matches;   ///< table of the forward matches, unless empty
+  std::string output;     ///< flow from frame 1 to frame 2
+  std::string backward;   ///< flow from frame 2 to frame 1, unless empty
+  std::string colour;     ///< colour picture of the forward flow, unless empty
+  std::string matches;    ///< table of the forward matches, unless empty
+  std::string occlusion;  ///< picture of what is hidden in frame 2, unless empty
   bool noMatches = false;
-  bool hybrid = false;  ///< runFlow instead of runFlowGPU
-  FlowParameters parameters;
+  bool hybrid = false;  ///< runFlow instead of NFlow::compute
+  std::string preset = "standard";
+  NFlow::Options parameters;  ///< of the preset, with what was chosen besides
   std::string device = "auto";
   int threads = 0;  ///< 0: the library's default
   bool json = false;
@@ -54,6 +54,7 @@ struct CheckOptions {
 void check(const CheckOptions& options, const Verbosity& verbosity);
 
 struct InfoOptions {
+  bool presets = false;
   bool json = false;
 };
 void info(const InfoOptions& options);

@@ -13,6 +13,7 @@
 #include "commands/commands.h"
 #include "commands/flow_picture.h"
 #include "commands/output_files.h"
+#include "commands/parameters.h"
 #include "pictures/picture.h"
 
 namespace tool {
@@ -21,21 +22,16 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-/// Milliseconds of the library's clocks, all counted since it was loaded.
-struct Phases {
-  double total, smoothing, transfer, matching, variational, downsampling, warping, fixedPoint, solver;
-
-  static Phases now() {
-    return {timer_total, timer_filter,      timer_memcpy1,    timer_HOG,   timer_var,
-            timer_down,  timer_interp_warp, timer_makematrix, timer_solver};
-  }
-};
-
 struct Run {
   CTensor<float> flow;
-  NMatching::Counts counts{};
-  double seconds = 0;
-  Phases before{}, after{};
+  NFlow::Work work;
+};
+
+/// Flows of both directions, where asked for, and what was found on the way.
+struct Computed {
+  Run forward, backward;
+  std::vector<NFlow::Match> matches;
+  std::vector<std::uint8_t> occlusion;
 };
 
 struct Frames {
@@ -52,24 +48,19 @@ Frames readFrames(const FlowOptions& options, const Verbosity& verbosity) {
   return {std::move(first), std::move(second)};
 }
 
-Json phaseSeconds(const Run& run, bool hybrid) {
-  const auto seconds = [&run](double Phases::*phase) {
-    return (run.after.*phase - run.before.*phase) / 1000;
-  };
+Json phaseSeconds(const NFlow::Seconds& seconds, bool hybrid) {
   if (hybrid) {
-    return {{"total", run.seconds},
-            {"smoothing", seconds(&Phases::smoothing)},
-            {"variational", seconds(&Phases::total)}};  // all that this pipeline counts as total
+    return {{"total", seconds.total}, {"smoothing", seconds.smoothing}, {"variational", seconds.variational}};
   }
-  return {{"total", seconds(&Phases::total)},
-          {"smoothing", seconds(&Phases::smoothing)},
-          {"transfer", seconds(&Phases::transfer)},
-          {"matching", seconds(&Phases::matching)},
-          {"variational", seconds(&Phases::variational)},
-          {"downsampling", seconds(&Phases::downsampling)},
-          {"warping", seconds(&Phases::warping)},
-          {"fixed_point", seconds(&Phases::fixedPoint)},
-          {"solver", seconds(&Phases::solver)}};
+  return {{"total", seconds.total},
+          {"smoothing", seconds.smoothing},
+          {"transfer", seconds.transfer},
+          {"matching", seconds.matching},
+          {"variational", seconds.variational},
+          {"downsampling", seconds.downsampling},
+          {"warping", seconds.warping},
+          {"fixed_point", seconds.fixedPoint},
+          {"solver", seconds.solver}};
 }
 
 /// Pictures have finite values, and so does their flow unless a weight lets a sum overflow.
@@ -81,69 +72,72 @@ void checkFinite(const CTensor<float>& flow) {
                            std::to_string(flow.size()) + " values: --alpha, --beta or --gamma is too large");
 }
 
-/// One direction. The frames are copies of its own, because smoothing changes them.
-Run compute(CTensor<float> from, CTensor<float> to, const FlowOptions& options, const Verbosity& verbosity,
-            const std::string& label) {
-  const ProgressBar bar(verbosity, label);
-  const FlowParameters& p = options.parameters;
-  const auto pipeline = options.hybrid ? runFlow : runFlowGPU;
+Computed compute(const Frames& frames, const FlowOptions& options) {
+  NFlow::Options parameters = options.parameters;
+  parameters.matches = !options.noMatches;
+  parameters.backward = !options.backward.empty();
+  parameters.occlusion = !options.occlusion.empty();
+  NFlow::Result result = NFlow::compute(frames.first, frames.second, parameters);
+  return {{std::move(result.forward), result.forwardWork},
+          {std::move(result.backward), result.backwardWork},
+          std::move(result.matches),
+          std::move(result.occlusion)};
+}
+
+/// One direction of the hybrid pipeline. The frames are copies of its own, because smoothing changes them.
+Run computeHybrid(CTensor<float> from, CTensor<float> to, const NFlow::Parameters& p) {
   Run run;
-  run.before = Phases::now();
+  const double smoothing = timer_filter, variational = timer_total;  // all that this pipeline counts
   const auto start = std::chrono::steady_clock::now();
-  pipeline(from, to, run.flow, p.sigma, p.alpha, p.beta, p.gamma, p.eta, p.fixedPointIterations,
-           p.solverIterations);
-  run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  run.after = Phases::now();
-  checkFinite(run.flow);
-  if (!options.noMatches) run.counts = NMatching::lastCounts();
+  runFlow(from, to, run.flow, p.sigma, p.alpha, p.beta, p.gamma, p.eta, p.fixedPointIterations,
+          p.solverIterations);
+  run.work.seconds.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  run.work.seconds.smoothing = (timer_filter - smoothing) / 1000;
+  run.work.seconds.variational = (timer_total - variational) / 1000;
+  run.work.counts = NMatching::lastCounts();
   return run;
 }
 
-/// A float as the user wrote it: 0.95, not the nearest double to the nearest float.
-double asWritten(float value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.7g", double(value));
-  return std::strtod(text, nullptr);
+Computed computeHybrid(const Frames& frames, const FlowOptions& options) {
+  NMatching::enable(!options.noMatches);
+  Computed computed;
+  computed.forward = computeHybrid(frames.first, frames.second, options.parameters);
+  if (!options.backward.empty()) {
+    computed.backward = computeHybrid(frames.second, frames.first, options.parameters);
+  }
+  if (options.noMatches) computed.forward.work.counts = computed.backward.work.counts = {};
+  return computed;
 }
 
 Json describe(const std::string& file, const Run& run, bool hybrid) {
   return {{"file", file},
-          {"seconds", run.seconds},
-          {"phases", phaseSeconds(run, hybrid)},
+          {"seconds", run.work.seconds.total},
+          {"phases", phaseSeconds(run.work.seconds, hybrid)},
           {"matching",
-           {{"grid_points", run.counts.gridPoints},
-            {"gated_points", run.counts.gatedPoints},
-            {"forward_matches", run.counts.forwardMatches},
-            {"kept_matches", run.counts.keptMatches}}}};
+           {{"grid_points", run.work.counts.gridPoints},
+            {"gated_points", run.work.counts.gatedPoints},
+            {"forward_matches", run.work.counts.forwardMatches},
+            {"kept_matches", run.work.counts.keptMatches}}}};
 }
 
-/// The kept matches of the forward direction, one a line, in rows from the top. They are searched once more:
-/// the library does not hand out the match field of a flow computation.
-void writeMatches(std::FILE* file, Frames frames, float sigma) {
-  if (sigma > 0) {
-    for (CTensor<float>* image : {&frames.first, &frames.second}) {
-      NFilter::recursiveSmoothX(*image, sigma);
-      NFilter::recursiveSmoothY(*image, sigma);
-    }
-  }
-  const int w = frames.first.sizeX(), h = frames.first.sizeY();
-  CTensor<float> field(w, h, 3, 0);
-  const std::size_t plane = static_cast<std::size_t>(w) * static_cast<std::size_t>(h);
-  createAndMatchHOG(frames.first.data(), frames.second.data(), field.data(), field.data() + plane,
-                    field.data() + 2 * plane, h, w, 3);
+/// The matches, one a line, in rows from the top.
+void writeMatches(std::FILE* file, const std::vector<NFlow::Match>& matches) {
   std::fputs("x,y,u,v,weight\n", file);
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      if (!(field(x, y, 2) > 0)) continue;
-      const int written = std::fprintf(file, "%d,%d,%.9g,%.9g,%.9g\n", x, y, double(field(x, y, 0)),
-                                       double(field(x, y, 1)), double(field(x, y, 2)));
-      if (written < 0) throw std::runtime_error(std::strerror(errno));
-    }
+  for (const NFlow::Match& match : matches) {
+    const int written = std::fprintf(file, "%.9g,%.9g,%.9g,%.9g,%.9g\n", double(match.x), double(match.y),
+                                     double(match.u), double(match.v), double(match.weight));
+    if (written < 0) throw std::runtime_error(std::strerror(errno));
   }
+}
+
+/// A mask of bytes as a grey picture.
+CTensor<float> pictureOf(const std::vector<std::uint8_t>& mask, int width, int height) {
+  CTensor<float> picture(width, height, 3);
+  for (std::size_t k = 0; k < 3 * mask.size(); ++k) picture.data()[k] = mask[k % mask.size()];
+  return picture;
 }
 
 void printJson(const FlowOptions& options, const Run& forward, const Run* backward) {
-  const FlowParameters& p = options.parameters;
   Json json{{"frame1", options.frame1},
             {"frame2", options.frame2},
             {"width", forward.flow.sizeX()},
@@ -151,14 +145,8 @@ void printJson(const FlowOptions& options, const Run& forward, const Run* backwa
             {"pipeline", options.hybrid ? "hybrid" : "device"},
             {"device", NDevice::current()},
             {"threads", NDevice::threads()},
-            {"parameters",
-             {{"sigma", asWritten(p.sigma)},
-              {"alpha", asWritten(p.alpha)},
-              {"beta", asWritten(p.beta)},
-              {"gamma", asWritten(p.gamma)},
-              {"eta", asWritten(p.eta)},
-              {"fixed_point_iterations", p.fixedPointIterations},
-              {"solver_iterations", p.solverIterations}}},
+            {"preset", options.preset},
+            {"parameters", parametersAsJson(options.parameters, options.hybrid)},
             {"forward", describe(options.output, forward, options.hybrid)}};
   if (backward) {
     json["backward"] = describe(options.backward, *backward, options.hybrid);
@@ -169,38 +157,56 @@ void printJson(const FlowOptions& options, const Run& forward, const Run* backwa
   if (!options.matches.empty()) {
     json["matches"] = options.matches;
   }
+  if (!options.occlusion.empty()) {
+    json["occlusion"] = options.occlusion;
+  }
   std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
 }
 
 void printSummary(const FlowOptions& options, const Run& forward, const Run* backward) {
   std::printf("%s pixels on %s\n", sizeText(forward.flow.sizeX(), forward.flow.sizeY()).c_str(),
               NDevice::current().c_str());
-  std::printf("forward flow   %6.2f s  %s\n", forward.seconds, options.output.c_str());
+  std::printf("forward flow   %6.2f s  %s\n", forward.work.seconds.total, options.output.c_str());
   if (!options.noMatches) {
-    std::printf("matches        %8d  of %d grid points\n", forward.counts.keptMatches,
-                forward.counts.gridPoints);
+    std::printf("matches        %8d  of %d grid points\n", forward.work.counts.keptMatches,
+                forward.work.counts.gridPoints);
   }
   if (!options.matches.empty()) {
     std::printf("match table              %s\n", options.matches.c_str());
   }
   if (backward) {
-    std::printf("backward flow  %6.2f s  %s\n", backward->seconds, options.backward.c_str());
+    std::printf("backward flow  %6.2f s  %s\n", backward->work.seconds.total, options.backward.c_str());
   }
   if (!options.colour.empty()) {
     std::printf("colour picture           %s\n", options.colour.c_str());
+  }
+  if (!options.occlusion.empty()) {
+    std::printf("occluded pixels          %s\n", options.occlusion.c_str());
+  }
+}
+
+/// Refuses what the hybrid pipeline does not have.
+void checkHybrid(const FlowOptions& options) {
+  if (!options.matches.empty()) throw UsageError{"--matches and --pipeline hybrid exclude each other"};
+  if (!options.occlusion.empty()) throw UsageError{"--occlusion and --pipeline hybrid exclude each other"};
+  for (const NFlow::Option& option : NFlow::optionTable()) {
+    if (isHybrids(option) || NFlow::text({}, option) == NFlow::text(options.parameters, option)) continue;
+    throw UsageError{"--pipeline hybrid has no " + flagOf(option) + ", got " +
+                     NFlow::text(options.parameters, option)};
   }
 }
 
 }  // namespace
 
 void flow(const FlowOptions& options, const Verbosity& verbosity) {
-  if (!options.matches.empty()) {
-    if (options.noMatches) throw UsageError{"--matches and --no-matches exclude each other"};
-    if (options.hybrid) throw UsageError{"--matches and --pipeline hybrid exclude each other"};
+  if (!options.matches.empty() && options.noMatches) {
+    throw UsageError{"--matches and --no-matches exclude each other"};
   }
+  if (options.hybrid) checkHybrid(options);
   OutputFiles outputs({{"--output", options.output, ".flo"},
                        {"--backward", options.backward, ".flo"},
                        {"--color", options.colour, ".png"},
+                       {"--occlusion", options.occlusion, ".png"},
                        {"--matches", options.matches, ".csv"}},
                       {options.frame1, options.frame2});
   const Frames frames = readFrames(options, verbosity);
@@ -210,29 +216,36 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
     NDevice::threads(options.threads);
   }
 
-  NMatching::enable(!options.noMatches);
-  const Run forward = compute(frames.first, frames.second, options, verbosity, "forward ");
-  outputs.write(options.output, [&](std::FILE* file) { NFlowFile::write(file, forward.flow); });
-  Run backward;
+  Computed computed;
+  {
+    const ProgressBar bar(verbosity, "flow");
+    computed = options.hybrid ? computeHybrid(frames, options) : compute(frames, options);
+  }
+  const CTensor<float>& forward = computed.forward.flow;
+  checkFinite(forward);
+  outputs.write(options.output, [&](std::FILE* file) { NFlowFile::write(file, forward); });
   if (!options.backward.empty()) {
-    backward = compute(frames.second, frames.first, options, verbosity, "backward");
-    outputs.write(options.backward, [&](std::FILE* file) { NFlowFile::write(file, backward.flow); });
+    checkFinite(computed.backward.flow);
+    outputs.write(options.backward, [&](std::FILE* file) { NFlowFile::write(file, computed.backward.flow); });
   }
   if (!options.colour.empty()) {
-    const CTensor<float> picture = colourPicture(forward.flow, longestMotion(forward.flow));
+    const CTensor<float> picture = colourPicture(forward, longestMotion(forward));
     outputs.write(options.colour, [&](std::FILE* file) { writePng(file, picture); });
   }
+  if (!options.occlusion.empty()) {
+    const CTensor<float> picture = pictureOf(computed.occlusion, forward.sizeX(), forward.sizeY());
+    outputs.write(options.occlusion, [&](std::FILE* file) { writePng(file, picture); });
+  }
   if (!options.matches.empty()) {
-    outputs.write(options.matches,
-                  [&](std::FILE* file) { writeMatches(file, frames, options.parameters.sigma); });
+    outputs.write(options.matches, [&](std::FILE* file) { writeMatches(file, computed.matches); });
   }
   outputs.commit();
 
-  const Run* const second = options.backward.empty() ? nullptr : &backward;
+  const Run* const second = options.backward.empty() ? nullptr : &computed.backward;
   if (options.json) {
-    printJson(options, forward, second);
+    printJson(options, computed.forward, second);
   } else if (!verbosity.quiet) {
-    printSummary(options, forward, second);
+    printSummary(options, computed.forward, second);
   }
 }
 

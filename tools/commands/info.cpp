@@ -4,10 +4,43 @@
 #include <nlohmann/json.hpp>
 
 #include "commands/commands.h"
+#include "commands/parameters.h"
 
 namespace tool {
 
+namespace {
+
+/// A line for each option, a column for each preset.
+void printPresets() {
+  std::printf("%-23s", "");
+  for (const std::string& name : NFlow::presetNames()) std::printf("  %19s", name.c_str());
+  std::printf("\n");
+  for (const NFlow::Option& option : NFlow::optionTable()) {
+    std::printf("%-23s", flagOf(option).c_str());
+    for (const std::string& name : NFlow::presetNames()) {
+      std::printf("  %19s", NFlow::text(NFlow::preset(name), option).c_str());
+    }
+    std::printf("\n");
+  }
+}
+
+nlohmann::ordered_json presetsAsJson() {
+  nlohmann::ordered_json json;
+  for (const std::string& name : NFlow::presetNames()) json[name] = parametersAsJson(NFlow::preset(name));
+  return json;
+}
+
+}  // namespace
+
 void info(const InfoOptions& options) {
+  if (options.presets) {
+    if (options.json) {
+      std::printf("%s\n", presetsAsJson().dump(2).c_str());
+    } else {
+      printPresets();
+    }
+    return;
+  }
   if (options.json) {
     const nlohmann::ordered_json json{{"version", NDevice::version()},
                                       {"device", NDevice::current()},
