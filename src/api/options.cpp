@@ -30,11 +30,10 @@ const std::vector<std::pair<std::string, Options>>& presets() {
       options->solver = Solver::Relaxation;
       options->alpha = 10.0f;
       options->gamma = 3.0f;
-      options->solverIterations = 20;
     }
     accurate.sigma = 0.5f;
     accurate.beta = 17.0f;
-    accurate.fixedPointIterations = 6;
+    accurate.solverIterations = 12;
     accurate.smoothnessEpsilon = 0.01f;
     accurate.coarseSmoothness = 0.43f;
     accurate.medianRadius = 3;
@@ -42,6 +41,7 @@ const std::vector<std::pair<std::string, Options>>& presets() {
     fast.beta = 40.0f;
     fast.eta = 0.8f;
     fast.fixedPointIterations = 3;
+    fast.solverIterations = 20;
     fast.smoothnessEpsilon = 0.02f;
     fast.coarseSmoothness = 0.2f;
     fast.medianRadius = 1;
