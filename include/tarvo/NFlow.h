@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <type_traits>
 #include <variant>
@@ -122,6 +123,14 @@ struct Match {
   float x, y, u, v, weight;
 };
 
+/// What compute calls while it works, on the thread of its caller. Either may be empty. Either may throw: that
+/// ends the computation, the exception leaves compute, and the next call works. Neither may call a computing
+/// function of the library, which throws std::logic_error.
+struct Watch {
+  std::function<void(int done, int total)> progress;  ///< after each pass; both directions are one sequence
+  std::function<void()> poll;  ///< about every 50 ms, in the wait for another caller's computation too
+};
+
 /// Wall-clock seconds of the stages of one direction. `variational` holds the four after it, of which
 /// `fixedPoint` holds `solver`.
 struct Seconds {
@@ -151,10 +160,11 @@ struct Result {
 /// finite; for options out of their range. Prints nothing unless NReport::to has named a stream: that gets
 /// the report of runFlowGPU. NReport::progress counts the passes of both directions as one sequence. A device
 /// error is told as NDevice::onError says. NMatching::enable has no effect, NMatching::lastCounts stays.
-TARVO_API Result compute(const Image& image1, const Image& image2, const Options& options = {});
+TARVO_API Result compute(const Image& image1, const Image& image2, const Options& options = {},
+                         const Watch& watch = {});
 /// The same for tensors of one or three planes with values in 0 ... 255.
 TARVO_API Result compute(const CTensor<float>& image1, const CTensor<float>& image2,
-                         const Options& options = {});
+                         const Options& options = {}, const Watch& watch = {});
 
 /// What of image 1 is hidden in image 2, row by row: 255 where pixel x with forward flow f = f(x) is occluded,
 /// else 0. It is occluded if x + f leaves the picture, or unless

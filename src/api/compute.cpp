@@ -13,6 +13,7 @@
 #include "device/memory.h"
 #include "device/report.h"
 #include "device/stopwatch.h"
+#include "device/watch.h"
 #include "variational/flow/arguments.h"
 
 namespace NFlow {
@@ -73,6 +74,7 @@ class Prepared {
       const bool used = api::isDense(*images[k]) && !(sigma > 0.0f);
       if (!used) copies_[k] = api::convert(*images[k]);
       planes_[k] = used ? static_cast<const float*>(images[k]->data) : copies_[k].data();
+      device::poll();
     }
     api::smooth(copies_[0], copies_[1], sigma);
   }
@@ -89,8 +91,9 @@ Image viewOf(const CTensor<float>& tensor) {
 
 }  // namespace
 
-Result compute(const Image& image1, const Image& image2, const Options& options) {
+Result compute(const Image& image1, const Image& image2, const Options& options, const Watch& watch) {
   check(image1, image2, options);
+  const device::Watching watching(watch.progress, watch.poll);
   const device::Entry entry;
   const report::Quiet quiet;
   const int w = image1.width, h = image1.height;
@@ -121,8 +124,9 @@ Result compute(const Image& image1, const Image& image2, const Options& options)
   return result;
 }
 
-Result compute(const CTensor<float>& image1, const CTensor<float>& image2, const Options& options) {
-  return compute(viewOf(image1), viewOf(image2), options);
+Result compute(const CTensor<float>& image1, const CTensor<float>& image2, const Options& options,
+               const Watch& watch) {
+  return compute(viewOf(image1), viewOf(image2), options, watch);
 }
 
 }  // namespace NFlow

@@ -16,6 +16,7 @@
 #include "device/memory.h"
 #include "device/report.h"
 #include "device/stopwatch.h"
+#include "device/watch.h"
 #include "match/match_steps.h"
 #include "variational/flow/arguments.h"
 #include "variational/flow/variational_flow.h"
@@ -161,7 +162,9 @@ void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma) {
   if (sigma > 0.0f) {
     for (CTensor<float>* image : {&image1, &image2}) {
       NFilter::recursiveSmoothX(*image, sigma);
+      device::poll();
       NFilter::recursiveSmoothY(*image, sigma);
+      device::poll();
     }
   }
   filter.stop();

@@ -4,6 +4,7 @@
 #include <tarvo/NDevice.h>
 
 #include <atomic>
+#include <chrono>
 #include <exception>
 #include <mutex>
 #include <stdexcept>
@@ -14,6 +15,7 @@
 
 #include "device/cpu/team.h"
 #include "device/device.h"
+#include "device/watch.h"
 
 namespace device {
 namespace {
@@ -23,7 +25,7 @@ std::atomic<bool> forked{false};  // the CUDA runtime does not survive a fork
 
 // Never destroyed: a process may end from inside a computation.
 struct Shared {
-  std::mutex entry;
+  std::timed_mutex entry;
   std::recursive_mutex choice;
   std::string reason;
 };
@@ -83,6 +85,17 @@ int cudaIndex(const std::string& text) {
   return std::stoi(digits);
 }
 
+/// Takes the lock of the entries; a caller with something to poll can leave while it waits.
+void waitForTurn() {
+  std::timed_mutex& entry = sharedPointer()->entry;
+  if (!polled()) {
+    entry.lock();
+    return;
+  }
+  constexpr std::chrono::milliseconds kPause{50};
+  while (!entry.try_lock_for(kPause)) poll();
+}
+
 }  // namespace
 
 const Backend& chosenBackend() {
@@ -123,7 +136,7 @@ Entry::Entry() : outermost_(!insideEntry), exceptions_(std::uncaught_exceptions(
   if (insideCallback)
     throw std::logic_error("tarvo: a computing function was called from a callback of the library");
   if (!outermost_) return;
-  sharedPointer()->entry.lock();
+  waitForTurn();
   insideEntry = true;
   floatMode_ = plainFloatMode();
 #if TARVO_WITH_CUDA
@@ -198,6 +211,7 @@ const char* text(Code code) {
 }
 
 bool beginLaunch() {
+  poll();
   launchCount.fetch_add(1, std::memory_order_relaxed);
   const Code injected = countCall(kLaunchFailure);
   if (injected == kSuccess) return true;
@@ -212,7 +226,7 @@ namespace NDevice {
 void select(const std::string& name) {
   if (device::insideEntry || device::insideCallback)
     throw std::logic_error("NDevice::select was called from a callback of the library");
-  const std::lock_guard<std::mutex> entry(device::sharedPointer()->entry);
+  const std::lock_guard<std::timed_mutex> entry(device::sharedPointer()->entry);
   const std::lock_guard<std::recursive_mutex> lock(device::sharedPointer()->choice);
   if (name == "auto") {
     device::chooseAutomatically();

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "device/device.h"
+#include "device/watch.h"
 
 namespace {
 
@@ -49,10 +50,12 @@ void progress(int done, int total) {
     const std::lock_guard<std::mutex> lock(callbackMutex());
     function = callback();
   }
+  const int doneOfAll = currentRun * total + done, all = runCount * total;
   if (function) {
     const device::Callback scope;
-    function(currentRun * total + done, runCount * total);
+    function(doneOfAll, all);
   }
+  device::tellProgress(doneOfAll, all);
 }
 
 Runs::Runs(int runs) {

@@ -7,7 +7,8 @@ namespace report {
 /// Prints like printf to the report's stream.
 void print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// Tells the client's progress callback that `done` of `total` passes of the current run are done.
+/// Tells the client's progress callback, and the watch of this computation, that `done` of `total` passes of
+/// the current run are done.
 void progress(int done, int total);
 
 /// While an object of this class exists, progress() counts the passes of `runs` equal runs as one sequence;

@@ -1,6 +1,8 @@
 #include <tarvo/tarvo.h>
 
+#include <atomic>
 #include <functional>
+#include <thread>
 
 #include "support/test.h"
 
@@ -196,6 +198,54 @@ TEST(Compute, OfEveryPresetHasTheSameBitsForAnyNumberOfThreads) {
     EXPECT_NEAR(flows[0].at(kW / 2, kH / 2, 0), 2.0, 0.1);
     EXPECT_NEAR(flows[0].at(kW / 2, kH / 2, 1), 1.0, 0.1);
   }
+}
+
+TEST(Compute, EndsWhereItsWatchThrowsAndTheNextCallWorks) {
+  struct Stop {};
+  const Planes first = render(480, 640, 0, 0), second = render(480, 640, 2, 1);
+  const Options options;
+  const CTensor<float> a = tensorOf(first), b = tensorOf(second);
+  const Planes whole = planesOf(NFlow::compute(a, b, options).forward);
+  withThreads({1, 2}, [&] {
+    const std::size_t inUse = NDevice::memoryUse().inUse;
+    for (const int last : {1, 2, 3}) {
+      int polls = 0, passes = 0;
+      const NFlow::Watch watch{[&](int, int) { ++passes; },
+                               [&] {
+                                 EXPECT_THROW(NFlow::compute(a, b, options), std::logic_error);
+                                 if (++polls == last) throw Stop();
+                               }};
+      EXPECT_THROW(NFlow::compute(a, b, options, watch), Stop);
+      EXPECT_EQ(polls, last);
+      EXPECT_EQ(NDevice::memoryUse().inUse, inUse);
+      if (last == 1) {
+        EXPECT_EQ(passes, 0);
+      }
+    }
+    EXPECT_TRUE(exact(planesOf(NFlow::compute(a, b, options).forward), whole));
+  });
+
+  // One who waits for another's computation can leave; neither hears of the other's passes.
+  std::atomic<bool> waiterLeft{false};
+  std::vector<int> totals;
+  std::thread waiter;
+  Options both = options;
+  both.backward = true;
+  const auto heard = [&](int done, int total) {
+    if (done == 1) {
+      waiter = std::thread([&] {
+        const NFlow::Watch leave{[](int, int) { ADD_FAILURE(); }, [] { throw Stop(); }};
+        EXPECT_THROW(NFlow::compute(a, b, options, leave), Stop);
+        waiterLeft = true;
+      });
+      while (!waiterLeft) std::this_thread::yield();
+    }
+    totals.push_back(total);
+    EXPECT_EQ(done, static_cast<int>(totals.size()));
+  };
+  EXPECT_TRUE(exact(planesOf(NFlow::compute(a, b, both, {heard, nullptr}).forward), whole));
+  waiter.join();
+  EXPECT_EQ(totals.size(), static_cast<std::size_t>(totals.back()));
 }
 
 TEST(Compute, SearchesNoOtherPointsThanThoseOfItsSpacing) {

@@ -10,8 +10,10 @@
 #include <exception>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "device/device.h"
+#include "device/watch.h"
 
 namespace device::cpu {
 namespace {
@@ -63,6 +65,9 @@ class Team {
     if (sleepers_.load() > 0) wake_.notify_all();
     work(generation, 0);
     for (int spin = 0; done_.load(std::memory_order_acquire) < chunks; ++spin) pause(spin);
+    if (dropped_.exchange(false, std::memory_order_relaxed)) {
+      std::rethrow_exception(std::exchange(thrown_, nullptr));
+    }
   }
 
  private:
@@ -108,9 +113,21 @@ class Team {
       const int end = firstOf(range + 1, chunks_.load(std::memory_order_relaxed),
                               ranges_.load(std::memory_order_relaxed));
       if (!ticket.compare_exchange_weak(value, value - 1, std::memory_order_acq_rel)) continue;
-      body(context, end - static_cast<int>(value & kLeft));
+      if (!dropped_.load(std::memory_order_relaxed)) body(context, end - static_cast<int>(value & kLeft));
+      if (polled()) pollCaller();
       done_.fetch_add(1, std::memory_order_acq_rel);
       value = ticket.load(std::memory_order_acquire);
+    }
+  }
+
+  /// On the caller's thread; the workers have nothing to poll.
+  void pollCaller() {
+    if (dropped_.load(std::memory_order_relaxed)) return;
+    try {
+      poll();
+    } catch (...) {
+      thrown_ = std::current_exception();
+      dropped_ = true;
     }
   }
 
@@ -152,6 +169,8 @@ class Team {
   std::atomic<const void*> context_{nullptr};
   std::atomic<int> chunks_{0}, ranges_{1};
   std::atomic<int> done_{0};
+  std::exception_ptr thrown_;         // by the caller's poll
+  std::atomic<bool> dropped_{false};  // the chunks left are claimed, but not run
 };
 
 // Never destroyed: a process may end from inside a job. After a fork the child has no workers and gets a new
@@ -179,12 +198,15 @@ void runChunks(int chunks, void (*body)(const void*, int), const void* context) 
 
 int rowsPerChunk(int h, int w) {
   constexpr int kChunksPerThread = 4;
+  constexpr long kMostPixels = 1L << 21;  // between two polls of the caller
   const int threads = teamSize();
   const long pixels = static_cast<long>(h) * w;
-  if (threads == 1 || pixels < kPixelsForTeam) return h;
+  if (pixels < kPixelsForTeam) return h;
+  const int most = static_cast<int>(std::clamp<long>(kMostPixels / w, 1, h));
+  if (threads == 1) return most;
   const int chunks =
       static_cast<int>(std::min<long>(threads * kChunksPerThread, pixels / (kPixelsForTeam / 4)));
-  return std::max(1, (h + chunks - 1) / chunks);
+  return std::clamp((h + chunks - 1) / chunks, 1, most);
 }
 
 }  // namespace device::cpu

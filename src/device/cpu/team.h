@@ -11,14 +11,16 @@ void setTeamSize(int threads);
 
 /// Runs body(context, chunk) on the team, once for every chunk in [0, chunks), and returns when all are done.
 /// The caller claims chunks like the workers and never waits for a worker that has not claimed one. `body`
-/// must not throw.
+/// must not throw. Where the caller's poll (device/watch.h) throws, the chunks left are dropped, and the
+/// exception leaves when no thread runs one any more.
 void runChunks(int chunks, void (*body)(const void* context, int chunk), const void* context);
 
 /// Below this many pixels work runs on the caller's thread: sharing it would cost more than it saves.
 constexpr int kPixelsForTeam = 12000;
 
-/// Rows per chunk when h rows of w pixels are shared among the threads: a few chunks for each, none tiny; or
-/// all rows, if the work stays on the caller's thread. Results never depend on it.
+/// Rows per chunk when h rows of w pixels are shared among the threads: a few chunks for each, none tiny and
+/// none so long that the caller cannot stop; or all rows, if the work stays on the caller's thread. Results
+/// never depend on it.
 int rowsPerChunk(int h, int w);
 
 /// Runs function(y0, y1) over bands of `rows` rows that cover [0, h); the last band may be smaller.
