@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <string>
 #include <type_traits>
 #include <variant>
@@ -165,6 +166,23 @@ TARVO_API Result compute(const Image& image1, const Image& image2, const Options
 /// The same for tensors of one or three planes with values in 0 ... 255.
 TARVO_API Result compute(const CTensor<float>& image1, const CTensor<float>& image2,
                          const Options& options = {}, const Watch& watch = {});
+
+/// Bytes that compute takes at one time, at most.
+struct Memory {
+  std::size_t device;  ///< of the chosen device
+  std::size_t host;    ///< beside them: converted pictures and results; pictures of 255 = white take less
+};
+
+/// What compute takes for pictures of this size, told without taking it. On the CPU device both are ordinary
+/// memory. What is kept for the next call (NDevice::memoryUse) is the device's part. Throws
+/// std::invalid_argument for sizes and options that compute refuses.
+TARVO_API Memory memoryRequired(int width, int height, const Options& options = {});
+
+/// `image` at (x + u, y + v), bilinear, for every pixel (x, y) of the flow: w x h x k. `outside` where that
+/// place is not within 0 ... w - 1 and 0 ... h - 1, or the flow is not finite. Throws std::invalid_argument
+/// unless the flow is w x h x 2 and the image has its width and height.
+TARVO_API CTensor<float> warp(const CTensor<float>& image, const CTensor<float>& flow,
+                              float outside = std::numeric_limits<float>::quiet_NaN());
 
 /// What of image 1 is hidden in image 2, row by row: 255 where pixel x with forward flow f = f(x) is occluded,
 /// else 0. It is occluded if x + f leaves the picture, or unless

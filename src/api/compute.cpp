@@ -1,5 +1,6 @@
 #include <tarvo/NDevice.h>
 #include <tarvo/NFlow.h>
+#include <tarvo/picture.h>
 #include <tarvo/timers.h>
 
 #include <optional>
@@ -122,6 +123,17 @@ Result compute(const Image& image1, const Image& image2, const Options& options,
   if (options.occlusion) result.occlusion = consistency(result.forward, result.backward);
   result.device = NDevice::current();
   return result;
+}
+
+Memory memoryRequired(int width, int height, const Options& options) {
+  constexpr const char* kFunction = "NFlow::memoryRequired";
+  variational::checkPlane(kFunction, "width and height", height, width);
+  api::checkOptions(kFunction, options);
+  const bool both = options.backward || options.occlusion;
+  const std::size_t copies = 2 * kPictureChannels, flows = both ? 4 : 2, fetched = 3;
+  const std::size_t plane = device::planeFloats(height, width) * sizeof(float);
+  return {api::deviceFloats(width, height, options) * sizeof(float),
+          (copies + flows + fetched) * plane + (options.occlusion ? plane / sizeof(float) : 0)};
 }
 
 Result compute(const CTensor<float>& image1, const CTensor<float>& image2, const Options& options,

@@ -44,13 +44,19 @@ variational::FlowWeights weightsOf(const NFlow::Options& options) {
           options};
 }
 
+/// What a computation takes from the pool at one time.
+std::size_t pooledFloats(int w, int h, const NFlow::Options& options) {
+  const int p = device::chosenPitch(w);
+  const std::size_t input = device::planeFloats(h, p, 3 + 3 + 3);
+  const std::size_t solving = variational::coarseToFineFloats(h, w, p, weightsOf(options));
+  const std::size_t matching = options.matches ? match::matchingFloats(h, w, p) : 0;
+  return input + std::max(matching, solving);
+}
+
 /// Has the pool hold all that the computation takes at one time, so that its stages share it.
 void reserve(DeviceFlow& job, const NFlow::Options& options) {
   job.p = device::chosenPitch(job.w);
-  const std::size_t input = device::planeFloats(job.h, job.p, 3 + 3 + 3);
-  const std::size_t solving = variational::coarseToFineFloats(job.h, job.w, job.p, weightsOf(options));
-  const std::size_t matching = options.matches ? match::matchingFloats(job.h, job.w, job.p) : 0;
-  TARVO_CALL(device::reserve(input + std::max(matching, solving)));
+  TARVO_CALL(device::reserve(pooledFloats(job.w, job.h, options)));
 }
 
 void upload(DeviceFlow& job, const Pictures& pictures) {
@@ -172,6 +178,13 @@ void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma) {
 
 bool matchingEnabled() {
   return matchingOn;
+}
+
+std::size_t deviceFloats(int w, int h, const NFlow::Options& options) {
+  // The flows of the last two steps at full resolution are whole buffers beside the pool.
+  const int wholes = options.medianRadius > 0 ? 4 : 2;
+  constexpr std::size_t kGaps = 512 * 1024;  // between the pool's pieces, in all
+  return pooledFloats(w, h, options) + device::planeFloats(h, device::chosenPitch(w), wholes) + kGaps;
 }
 
 NMatching::Counts computeFlow(const Pictures& pictures, const NFlow::Options& options, CTensor<float>& flow,

@@ -29,6 +29,9 @@ struct Pictures {
 NMatching::Counts computeFlow(const Pictures& pictures, const NFlow::Options& options, CTensor<float>& flow,
                               std::vector<NFlow::Match>* matches);
 
+/// Floats of device memory that computeFlow takes at one time.
+std::size_t deviceFloats(int w, int h, const NFlow::Options& options);
+
 /// Prints the times of a computation.
 void printTimes();
 

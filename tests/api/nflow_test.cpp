@@ -260,6 +260,38 @@ TEST(Compute, SearchesNoOtherPointsThanThoseOfItsSpacing) {
   EXPECT_EQ(result.forwardWork.counts.gridPoints, 14 * 12);  // 105 and 89 pixels within the margins
 }
 
+TEST(MemoryRequired, BoundsWhatAComputationTakes) {
+  for (const int w : {321, 640}) {
+    const int h = 3 * w / 4;
+    for (const std::string& preset : NFlow::presetNames()) {
+      const Options options = NFlow::preset(preset);
+      NDevice::trim();
+      const std::size_t before = NDevice::memoryUse().kept + NDevice::memoryUse().inUse;
+      NFlow::compute(tensorOf(render(h, w, 0, 0)), tensorOf(render(h, w, 1, 0)), options);
+      const std::size_t taken = NDevice::memoryUse().kept + NDevice::memoryUse().inUse - before;
+      const std::size_t required = NFlow::memoryRequired(w, h, options).device;
+      EXPECT_LE(taken, required) << preset << " " << w;
+      EXPECT_GE(double(taken), 0.9 * double(required)) << preset << " " << w;
+    }
+  }
+  EXPECT_THROW(NFlow::memoryRequired(20000, 20000), std::invalid_argument);
+}
+
+TEST(Warp, UndoesTheMotionAndMarksWhatItCannotSee) {
+  const CTensor<float> first = tensorOf(render(40, 50, 0, 0)), second = tensorOf(render(40, 50, 3, -2));
+  CTensor<float> flow(50, 40, 2, 3.0f);
+  for (int i = 0; i < 50 * 40; ++i) flow.data()[50 * 40 + i] = -2.0f;
+  flow(7, 8, 1) = kNan;
+  const CTensor<float> back = NFlow::warp(second, flow, -1.0f);
+  forPixels(40, 50, 3, [&](int x, int y, int k) {
+    const bool seen = x < 47 && y >= 2 && !(x == 7 && y == 8);
+    EXPECT_NEAR(back(x, y, k), seen ? first(x, y, k) : -1.0f, 1e-3) << x << " " << y;
+  });
+  flow = CTensor<float>(50, 40, 2, 0.0f);
+  EXPECT_TRUE(exact(planesOf(NFlow::warp(second, flow)), planesOf(second)));
+  EXPECT_THROW(NFlow::warp(first, CTensor<float>(50, 41, 2, 0.0f)), std::invalid_argument);
+}
+
 TEST(Consistency, MarksWhatLeavesThePictureOrDoesNotReturn) {
   // A square of 10 x 10 moves 6 pixels to the right, over what stands still; a row leaves on top.
   CTensor<float> forward(40, 30, 2, 0.0f), backward(40, 30, 2, 0.0f);

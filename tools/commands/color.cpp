@@ -4,8 +4,8 @@
 #include <stdexcept>
 
 #include "commands/commands.h"
-#include "commands/flow_picture.h"
 #include "commands/output_files.h"
+#include "flow_picture/flow_picture.h"
 #include "pictures/picture.h"
 
 namespace tool {

@@ -1,4 +1,4 @@
-#include "commands/flow_picture.h"
+#include "flow_picture/flow_picture.h"
 
 #include <tarvo/tarvo.h>
 
