@@ -30,6 +30,7 @@ std::atomic<bool> matchingOn{true};
 /// Device buffers of one computation.
 struct DeviceFlow {
   device::Buffer image1, image2, matchU, matchV, matchWeight, u, v;
+  device::Buffer known1, known2;  // empty: known everywhere
   int h = 0, w = 0, p = 0;
 };
 
@@ -44,10 +45,10 @@ variational::FlowWeights weightsOf(const NFlow::Options& options) {
 }
 
 /// Has the pool hold all that the computation takes at one time, so that its stages share it.
-void reserve(DeviceFlow& job, const NFlow::Options& options) {
+void reserve(DeviceFlow& job, const NFlow::Options& options, bool known) {
   job.p = device::chosenPitch(job.w);
-  const std::size_t input = device::planeFloats(job.h, job.p, 3 + 3 + 3);
-  const std::size_t solving = variational::coarseToFineFloats(job.h, job.w, job.p, weightsOf(options));
+  const std::size_t input = device::planeFloats(job.h, job.p, 3 + 3 + 3 + (known ? 2 : 0));
+  const std::size_t solving = variational::coarseToFineFloats(job.h, job.w, job.p, weightsOf(options), known);
   const std::size_t matching = options.matches ? match::matchingFloats(job.h, job.w, job.p) : 0;
   TARVO_CALL(device::reserve(input + std::max(matching, solving)));
 }
@@ -59,6 +60,10 @@ void upload(DeviceFlow& job, const Pictures& pictures) {
   for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
     TARVO_CALL(plane->allocate(device::planeFloats(job.h, job.p)));
   }
+  if (pictures.known1 != nullptr) {
+    TARVO_CALL(job.known1.upload(&job.p, pictures.known1, job.h, job.w, 1));
+    TARVO_CALL(job.known2.upload(&job.p, pictures.known2, job.h, job.w, 1));
+  }
   memcpy1.stop();
 }
 
@@ -69,6 +74,10 @@ NMatching::Counts match(DeviceFlow& job, const NFlow::Options& options) {
     counts = match::createAndMatch(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
                                    job.matchWeight.get(), job.h, job.w, job.p, kPictureChannels,
                                    options.matchSpacing);
+    if (job.known1.get() != nullptr) {
+      match::dropUnknown(job.matchWeight.get(), job.matchU.get(), job.matchV.get(), job.known1.get(),
+                         job.known2.get(), job.h, job.w, job.p);
+    }
   } else {
     for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
       TARVO_CALL(device::clear(plane->get(), device::planeFloats(job.h, job.p) * sizeof(float)));
@@ -87,7 +96,9 @@ void solve(DeviceFlow& job, const NFlow::Options& options) {
                           job.h,
                           job.w,
                           job.p,
-                          kPictureChannels},
+                          kPictureChannels,
+                          job.known1.get(),
+                          job.known2.get()},
                          weightsOf(options), 0.0f, &u, &v);
   job.u = device::Buffer::adopt(u);
   job.v = device::Buffer::adopt(v);
@@ -127,8 +138,8 @@ void downloadMatches(const DeviceFlow& job, std::vector<NFlow::Match>& matches) 
 }
 
 void release(DeviceFlow& job) {
-  for (device::Buffer* buffer :
-       {&job.image1, &job.image2, &job.u, &job.v, &job.matchU, &job.matchV, &job.matchWeight}) {
+  for (device::Buffer* buffer : {&job.image1, &job.image2, &job.known1, &job.known2, &job.u, &job.v,
+                                 &job.matchU, &job.matchV, &job.matchWeight}) {
     TARVO_CALL(buffer->release());
   }
 }
@@ -176,7 +187,7 @@ NMatching::Counts computeFlow(const Pictures& pictures, const NFlow::Options& op
   DeviceFlow job;
   job.h = pictures.h;
   job.w = pictures.w;
-  reserve(job, options);
+  reserve(job, options, pictures.known1 != nullptr);
   upload(job, pictures);
   const NMatching::Counts counts = match(job, options);
   if (matches != nullptr && options.matches) downloadMatches(job, *matches);
