@@ -165,6 +165,14 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
       ->add_option("--occlusion", options.occlusion,
                    "Also draw in white what of FRAME1 is hidden in FRAME2; takes the backward flow")
       ->type_name("OUT.png");
+  const char* const flags[] = {"--mask", "--mask2"};
+  for (int k = 0; k < 2; ++k) {
+    const std::string frame = "FRAME" + std::to_string(k + 1);
+    command
+        ->add_option(flags[k], options.masks[k],
+                     "Picture of the size of " + frame + ": a pixel that is not black is ignored in " + frame)
+        ->type_name("PICTURE");
+  }
   command->add_flag("--no-matches", options.noMatches,
                     "Search no matches; the same flow as --beta 0, sooner");
   command

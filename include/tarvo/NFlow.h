@@ -89,6 +89,10 @@ struct Image {
   /// Values that stand for black and white: x becomes (x - black) * 255 / (white - black) in single
   /// precision, and stays as it is where they are 0 and 255.
   float black = 0.0f, white = 255.0f;
+  /// Null, or of every pixel: other than 0 where the picture says nothing. The values there have no effect.
+  const std::uint8_t* mask = nullptr;
+  std::ptrdiff_t maskPixelStride = 1, maskRowStride = 0;  ///< not 0 where there is a mask
+  bool ignoreNaN = false;  ///< a pixel with a value that is not finite says nothing; else it is refused
 
   /// Channels of a pixel side by side, pixels and rows without gaps. Element is std::uint8_t, std::uint16_t
   /// (white: 65535) or float (white: 255).
@@ -154,13 +158,19 @@ struct Result {
   std::string device;                   ///< NDevice::current()
 };
 
-/// Computes what the options ask for. The pictures are not changed. Throws std::invalid_argument, naming the
-/// argument and its values, before memory is taken: for pictures without pixels, of more than about 143
-/// million, of different sizes or of other than one or three channels; for data that are null or not aligned;
-/// for strides that are zero or lead out of the address space; for black and white that are equal or not
-/// finite; for options out of their range. Prints nothing unless NReport::to has named a stream: that gets
-/// the report of runFlowGPU. NReport::progress counts the passes of both directions as one sequence. A device
-/// error is told as NDevice::onError says. NMatching::enable has no effect, NMatching::lastCounts stays.
+/// Computes what the options ask for. The pictures are not changed. Where a picture says nothing (Image::mask),
+/// or the place that the flow leads to does, the flow comes from its surroundings; if it says nothing anywhere,
+/// the flow is 0.
+///
+/// Throws std::invalid_argument, naming the argument and its values, before memory is taken: for pictures
+/// without pixels, of more than about 143 million, of different sizes or of other than one or three channels;
+/// for data that are null or not aligned; for strides that are zero or lead out of the address space; for
+/// black and white that are equal or not finite; for values that are not finite in 0 ... 255, unless
+/// Image::mask or ignoreNaN leaves them out; for options out of their range.
+///
+/// Prints nothing unless NReport::to has named a stream: that gets the report of runFlowGPU. NReport::progress
+/// counts the passes of both directions as one sequence. A device error is told as NDevice::onError says.
+/// NMatching::enable has no effect, NMatching::lastCounts stays.
 TARVO_API Result compute(const Image& image1, const Image& image2, const Options& options = {},
                          const Watch& watch = {});
 /// The same for tensors of one or three planes with values in 0 ... 255.
@@ -174,8 +184,9 @@ struct Memory {
 };
 
 /// What compute takes for pictures of this size, told without taking it. On the CPU device both are ordinary
-/// memory. What is kept for the next call (NDevice::memoryUse) is the device's part. Throws
-/// std::invalid_argument for sizes and options that compute refuses.
+/// memory. Masks and ignoreNaN take about 40 bytes a pixel more. What is kept for the next call
+/// (NDevice::memoryUse) is the device's part. Throws std::invalid_argument for sizes and options that compute
+/// refuses.
 TARVO_API Memory memoryRequired(int width, int height, const Options& options = {});
 
 /// `image` at (x + u, y + v), bilinear, for every pixel (x, y) of the flow: w x h x k. `outside` where that

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "api/fill_unknown.h"
 #include "api/flow_job.h"
 #include "api/picture_view.h"
 #include "device/device.h"
@@ -34,6 +35,8 @@ void check(const Image& image1, const Image& image2, const Options& options) {
   api::checkImage(kName, "image1", image1);
   api::checkImage(kName, "image2", image2);
   api::checkOptions(kName, options);
+  api::checkFinite(kName, "image1", image1);
+  api::checkFinite(kName, "image2", image2);
 }
 
 /// What the library's clocks, which the lock of the computation keeps to it, gain from now on.
@@ -66,24 +69,32 @@ class Clocks {
 };
 
 /// Both pictures as the computation takes them: the caller's planes where they can be used, else smoothed and
-/// converted copies.
+/// converted copies, whose unknown pixels are filled.
 class Prepared {
  public:
   Prepared(const Image& image1, const Image& image2, float sigma) {
     const Image* const images[] = {&image1, &image2};
     for (int k = 0; k < 2; ++k) {
-      const bool used = api::isDense(*images[k]) && !(sigma > 0.0f);
+      known_[k] = api::knownPixels(*images[k]);
+      const bool used = api::isDense(*images[k]) && !(sigma > 0.0f) && known_[k].empty();
       if (!used) copies_[k] = api::convert(*images[k]);
+      if (!known_[k].empty()) api::fillUnknown(copies_[k], known_[k]);
       planes_[k] = used ? static_cast<const float*>(images[k]->data) : copies_[k].data();
       device::poll();
     }
     api::smooth(copies_[0], copies_[1], sigma);
+    for (int k = 0; k < 2; ++k) {
+      if (known_[k].empty()) known_[k].assign(known_[1 - k].size(), 1.0f);
+    }
   }
   const float* operator[](int k) const { return planes_[k]; }
+  /// Null if all of both pictures is known.
+  const float* known(int k) const { return known_[k].empty() ? nullptr : known_[k].data(); }
 
  private:
   CTensor<float> copies_[2];
   const float* planes_[2];
+  std::vector<float> known_[2];
 };
 
 Image viewOf(const CTensor<float>& tensor) {
@@ -109,7 +120,9 @@ Result compute(const Image& image1, const Image& image2, const Options& options,
     Work work;
     auto total = TARVO_STOPWATCH(total);
     if (!pictures) pictures.emplace(image1, image2, options.sigma);
-    work.counts = api::computeFlow({(*pictures)[from], (*pictures)[to], w, h}, options, flow, matches);
+    work.counts = api::computeFlow(
+        {(*pictures)[from], (*pictures)[to], w, h, pictures->known(from), pictures->known(to)}, options, flow,
+        matches);
     total.stop();
     api::printTimes();
     work.seconds = clocks.since();

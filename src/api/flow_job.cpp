@@ -31,6 +31,7 @@ std::atomic<bool> matchingOn{true};
 /// Device buffers of one computation.
 struct DeviceFlow {
   device::Buffer image1, image2, matchU, matchV, matchWeight, u, v;
+  device::Buffer known1, known2;  // empty: known everywhere
   int h = 0, w = 0, p = 0;
 };
 
@@ -45,18 +46,18 @@ variational::FlowWeights weightsOf(const NFlow::Options& options) {
 }
 
 /// What a computation takes from the pool at one time.
-std::size_t pooledFloats(int w, int h, const NFlow::Options& options) {
+std::size_t pooledFloats(int w, int h, const NFlow::Options& options, bool known) {
   const int p = device::chosenPitch(w);
-  const std::size_t input = device::planeFloats(h, p, 3 + 3 + 3);
-  const std::size_t solving = variational::coarseToFineFloats(h, w, p, weightsOf(options));
+  const std::size_t input = device::planeFloats(h, p, 3 + 3 + 3 + (known ? 2 : 0));
+  const std::size_t solving = variational::coarseToFineFloats(h, w, p, weightsOf(options), known);
   const std::size_t matching = options.matches ? match::matchingFloats(h, w, p) : 0;
   return input + std::max(matching, solving);
 }
 
 /// Has the pool hold all that the computation takes at one time, so that its stages share it.
-void reserve(DeviceFlow& job, const NFlow::Options& options) {
+void reserve(DeviceFlow& job, const NFlow::Options& options, bool known) {
   job.p = device::chosenPitch(job.w);
-  TARVO_CALL(device::reserve(pooledFloats(job.w, job.h, options)));
+  TARVO_CALL(device::reserve(pooledFloats(job.w, job.h, options, known)));
 }
 
 void upload(DeviceFlow& job, const Pictures& pictures) {
@@ -65,6 +66,10 @@ void upload(DeviceFlow& job, const Pictures& pictures) {
   TARVO_CALL(job.image2.upload(&job.p, pictures.image2, job.h, job.w, kPictureChannels));
   for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
     TARVO_CALL(plane->allocate(device::planeFloats(job.h, job.p)));
+  }
+  if (pictures.known1 != nullptr) {
+    TARVO_CALL(job.known1.upload(&job.p, pictures.known1, job.h, job.w, 1));
+    TARVO_CALL(job.known2.upload(&job.p, pictures.known2, job.h, job.w, 1));
   }
   memcpy1.stop();
 }
@@ -76,6 +81,10 @@ NMatching::Counts match(DeviceFlow& job, const NFlow::Options& options) {
     counts = match::createAndMatch(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
                                    job.matchWeight.get(), job.h, job.w, job.p, kPictureChannels,
                                    options.matchSpacing);
+    if (job.known1.get() != nullptr) {
+      match::dropUnknown(job.matchWeight.get(), job.matchU.get(), job.matchV.get(), job.known1.get(),
+                         job.known2.get(), job.h, job.w, job.p);
+    }
   } else {
     for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
       TARVO_CALL(device::clear(plane->get(), device::planeFloats(job.h, job.p) * sizeof(float)));
@@ -94,7 +103,9 @@ void solve(DeviceFlow& job, const NFlow::Options& options) {
                           job.h,
                           job.w,
                           job.p,
-                          kPictureChannels},
+                          kPictureChannels,
+                          job.known1.get(),
+                          job.known2.get()},
                          weightsOf(options), 0.0f, &u, &v);
   job.u = device::Buffer::adopt(u);
   job.v = device::Buffer::adopt(v);
@@ -134,8 +145,8 @@ void downloadMatches(const DeviceFlow& job, std::vector<NFlow::Match>& matches) 
 }
 
 void release(DeviceFlow& job) {
-  for (device::Buffer* buffer :
-       {&job.image1, &job.image2, &job.u, &job.v, &job.matchU, &job.matchV, &job.matchWeight}) {
+  for (device::Buffer* buffer : {&job.image1, &job.image2, &job.known1, &job.known2, &job.u, &job.v,
+                                 &job.matchU, &job.matchV, &job.matchWeight}) {
     TARVO_CALL(buffer->release());
   }
 }
@@ -184,7 +195,7 @@ std::size_t deviceFloats(int w, int h, const NFlow::Options& options) {
   // The flows of the last two steps at full resolution are whole buffers beside the pool.
   const int wholes = options.medianRadius > 0 ? 4 : 2;
   constexpr std::size_t kGaps = 512 * 1024;  // between the pool's pieces, in all
-  return pooledFloats(w, h, options) + device::planeFloats(h, device::chosenPitch(w), wholes) + kGaps;
+  return pooledFloats(w, h, options, false) + device::planeFloats(h, device::chosenPitch(w), wholes) + kGaps;
 }
 
 NMatching::Counts computeFlow(const Pictures& pictures, const NFlow::Options& options, CTensor<float>& flow,
@@ -192,7 +203,7 @@ NMatching::Counts computeFlow(const Pictures& pictures, const NFlow::Options& op
   DeviceFlow job;
   job.h = pictures.h;
   job.w = pictures.w;
-  reserve(job, options);
+  reserve(job, options, pictures.known1 != nullptr);
   upload(job, pictures);
   const NMatching::Counts counts = match(job, options);
   if (matches != nullptr && options.matches) downloadMatches(job, *matches);

@@ -18,10 +18,12 @@ void smooth(CTensor<float>& image1, CTensor<float>& image2, float sigma);
 /// False while the matching stage of the entry points in <tarvo/flow.h> is switched off.
 bool matchingEnabled();
 
-/// Two pictures on the host, of three dense planes each.
+/// Two pictures on the host, of three dense planes each, and a dense plane for each that is 1 where it is known
+/// and 0 elsewhere; both null: known everywhere.
 struct Pictures {
   const float *image1, *image2;
   int w, h;
+  const float *known1 = nullptr, *known2 = nullptr;
 };
 
 /// One flow computation on the device, on checked arguments, inside a device::Entry: all but smoothing and the

@@ -7,6 +7,7 @@
 #include <climits>
 
 #include "device/kernel.h"
+#include "device/sample.h"
 
 namespace match {
 
@@ -193,6 +194,35 @@ struct consistencyCheck_kernel {
     weight[i] = weightOf(bestDistance[k], secondDistance[k]);
     u[i] = static_cast<float>(forwardX[k] - x);
     v[i] = static_cast<float>(forwardY[k] - y);
+  }
+};
+
+/// Weight 0 for a match from an unknown pixel, for one that ends on or beside an unknown pixel, and where more
+/// than an eighth of the pixels that make the descriptor at either end are unknown.
+struct DropUnknown {
+  float* weight;
+  const float* u;
+  const float* v;
+  device::View known1, known2;
+  int h, w, p;
+  static constexpr int kDescribed =
+      match::kSpacing + 4;  // of a descriptor: its cells, each of 7 x 7 gradients
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    if (!(weight[i] > 0.0f)) return;
+    const int toX = x + static_cast<int>(u[i]), toY = y + static_cast<int>(v[i]);
+    const float ends = known1.point(x, y) * known2.point(toX, toY) * known2.point(toX - 1, toY) *
+                       known2.point(toX + 1, toY) * known2.point(toX, toY - 1) * known2.point(toX, toY + 1);
+    if (!(ends > 0.0f) || !described(known1, x, y) || !described(known2, toX, toY)) weight[i] = 0.0f;
+  }
+  TARVO_HOST_DEVICE static bool described(const device::View& known, int x, int y) {
+    constexpr int kPixels = (2 * kDescribed + 1) * (2 * kDescribed + 1);
+    float sum = 0.0f;
+    for (int j = y - kDescribed; j <= y + kDescribed; ++j) {
+      for (int i = x - kDescribed; i <= x + kDescribed; ++i) sum += known.point(i, j);
+    }
+    return sum >= static_cast<float>(kPixels - kPixels / 8);
   }
 };
 

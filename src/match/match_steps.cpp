@@ -95,6 +95,12 @@ void matchBothWays(const Pair& pair, const Records& r, Backward backward, float*
   TARVO_LAUNCHED("Consistency check");
 }
 
+void dropUnknown(float* weight, const float* u, const float* v, const float* known1, const float* known2,
+                 int h, int w, int p) {
+  launch(kernels::DropUnknown{weight, u, v, {known1, h, w, p}, {known2, h, w, p}, h, w, p});
+  TARVO_LAUNCHED("Unknown matches");
+}
+
 NMatching::Counts countsOf(const Grid& grid, const HostRecords& records) {
   NMatching::Counts result{grid.count(), 0, 0, 0};
   for (std::size_t k = 0; k < grid.x.size(); ++k) {

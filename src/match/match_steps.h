@@ -127,6 +127,12 @@ enum class Backward { Matches, Home };
 void matchBothWays(const Pair& pair, const Records& records, Backward backward, float* weight, float* u,
                    float* v);
 
+/// Takes the weight from matches whose point is unknown in image 1, that end on or beside an unknown pixel of
+/// image 2, or more than an eighth of one of whose descriptors is unknown; known1 and known2 are 1 where a
+/// picture is known, else 0.
+void dropUnknown(float* weight, const float* u, const float* v, const float* known1, const float* known2,
+                 int h, int w, int p);
+
 /// What the records hold.
 NMatching::Counts countsOf(const Grid& grid, const HostRecords& records);
 /// From now on the counts of NMatching::lastCounts.

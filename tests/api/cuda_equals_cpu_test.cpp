@@ -83,5 +83,13 @@ TEST_F(CudaEqualsCpu, OnWholeFlows) {
                             .forward);
       });
     }
+    compare([size] {  // a part of the first picture is unknown
+      Planes first = render(size.h, size.w, 0, 0), second = render(size.h, size.w, 2, 1);
+      std::fill_n(first.data() + first.values.size() / 2, first.values.size() / 14, kNan);
+      NFlow::Image a = NFlow::Image::planar(first.data(), size.w, size.h);
+      a.ignoreNaN = true;
+      const NFlow::Image b = NFlow::Image::planar(second.data(), size.w, size.h);
+      return planesOf(NFlow::compute(a, b, NFlow::preset("fast")).forward);
+    });
   }
 }

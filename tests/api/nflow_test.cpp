@@ -116,6 +116,9 @@ TEST(Compute, TellsTheMatchesItUsedAndPrintsNothingUnasked) {
 
 TEST(Compute, RefusesWrongArgumentsAndNamesThem) {
   const std::vector<float> pixels(6 * 5 * 3 + 1, 1.0f);
+  std::vector<float> holes(pixels);
+  holes[30 + 2 * 6 + 4] = kNan, holes[60 + 2 * 6 + 4] = -kInf;
+  const std::vector<std::uint8_t> mask(30, 0);
   const Image good = Image::planar(pixels.data(), 6, 5);
   struct Call {
     Image image1, image2;
@@ -138,6 +141,12 @@ TEST(Compute, RefusesWrongArgumentsAndNamesThem) {
       {[](Call& c) { c.image2.black = kNan; }, "got nan and 255"},
       {[](Call& c) { c.image1.rowStride = 0; }, "got 1, 0 and 30"},
       {[](Call& c) { c.image1.rowStride = std::ptrdiff_t{1} << 61; }, "stay in memory"},
+      {[&](Call& c) { c.image1.mask = mask.data(); },
+       "image1: maskPixelStride and maskRowStride must not be 0 and stay in memory, got 1 and 0"},
+      {[&](Call& c) { c.image2.data = holes.data(); },
+       "image2 has 2 values that are not finite, the first at (4, 2), channel 1"},
+      {[&](Call& c) { c.image2 = Image::interleaved(holes.data(), 6, 5); }, "the first at (3, 2), channel 1"},
+      {[](Call& c) { c.image1.white = 1e-38f; }, "image1 has 90 values that are not finite"},
       {[](Call& c) { c.options.sigma = kNan; }, "sigma must be a finite number, got nan"},
       {[](Call& c) { c.options.alpha = -0.5f; }, "alpha must be a number from 0 up, got -0.5"},
       {[](Call& c) { c.options.beta = kInf; }, "beta must be a number from 0 up, got inf"},

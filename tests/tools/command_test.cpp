@@ -92,6 +92,8 @@ TEST_F(Command, WrongUsageEndsWith2AndNamesTheOption) {
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--match-spacing", "6"}, "a multiple of 4"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--solver", "lu"}, "conjugate-gradients or relaxation"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--pipeline", "hybrid", "--zeta-data", "1"}, "--zeta-data"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--pipeline", "hybrid", "--mask2", "m.png"}, "--mask2"},
+      {{"flow", "a.png", "b.png", "-o", "x.flo", "--mask", "m.png", "--color", "m.png"}, "names an input"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--occlusion", "x.jpg"}, "x.jpg"},
       {{"color", "x.flo", "-o", "x.jpg"}, "x.jpg"},
       {{"color", "x.flo", "-o", "x.png", "--max-motion", "0"}, "--max-motion: 0"},
@@ -137,6 +139,8 @@ TEST_F(Command, FailuresEndWith1AndNameTheFile) {
                {{"flow", frames[0], path("damaged.png"), "-o", out}, "damaged.png"},
                {{"flow", frames[0], path("small/frame1.png"), "-o", out}, "48 x 40"},
                {{"flow", frames[0], path("small/frame1.png"), "-o", out}, "20 x 10"},
+               {{"flow", frames[0], frames[1], "-o", out, "--mask", path("small/frame1.png")},
+                "20 x 10 pixels, not 48 x 40"},
                {{"flow", frames[0], frames[1], "-o", path("none/x.flo")}, "none/x.flo"},
                {{"flow", frames[0], frames[1], "-o", out, "--device", "cuda:999"}, "cuda"},
                {{"flow", frames[0], frames[1], "-o", out, "--alpha", "3e38"}, "too large"},
@@ -302,13 +306,20 @@ TEST_F(Command, FlowTellsAndWritesItsMatchesAndCanLeaveThemOut) {
   EXPECT_EQ(flow({"-o", path("e.flo"), "--matches", path("m.csv"), "--no-matches"}).status, 2);
 }
 
-TEST_F(Command, FlowTakesAPresetAndDrawsWhatIsHidden) {
+TEST_F(Command, FlowTakesAPresetAndAMaskAndDrawsWhatIsHidden) {
   makeFrames();
+  std::string text = "P3 48 40 255\n";
+  std::vector<std::uint8_t> mask;
+  for (int i = 0; i < 48 * 40; ++i) {
+    mask.push_back(i % 48 < 16 ? 1 : 0);
+    text += mask.back() != 0 ? "0 0 1\n" : "0 0 0\n";
+  }
+  writeText(path("m.ppm"), text);
   const Json presets = Json::parse(runTool({"info", "--presets", "--json"}).out);
   EXPECT_TRUE(contains(runTool({"info", "--presets"}).out, "--eta"));
   for (const Words& order :
        {Words{"--preset", "fast", "--alpha", "12.5"}, {"--alpha", "12.5", "--preset", "fast"}}) {
-    Words words{"-o", path("f.flo"), "--occlusion", path("o.png"), "--json"};
+    Words words{"-o", path("f.flo"), "--occlusion", path("o.png"), "--mask2", path("m.ppm"), "--json"};
     words.insert(words.end(), order.begin(), order.end());
     const Outcome outcome = flow(words);
     ASSERT_EQ(outcome.status, 0) << outcome.err;
@@ -322,8 +333,12 @@ TEST_F(Command, FlowTakesAPresetAndDrawsWhatIsHidden) {
   NFlow::Options options = NFlow::preset("fast");
   options.alpha = 12.5f;
   options.occlusion = true;
-  const NFlow::Result result =
-      NFlow::compute(readPicture(frames[0], nullptr), readPicture(frames[1], nullptr), options);
+  const CTensor<float> first = readPicture(frames[0], nullptr), second = readPicture(frames[1], nullptr);
+  NFlow::Image masked = NFlow::Image::planar(second.data(), 48, 40);
+  masked.mask = mask.data(), masked.maskRowStride = 48;
+  const NFlow::Result result = NFlow::compute(NFlow::Image::planar(first.data(), 48, 40), masked, options);
+  const CTensor<float> flow = NFlowFile::read(path("f.flo"));
+  EXPECT_TRUE(std::equal(flow.data(), flow.data() + flow.size(), result.forward.data()));
   const CTensor<float> drawn = readPicture(path("o.png"), nullptr);
   EXPECT_TRUE(std::equal(result.occlusion.begin(), result.occlusion.end(), drawn.data()));
   EXPECT_GT(std::count(result.occlusion.begin(), result.occlusion.end(), 255), 0);

@@ -17,6 +17,7 @@ struct FlowOptions {
   std::string colour;     ///< colour picture of the forward flow, unless empty
   std::string matches;    ///< table of the forward matches, unless empty
   std::string occlusion;  ///< picture of what is hidden in frame 2, unless empty
+  std::string masks[2];   ///< pictures of what is to be ignored in either frame, unless empty
   bool noMatches = false;
   bool hybrid = false;  ///< runFlow instead of NFlow::compute
   std::string preset = "standard";

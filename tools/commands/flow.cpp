@@ -36,16 +36,31 @@ struct Computed {
 
 struct Frames {
   CTensor<float> first, second;
+  std::vector<std::uint8_t> masks[2];  // other than 0: ignored; empty: nothing is
 };
+
+/// Not 0 where any channel of the picture is not.
+std::vector<std::uint8_t> readMask(const std::string& path, std::vector<std::string>* messages,
+                                   const CTensor<float>& frame) {
+  const CTensor<float> picture = readPicture(path, messages, &frame);
+  const std::size_t pixels = static_cast<std::size_t>(picture.sizeX()) * picture.sizeY();
+  std::vector<std::uint8_t> mask(pixels);
+  for (std::size_t k = 0; k < 3 * pixels; ++k) mask[k % pixels] |= picture.data()[k] > 0.0f ? 255 : 0;
+  return mask;
+}
 
 Frames readFrames(const FlowOptions& options, const Verbosity& verbosity) {
   std::vector<std::string> messages;
   CTensor<float> first = readPicture(options.frame1, &messages);
   CTensor<float> second = readPicture(options.frame2, &messages, &first);
+  std::vector<std::uint8_t> masks[2];
+  for (int k = 0; k < 2; ++k) {
+    if (!options.masks[k].empty()) masks[k] = readMask(options.masks[k], &messages, first);
+  }
   for (const std::string& text : messages) {
     message(verbosity, text);
   }
-  return {std::move(first), std::move(second)};
+  return {std::move(first), std::move(second), {std::move(masks[0]), std::move(masks[1])}};
 }
 
 Json phaseSeconds(const NFlow::Seconds& seconds, bool hybrid) {
@@ -72,12 +87,20 @@ void checkFinite(const CTensor<float>& flow) {
                            std::to_string(flow.size()) + " values: --alpha, --beta or --gamma is too large");
 }
 
+NFlow::Image viewOf(const CTensor<float>& frame, const std::vector<std::uint8_t>& mask) {
+  NFlow::Image image = NFlow::Image::planar(frame.data(), frame.sizeX(), frame.sizeY());
+  image.mask = mask.empty() ? nullptr : mask.data();
+  image.maskRowStride = frame.sizeX();
+  return image;
+}
+
 Computed compute(const Frames& frames, const FlowOptions& options) {
   NFlow::Options parameters = options.parameters;
   parameters.matches = !options.noMatches;
   parameters.backward = !options.backward.empty();
   parameters.occlusion = !options.occlusion.empty();
-  NFlow::Result result = NFlow::compute(frames.first, frames.second, parameters);
+  NFlow::Result result = NFlow::compute(viewOf(frames.first, frames.masks[0]),
+                                        viewOf(frames.second, frames.masks[1]), parameters);
   return {{std::move(result.forward), result.forwardWork},
           {std::move(result.backward), result.backwardWork},
           std::move(result.matches),
@@ -151,6 +174,12 @@ void printJson(const FlowOptions& options, const Run& forward, const Run* backwa
   if (backward) {
     json["backward"] = describe(options.backward, *backward, options.hybrid);
   }
+  if (!options.masks[0].empty()) {
+    json["mask"] = options.masks[0];
+  }
+  if (!options.masks[1].empty()) {
+    json["mask2"] = options.masks[1];
+  }
   if (!options.colour.empty()) {
     json["color"] = options.colour;
   }
@@ -188,6 +217,8 @@ void printSummary(const FlowOptions& options, const Run& forward, const Run* bac
 /// Refuses what the hybrid pipeline does not have.
 void checkHybrid(const FlowOptions& options) {
   if (!options.matches.empty()) throw UsageError{"--matches and --pipeline hybrid exclude each other"};
+  if (!options.masks[0].empty()) throw UsageError{"--mask and --pipeline hybrid exclude each other"};
+  if (!options.masks[1].empty()) throw UsageError{"--mask2 and --pipeline hybrid exclude each other"};
   if (!options.occlusion.empty()) throw UsageError{"--occlusion and --pipeline hybrid exclude each other"};
   for (const NFlow::Option& option : NFlow::optionTable()) {
     if (isHybrids(option) || NFlow::text({}, option) == NFlow::text(options.parameters, option)) continue;
@@ -203,12 +234,16 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
     throw UsageError{"--matches and --no-matches exclude each other"};
   }
   if (options.hybrid) checkHybrid(options);
+  std::vector<std::string> inputs{options.frame1, options.frame2};
+  for (const std::string& mask : options.masks) {
+    if (!mask.empty()) inputs.push_back(mask);
+  }
   OutputFiles outputs({{"--output", options.output, ".flo"},
                        {"--backward", options.backward, ".flo"},
                        {"--color", options.colour, ".png"},
                        {"--occlusion", options.occlusion, ".png"},
                        {"--matches", options.matches, ".csv"}},
-                      {options.frame1, options.frame2});
+                      inputs);
   const Frames frames = readFrames(options, verbosity);
   routeReport(verbosity, true);
   NDevice::select(options.device);

@@ -54,20 +54,25 @@ int edgePlanesOf(const FlowWeights& weights) {
   return weights.terms.edgeScale > 0.0f ? 2 : 0;
 }
 
+int knownPlanesOf(const FlowInput& input) {
+  return input.known1 != nullptr ? 2 : 0;
+}
+
 }  // namespace
 
-std::size_t coarseToFineFloats(int height, int width, int pitch, const FlowWeights& weights) {
+std::size_t coarseToFineFloats(int height, int width, int pitch, const FlowWeights& weights, bool known) {
   const FlowInput input{nullptr, nullptr, {}, height, width, pitch, kPictureChannels};
   const int levels = levelsAbove(height, width, weights.eta, weights.terms.leastSide);
   const std::size_t largest = largestPlane(input, weights.eta, levels);
   const std::size_t flows = 2 * 2;  // of two levels
-  return (kLevelPlanes + static_cast<std::size_t>(edgePlanesOf(weights)) + Scratch::kPlanes + flows) *
+  return (kLevelPlanes + static_cast<std::size_t>(edgePlanesOf(weights)) + (known ? 2 : 0) +
+          Scratch::kPlanes + flows) *
              largest +
          PictureLevels(nullptr, nullptr, height, width, pitch, pictureSizes(input, weights.eta, levels))
              .floats();
 }
 
-CoarseToFine::LevelPlanes::LevelPlanes(std::size_t floats, int edgePlanes) {
+CoarseToFine::LevelPlanes::LevelPlanes(std::size_t floats, int edgePlanes, int knownPlanes) {
   auto clock = TARVO_STOPWATCH(memcpy);
   for (device::Buffer* plane : {&matchU, &matchV, &matchWeight}) TARVO_CALL(plane->allocate(floats));
   device::synchronize();
@@ -75,10 +80,11 @@ CoarseToFine::LevelPlanes::LevelPlanes(std::size_t floats, int edgePlanes) {
   TARVO_CALL(valid.allocate(floats));
   TARVO_CALL(warped.allocate(kPictureChannels * floats));
   if (edgePlanes > 0) TARVO_CALL(edges.allocate(static_cast<std::size_t>(edgePlanes) * floats));
+  if (knownPlanes > 0) TARVO_CALL(known.allocate(static_cast<std::size_t>(knownPlanes) * floats));
 }
 
 void CoarseToFine::LevelPlanes::release() {
-  for (device::Buffer* buffer : {&matchU, &matchV, &matchWeight, &valid, &warped, &edges}) {
+  for (device::Buffer* buffer : {&matchU, &matchV, &matchWeight, &valid, &warped, &edges, &known}) {
     TARVO_CALL(buffer->release());
   }
 }
@@ -87,7 +93,7 @@ CoarseToFine::CoarseToFine(const FlowInput& input, const FlowWeights& weights)
     : input_(input),
       weights_(weights),
       levels_(levelsAbove(input.height, input.width, weights.eta, weights.terms.leastSide)),
-      planes_(largestPlane(input, weights.eta, levels_), edgePlanesOf(weights)),
+      planes_(largestPlane(input, weights.eta, levels_), edgePlanesOf(weights), knownPlanesOf(input)),
       scratch_(largestPlane(input, weights.eta, levels_)),
       pictures_(input.image1, input.image2, input.height, input.width, input.pitch,
                 pictureSizes(input, weights.eta, levels_)),
@@ -201,8 +207,22 @@ const float* CoarseToFine::warp(const Level& level, int p, const Pictures& pictu
                 input_.channels, planes_.valid.get(), level.h, level.w, p);
     second = planes_.warped.get();
   }
+  if (input_.known1 != nullptr) weighByKnown(level, p);
   TARVO_LAUNCHED("Warping safe");
   return second;
+}
+
+void CoarseToFine::weighByKnown(const Level& level, int p) {
+  const float *known1 = input_.known1, *known2 = input_.known2;
+  if (level.index > 0) {
+    float* const shrunk1 = planes_.known.get();
+    float* const shrunk2 = shrunk1 + device::planeFloats(level.h, p);
+    downsample(known1, input_.height, input_.width, input_.pitch, shrunk1, level.h, level.w, p, nullptr);
+    downsample(known2, input_.height, input_.width, input_.pitch, shrunk2, level.h, level.w, p, nullptr);
+    known1 = shrunk1, known2 = shrunk2;
+  }
+  weighValid(planes_.valid.get(), {known1, known2, level.clamped == 0}, flow_.u.get(), flow_.v.get(), level.h,
+             level.w, p);
 }
 
 void CoarseToFine::finish(float** u, float** v) {

@@ -17,10 +17,14 @@ struct FlowInput {
   const float *image1, *image2;
   MatchField matches;  ///< a null weight: no matches
   int height, width, pitch, channels;
+  /// Planes of 1 where a picture is known and 0 elsewhere; both null: known everywhere.
+  const float *known1 = nullptr, *known2 = nullptr;
 };
 
 /// Floats that a flow computation takes from the pool at one time, beside its input and the flow it returns.
-std::size_t coarseToFineFloats(int height, int width, int pitch, const FlowWeights& weights);
+/// @param known  whether the input has planes known1 and known2
+std::size_t coarseToFineFloats(int height, int width, int pitch, const FlowWeights& weights,
+                               bool known = false);
 
 /// One flow computation from the coarsest level to the last pass at full resolution. Holds the buffers of the
 /// whole call, each large enough for every level, and the flow that moves from pass to pass.
@@ -49,8 +53,9 @@ class CoarseToFine {
     device::Buffer valid;   ///< 1 where the warp has found a source pixel
     device::Buffer warped;  ///< the second picture, moved by the flow
     device::Buffer edges;   ///< weights of the smoothness, two planes; empty without edgePlanes
+    device::Buffer known;   ///< how much of either picture is known, two planes; empty without knownPlanes
 
-    LevelPlanes(std::size_t floats, int edgePlanes);
+    LevelPlanes(std::size_t floats, int edgePlanes, int knownPlanes);
     void release();
   };
 
@@ -61,6 +66,9 @@ class CoarseToFine {
   void carryFlow(const Level& level, int p, bool first);
   /// The second picture as the flow sees it, and where it is valid.
   const float* warp(const Level& level, int p, const Pictures& pictures, bool first);
+
+  /// Has `valid` tell how far a pixel and the place that its flow leads to are known, if that is to be told.
+  void weighByKnown(const Level& level, int p);
 
   float alphaOf(const Level& level) const;
   /// Made anew at every level, kept for the final passes.

@@ -19,6 +19,17 @@ inline bool isNormalised(const NFlow::Terms& terms) {
 void structureTensors(const float* image1, const float* warped2, const FPtmp& fp, const float* gconf, int h,
                       int w, int p, int channels, const NFlow::Terms& terms);
 
+/// How much of each pixel of either picture is known, 0 ... 1; whole: all or nothing counts.
+struct KnownPlanes {
+  const float *first, *second;
+  bool whole;
+};
+
+/// Multiplies the validity by c^2, where c is how far the pixel is known in image 1, times how far the place
+/// that the flow (u, v) leads to is known in image 2: then the root of the energy has the factor c. Where all or
+/// nothing counts, c is 1 or 0.
+void weighValid(float* valid, const KnownPlanes& known, const float* u, const float* v, int h, int w, int p);
+
 /// Two planes of factors of the smoothness towards the right and the lower neighbour; null: none.
 struct EdgePlanes {
   float *x = nullptr, *y = nullptr;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "device/sample.h"
 #include "variational/elementwise_kernels.h"
 
 namespace kernels {
@@ -224,6 +225,23 @@ struct EdgePenalty {
   TARVO_HOST_DEVICE float y(int i, float s) const { return diffusivity(edgeY, i, s); }
   TARVO_HOST_DEVICE float diffusivity(const float* edge, int i, float s) const {
     return (kEdges ? edge[i] : 1.0f) / std::sqrt(s + squaredEpsilon);
+  }
+};
+
+/// valid *= c^2, c = known1 * the bilinear sample of known2 at (x + u, y + v); whole: c counts as 0 unless it is 1.
+struct WeighValid {
+  float* valid;
+  const float* known1;
+  device::View known2;
+  const float *u, *v;
+  int h, w, p;
+  bool whole;
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const int i = y * p + x;
+    const float c = known1[i] * known2.bilinear(static_cast<float>(x) + u[i], static_cast<float>(y) + v[i]);
+    const float counts = whole && c < 1.0f ? 0.0f : c;
+    valid[i] *= counts * counts;
   }
 };
 

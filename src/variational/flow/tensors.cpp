@@ -84,6 +84,11 @@ void gDiffusivity(const float* u, const float* v, const float* du, const float* 
   launch(kernels::TotalFlowDiffusivity<kernels::PlainPenalty>{u, v, du, dv, diffX, diffY, h, w, p, {}});
 }
 
+void variational::weighValid(float* valid, const KnownPlanes& known, const float* u, const float* v, int h,
+                             int w, int p) {
+  launch(kernels::WeighValid{valid, known.first, {known.second, h, w, p}, u, v, h, w, p, known.whole});
+}
+
 void variational::edgeWeights(const float* image, const EdgePlanes& edges, int h, int w, int p, float scale) {
   launch(kernels::EdgeWeights{image, edges.x, edges.y, h, w, p, 1.0f / (16.0f * scale)});
 }
