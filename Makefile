@@ -13,7 +13,7 @@ SETUP ?= scripts/setup.sh
 CONFIGURE = cmake -DTARVO_WERROR=$(WERROR) $(CMAKE_ARGS) --preset
 CTEST = ctest -j$(JOBS) --preset
 
-.PHONY: all help setup build demo test sanitize emulated bench format check-format lint layers install-check gpu-check clean
+.PHONY: all help setup build demo test sanitize emulated bench python format check-format lint layers install-check gpu-check clean
 .NOTPARALLEL:
 
 all: build
@@ -25,6 +25,7 @@ help:
 	@echo 'make bench          set-up, build, benchmarks; results in build/bench'
 	@echo 'make sanitize       set-up, tests with address and undefined-behaviour sanitizers'
 	@echo 'make emulated       set-up, tests of the CUDA device, its kernels run by the CPU'
+	@echo 'make python         set-up, Python package as users get it, its tests; the wheel is in build/python'
 	@echo 'make format         format the sources      make check-format   say which are not'
 	@echo 'make lint           clang-tidy and the check that inner loops are vectorised'
 	@echo 'make layers         check which part of the sources includes which'
@@ -70,6 +71,10 @@ lint:
 
 layers:
 	@tests/layers/check_layers.sh .
+
+python: setup
+	@scripts/setup.sh --python
+	@scripts/python_package.sh
 
 install-check: build
 	@tests/install/run.sh build

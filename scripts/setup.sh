@@ -1,9 +1,10 @@
 #!/bin/sh
 # Installs the Debian packages that building, testing and running tarvo needs, and only those that are missing.
 #
-#   scripts/setup.sh [--dev] [--quiet]
+#   scripts/setup.sh [--dev] [--python] [--quiet]
 #
-#   --dev    also what contributors and CI use: clang-format 14, clang-tidy 14, valgrind
+#   --python also what pip needs to build the Python package: headers of Python, virtual environments
+#   --dev    also what contributors and CI use: clang-format 14, clang-tidy 14, valgrind, and what --python adds
 #   --quiet  say nothing when everything is there, and hide apt's output unless it fails
 #
 # Exit status: 0 all packages are there, 1 they could not be installed, 2 wrong usage.
@@ -11,20 +12,22 @@ set -eu
 
 build_packages="g++ cmake ninja-build make pkg-config libpng-dev libjpeg62-turbo-dev libcli11-dev
   nlohmann-json3-dev libgtest-dev libbenchmark-dev"
-dev_packages="clang-format-14 clang-tidy-14 valgrind"
+python_packages="python3-dev python3-venv python3-pip"
+dev_packages="$python_packages clang-format-14 clang-tidy-14 valgrind"
 
 quiet=no
 packages=$build_packages
 for argument in "$@"; do
   case $argument in
     --dev) packages="$build_packages $dev_packages" ;;
+    --python) packages="$packages $python_packages" ;;
     --quiet) quiet=yes ;;
     -h | --help)
       sed -n '2,/^set -eu/s/^# \{0,1\}//p' "$0"
       exit 0
       ;;
     *)
-      echo "setup: unknown argument '$argument' (--dev and --quiet are known)" >&2
+      echo "setup: unknown argument '$argument' (--dev, --python and --quiet are known)" >&2
       exit 2
       ;;
   esac

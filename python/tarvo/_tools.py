@@ -1,0 +1,192 @@
+"""What is done with a flow: hidden pixels, warping, colours, errors, files."""
+
+from __future__ import annotations
+
+import math
+import numbers as number_kinds
+import os
+from dataclasses import dataclass
+
+import numpy as np
+import numpy.typing as npt
+
+from tarvo import _core
+from tarvo._arrays import ArrayLike, flow_field, numbers, same_size
+
+_UNKNOWN = 1e9  # in files: components from here on mark unknown motion
+
+
+class FormatError(ValueError):
+    """A file is not what its name says, or is damaged."""
+
+
+@dataclass(frozen=True)
+class Evaluation:
+    """How far a flow is from the truth, over the pixels whose true motion is known.
+
+    Attributes:
+        epe: mean end-point error, the length of the difference [pixels].
+        median, percentile99: of the end-point errors [pixels].
+        angular: mean angle between (u, v, 1) of both [degrees].
+        fl_all: share (0 ... 1) of pixels with an error above 3 pixels and above 5 % of the true length, or
+            whose flow is unknown.
+        used: pixels whose true motion is known.
+        missing: those of them whose flow is unknown; they count in fl_all alone.
+    """
+
+    epe: float
+    median: float
+    percentile99: float
+    angular: float
+    fl_all: float
+    used: int
+    missing: int
+
+
+def occlusion(forward: ArrayLike, backward: ArrayLike) -> npt.NDArray[np.bool_]:
+    """Which pixels of image 1 are hidden in image 2: bool H x W.
+
+    With flow f of a pixel at x and backward flow b, interpolated bilinearly, a pixel is hidden if x + f leaves
+    the picture, or unless |f + b(x + f)|^2 <= 0.01 (|f|^2 + |b(x + f)|^2) + 0.5 pixels^2.
+
+    Args:
+        forward, backward: flows between two pictures, H x W x 2 [pixels].
+
+    Raises:
+        TypeError, ValueError: not two flows of one size.
+
+    >>> import numpy as np, tarvo
+    >>> still = np.zeros((4, 5, 2), np.float32)
+    >>> int(tarvo.occlusion(still, still).sum()), int(tarvo.occlusion(still + 3, still - 3).sum())
+    (0, 18)
+    """
+    first, second = flow_field(forward, "forward"), flow_field(backward, "backward")
+    same_size(first, "forward", second, "backward")
+    return _core.consistency(first, second)
+
+
+def warp(image: ArrayLike, flow: ArrayLike, *, fill: float = math.nan) -> npt.NDArray[np.float32]:
+    """image at (x + u, y + v), bilinear: image 2 warped by the flow from image 1 looks like image 1.
+
+    Args:
+        image: H x W or H x W x C of numbers.
+        flow: H x W x 2 [pixels].
+        fill: the value where (x + u, y + v) is outside or the flow is unknown.
+
+    Returns:
+        float32 of the image's shape, in its values.
+
+    Raises:
+        TypeError, ValueError: wrong arrays, or of different sizes.
+
+    >>> import numpy as np, tarvo
+    >>> image = np.arange(12, dtype=np.uint8).reshape(3, 4)
+    >>> right = np.full((3, 4, 2), (1, 0), np.float32)
+    >>> tarvo.warp(image, right, fill=-1)[0].tolist()
+    [1.0, 2.0, 3.0, -1.0]
+    """
+    values, field = numbers(image, "image"), flow_field(flow, "flow")
+    same_size(values, "image", field, "flow")
+    outside = _number(fill, "fill", nan=True)
+    planes = values if values.ndim == 3 else values[..., None]
+    return _core.warp(planes, field, outside).reshape(values.shape)
+
+
+def color(flow: ArrayLike, *, max_motion: float | None = None, legend: bool = False) -> npt.NDArray[np.uint8]:
+    """A flow as colours, uint8 H x W x 3: the hue is the direction, the brightness the length.
+
+    Right is red, down violet blue, left green, up yellow; no motion is black, unknown motion grey.
+
+    Args:
+        flow: H x W x 2 [pixels].
+        max_motion: the length from which on colours are brightest [pixels]; default: the longest in the flow.
+            Pictures that are to be compared need the same.
+        legend: draw the colours of all directions as a disc in the lower right corner; its rim is max_motion.
+
+    Raises:
+        TypeError, ValueError: not a flow, or max_motion not above 0.
+
+    >>> import numpy as np, tarvo
+    >>> right = np.full((1, 1, 2), (4, 0), np.float32)
+    >>> tarvo.color(right, max_motion=4)[0, 0].tolist()
+    [255, 0, 0]
+    """
+    field = flow_field(flow, "flow")
+    if max_motion is not None and not _number(max_motion, "max_motion") > 0:
+        raise ValueError(f"max_motion must be above 0, got {max_motion!r}")
+    return _core.color(field, max_motion, bool(legend))
+
+
+def evaluate(flow: ArrayLike, truth: ArrayLike) -> Evaluation:
+    """The errors of a flow against the true one, over the pixels where the truth is finite and below 1e9.
+
+    Args:
+        flow, truth: H x W x 2 [pixels], of one size.
+
+    Raises:
+        TypeError, ValueError: not two flows of one size.
+
+    >>> import numpy as np, tarvo
+    >>> truth = np.zeros((4, 5, 2), np.float32)
+    >>> truth[0] = np.nan
+    >>> tarvo.evaluate(np.ones((4, 5, 2), np.float32), truth).used
+    15
+    """
+    field, reference = flow_field(flow, "flow"), flow_field(truth, "truth")
+    same_size(field, "flow", reference, "truth")
+    return Evaluation(**_core.evaluate(field, reference))
+
+
+def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
+    """The flow in a .flo file: float32 H x W x 2 [pixels], not-a-number where it is unknown.
+
+    Raises:
+        OSError: the file cannot be read.
+        FormatError: it is not a flow file, or is damaged; the message tells how.
+    """
+    name = os.fspath(path)
+    with open(name, "rb"):
+        pass  # an OSError of the usual kind
+    try:
+        flow: npt.NDArray[np.float32] = _core.read_flow(name)
+    except RuntimeError as error:
+        raise FormatError(str(error)) from None
+    flow[~(np.abs(flow) < _UNKNOWN).all(axis=2)] = np.nan
+    return flow
+
+
+def write_flow(path: str | os.PathLike[str], flow: ArrayLike) -> None:
+    """Writes a flow as a .flo file; motion that is not finite is marked as unknown.
+
+    The file appears when it is complete; if anything fails, an older one stays as it was.
+
+    Raises:
+        TypeError, ValueError: not a flow, or the name does not end in .flo.
+        OSError: the file cannot be written.
+
+    >>> import numpy as np, tarvo, tempfile
+    >>> with tempfile.TemporaryDirectory() as folder:
+    ...     tarvo.write_flow(folder + "/f.flo", np.full((2, 3, 2), 0.5, np.float32))
+    ...     print(tarvo.read_flow(folder + "/f.flo").mean())
+    0.5
+    """
+    name = os.fspath(path)
+    if not name.endswith(".flo"):
+        raise ValueError(f"path must end in .flo, got {name!r}")
+    field = flow_field(flow, "flow")
+    unknown = ~np.isfinite(field).all(axis=2)
+    if unknown.any():
+        field = field.copy()
+        field[unknown] = 10 * _UNKNOWN
+    try:
+        _core.write_flow(name, field)
+    except RuntimeError as error:
+        raise OSError(str(error)) from None
+
+
+def _number(value: object, name: str, nan: bool = False) -> float:
+    if isinstance(value, bool) or not isinstance(value, number_kinds.Real):
+        raise TypeError(f"{name} must be a number, got {value!r}")
+    if not (math.isfinite(value) or nan and math.isnan(value)):
+        raise ValueError(f"{name} must be finite, got {value!r}")
+    return float(value)
