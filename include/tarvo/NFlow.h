@@ -41,6 +41,8 @@ struct Terms {
       0;  ///< of a weighted median of the flow after each pass at full resolution [pixels]; 0: off
   int finalPasses = 5;   ///< passes at full resolution after the pyramid, without matches
   int matchSpacing = 4;  ///< between searched grid points [pixels], a multiple of 4
+  /// A match counts only if so many of the 24 grid points within two spacings of it move alike, within 4 pixels.
+  int matchSupport = 0;
   Solver solver = Solver::ConjugateGradients;
   float leastSide = 15.0f;  ///< about the shorter side of the coarsest level [pixels]
 };

@@ -31,6 +31,7 @@ class Options(TypedDict, total=False):
     median_radius: int
     final_passes: int
     match_spacing: int
+    match_support: int
     solver: Literal["conjugate-gradients", "relaxation"]
     least_side: float
 

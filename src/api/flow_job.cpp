@@ -11,6 +11,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "device/device.h"
 #include "device/memory.h"
@@ -84,6 +85,14 @@ NMatching::Counts match(DeviceFlow& job, const NFlow::Options& options) {
     if (job.known1.get() != nullptr) {
       match::dropUnknown(job.matchWeight.get(), job.matchU.get(), job.matchV.get(), job.known1.get(),
                          job.known2.get(), job.h, job.w, job.p);
+    }
+    if (options.matchSupport > 0) {
+      device::Buffer kept;
+      TARVO_CALL(kept.allocate(device::planeFloats(job.h, job.p)));
+      match::dropLone(kept.get(), job.matchWeight.get(), job.matchU.get(), job.matchV.get(),
+                      options.matchSpacing, options.matchSupport, job.h, job.w, job.p);
+      std::swap(kept, job.matchWeight);
+      TARVO_CALL(kept.release());
     }
   } else {
     for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {

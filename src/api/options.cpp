@@ -38,6 +38,7 @@ const std::vector<std::pair<std::string, Options>>& presets() {
     accurate.coarseSmoothness = 0.43f;
     accurate.medianRadius = 3;
     accurate.finalPasses = 3;
+    accurate.matchSupport = 1;
     fast.beta = 40.0f;
     fast.eta = 0.8f;
     fast.fixedPointIterations = 3;
@@ -117,6 +118,8 @@ const std::vector<Option>& optionTable() {
       {"finalPasses", &Options::finalPasses, 0, 1000, false, 1,
        "Passes at full resolution after the pyramid, without matches"},
       {"matchSpacing", &Options::matchSpacing, 4, 64, false, 4, "Pixels between searched grid points"},
+      {"matchSupport", &Options::matchSupport, 0, 24, false, 1,
+       "Matches that move alike, of the 24 grid points around, that a match needs to count"},
       {"solver", &Options::solver, 0, 1, false, 1, "Solver of the linear systems"},
       {"leastSide", &Options::leastSide, 1, kInfinite, false, 1,
        "About the shorter side of the coarsest pyramid level [pixels]"},

@@ -226,4 +226,34 @@ struct DropUnknown {
   }
 };
 
+/// The weight of a match that enough of its neighbours on the grid share, else 0.
+struct DropLone {
+  float* kept;
+  const float *weight, *u, *v;
+  int spacing, least;
+  int h, w, p;
+  static constexpr int kAround = 2;      // in spacings
+  static constexpr float kAlike = 4.0f;  // [pixels]
+
+  TARVO_HOST_DEVICE void operator()(int x, int y) const {
+    const long i = static_cast<long>(y) * p + x;
+    kept[i] = weight[i] > 0.0f && support(x, y) >= least ? weight[i] : 0.0f;
+  }
+  TARVO_HOST_DEVICE int support(int x, int y) const {
+    const long own = static_cast<long>(y) * p + x;
+    const float ownU = u[own], ownV = v[own];
+    int count = -1;  // itself
+    for (int row = -kAround; row <= kAround; ++row) {
+      for (int column = -kAround; column <= kAround; ++column) {
+        const int toX = x + column * spacing, toY = y + row * spacing;
+        if (toX < 0 || toY < 0 || toX >= w || toY >= h) continue;
+        const long i = static_cast<long>(toY) * p + toX;
+        const float du = u[i] - ownU, dv = v[i] - ownV;
+        if (weight[i] > 0.0f && du * du + dv * dv <= kAlike * kAlike) ++count;
+      }
+    }
+    return count;
+  }
+};
+
 }  // namespace kernels

@@ -101,6 +101,12 @@ void dropUnknown(float* weight, const float* u, const float* v, const float* kno
   TARVO_LAUNCHED("Unknown matches");
 }
 
+void dropLone(float* kept, const float* weight, const float* u, const float* v, int spacing, int least, int h,
+              int w, int p) {
+  launch(kernels::DropLone{kept, weight, u, v, spacing, least, h, w, p});
+  TARVO_LAUNCHED("Lone matches");
+}
+
 NMatching::Counts countsOf(const Grid& grid, const HostRecords& records) {
   NMatching::Counts result{grid.count(), 0, 0, 0};
   for (std::size_t k = 0; k < grid.x.size(); ++k) {

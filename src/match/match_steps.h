@@ -133,6 +133,11 @@ void matchBothWays(const Pair& pair, const Records& records, Backward backward, 
 void dropUnknown(float* weight, const float* u, const float* v, const float* known1, const float* known2,
                  int h, int w, int p);
 
+/// kept = weight, or 0 where fewer than `least` matches of the 24 grid points within two spacings move alike: by
+/// at most 4 pixels another way. kept overlaps no other plane.
+void dropLone(float* kept, const float* weight, const float* u, const float* v, int spacing, int least, int h,
+              int w, int p);
+
 /// What the records hold.
 NMatching::Counts countsOf(const Grid& grid, const HostRecords& records);
 /// From now on the counts of NMatching::lastCounts.

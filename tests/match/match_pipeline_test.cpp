@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <string>
 
+#include "match/match_steps.h"
 #include "match/pictures.h"
+#include "support/device_planes.h"
 #include "support/test.h"
 
 namespace {
@@ -212,3 +214,32 @@ TEST_F(MatchField, ReportsItsGridAndRunningTotals) {
 }
 
 }  // namespace
+
+TEST(LoneMatches, LoseTheirWeightWhateverTheirNeighboursWeigh) {
+  // On a grid of 8 pixels: a pair that moves alike two rows apart, one beside them that moves elsewhere, one at
+  // the border with nothing around, one whose like is three columns away.
+  Planes field(60, 70, 3);  // weight, u, v
+  const auto put = [&field](int x, int y, float u, float v) {
+    field.at(x, y, 0) = 5.0f, field.at(x, y, 1) = u, field.at(x, y, 2) = v;
+  };
+  put(16, 8, 20, 3), put(16, 24, 18, 6);
+  put(24, 16, 20, 7.5f);
+  put(0, 56, 0, 0);
+  put(40, 48, 1, 1), put(64, 48, 1, 1);
+  const auto kept = [&](int least) {
+    const DevicePlanes in(field), out(60, 70);
+    match::dropLone(out.get(), in.plane(0), in.plane(1), in.plane(2), 8, least, 60, 70, in.p());
+    EXPECT_TRUE(out.intact());
+    const Planes weight = out.values();
+    std::vector<std::pair<int, int>> places;
+    forPixels(60, 70, [&](int x, int y) {
+      if (weight.at(x, y) != 0.0f) places.emplace_back(x, y);
+    });
+    return places;
+  };
+  using Places = std::vector<std::pair<int, int>>;
+  EXPECT_EQ(kept(1),
+            (Places{{16, 8}, {24, 16}, {16, 24}}));  // (24, 16) is within 4 pixels of the second only
+  EXPECT_EQ(kept(2), (Places{{16, 24}}));
+  EXPECT_EQ(kept(0).size(), 6u);
+}
