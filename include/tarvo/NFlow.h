@@ -43,6 +43,8 @@ struct Terms {
   int matchSpacing = 4;  ///< between searched grid points [pixels], a multiple of 4
   /// A match counts only if so many of the 24 grid points within two spacings of it move alike, within 4 pixels.
   int matchSupport = 0;
+  /// Sizes at which the pictures are matched: full, half, quarter ... of which each doubles the reach of 80 pixels.
+  int matchSizes = 1;
   Solver solver = Solver::ConjugateGradients;
   float leastSide = 15.0f;  ///< about the shorter side of the coarsest level [pixels]
 };

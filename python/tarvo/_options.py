@@ -32,6 +32,7 @@ class Options(TypedDict, total=False):
     final_passes: int
     match_spacing: int
     match_support: int
+    match_sizes: int
     solver: Literal["conjugate-gradients", "relaxation"]
     least_side: float
 

@@ -18,6 +18,7 @@
 #include "device/report.h"
 #include "device/stopwatch.h"
 #include "device/watch.h"
+#include "match/match_sizes.h"
 #include "match/match_steps.h"
 #include "variational/flow/arguments.h"
 #include "variational/flow/variational_flow.h"
@@ -75,6 +76,33 @@ void upload(DeviceFlow& job, const Pictures& pictures) {
   memcpy1.stop();
 }
 
+/// Adds what only the shrunk pictures show.
+void extendMatches(DeviceFlow& job, int sizes) {
+  for (int octave = 1; octave < sizes && match::hasShrunkPoints(octave, job.h, job.w); ++octave) {
+    device::Buffer u, v, weight;
+    for (device::Buffer* plane : {&u, &v, &weight}) {
+      TARVO_CALL(plane->allocate(device::planeFloats(job.h, job.p)));
+    }
+    match::mergeShrunk(job.image1.get(), job.image2.get(),
+                       {job.matchU.get(), job.matchV.get(), job.matchWeight.get()},
+                       {u.get(), v.get(), weight.get()}, octave, job.h, job.w, job.p);
+    std::swap(u, job.matchU);
+    std::swap(v, job.matchV);
+    std::swap(weight, job.matchWeight);
+    for (device::Buffer* plane : {&u, &v, &weight}) TARVO_CALL(plane->release());
+  }
+}
+
+/// Takes the weight from matches that fewer than `least` neighbours share.
+void dropLone(DeviceFlow& job, int spacing, int least) {
+  device::Buffer kept;
+  TARVO_CALL(kept.allocate(device::planeFloats(job.h, job.p)));
+  match::dropLone(kept.get(), job.matchWeight.get(), job.matchU.get(), job.matchV.get(), spacing, least,
+                  job.h, job.w, job.p);
+  std::swap(kept, job.matchWeight);
+  TARVO_CALL(kept.release());
+}
+
 NMatching::Counts match(DeviceFlow& job, const NFlow::Options& options) {
   auto HOG = TARVO_STOPWATCH(HOG);
   NMatching::Counts counts{};
@@ -82,18 +110,12 @@ NMatching::Counts match(DeviceFlow& job, const NFlow::Options& options) {
     counts = match::createAndMatch(job.image1.get(), job.image2.get(), job.matchU.get(), job.matchV.get(),
                                    job.matchWeight.get(), job.h, job.w, job.p, kPictureChannels,
                                    options.matchSpacing);
+    extendMatches(job, options.matchSizes);
     if (job.known1.get() != nullptr) {
       match::dropUnknown(job.matchWeight.get(), job.matchU.get(), job.matchV.get(), job.known1.get(),
                          job.known2.get(), job.h, job.w, job.p);
     }
-    if (options.matchSupport > 0) {
-      device::Buffer kept;
-      TARVO_CALL(kept.allocate(device::planeFloats(job.h, job.p)));
-      match::dropLone(kept.get(), job.matchWeight.get(), job.matchU.get(), job.matchV.get(),
-                      options.matchSpacing, options.matchSupport, job.h, job.w, job.p);
-      std::swap(kept, job.matchWeight);
-      TARVO_CALL(kept.release());
-    }
+    if (options.matchSupport > 0) dropLone(job, options.matchSpacing, options.matchSupport);
   } else {
     for (device::Buffer* plane : {&job.matchU, &job.matchV, &job.matchWeight}) {
       TARVO_CALL(device::clear(plane->get(), device::planeFloats(job.h, job.p) * sizeof(float)));
@@ -203,8 +225,10 @@ bool matchingEnabled() {
 std::size_t deviceFloats(int w, int h, const NFlow::Options& options) {
   // The flows of the last two steps at full resolution are whole buffers beside the pool.
   const int wholes = options.medianRadius > 0 ? 4 : 2;
-  constexpr std::size_t kGaps = 512 * 1024;  // between the pool's pieces, in all
-  return pooledFloats(w, h, options, false) + device::planeFloats(h, device::chosenPitch(w), wholes) + kGaps;
+  constexpr int kBeside = 3;                 // the warp's copy of a picture
+  constexpr std::size_t kGaps = 256 * 1024;  // between the pool's pieces, in all
+  return pooledFloats(w, h, options, false) +
+         device::planeFloats(h, device::chosenPitch(w), wholes + kBeside) + kGaps;
 }
 
 NMatching::Counts computeFlow(const Pictures& pictures, const NFlow::Options& options, CTensor<float>& flow,

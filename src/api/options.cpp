@@ -39,6 +39,7 @@ const std::vector<std::pair<std::string, Options>>& presets() {
     accurate.medianRadius = 3;
     accurate.finalPasses = 3;
     accurate.matchSupport = 1;
+    accurate.matchSizes = 2;
     fast.beta = 40.0f;
     fast.eta = 0.8f;
     fast.fixedPointIterations = 3;
@@ -120,6 +121,9 @@ const std::vector<Option>& optionTable() {
       {"matchSpacing", &Options::matchSpacing, 4, 64, false, 4, "Pixels between searched grid points"},
       {"matchSupport", &Options::matchSupport, 0, 24, false, 1,
        "Matches that move alike, of the 24 grid points around, that a match needs to count"},
+      {"matchSizes", &Options::matchSizes, 1, 4, false, 1,
+       "Sizes of the pictures that are matched: full, half, quarter ...; each doubles the reach of 80 "
+       "pixels"},
       {"solver", &Options::solver, 0, 1, false, 1, "Solver of the linear systems"},
       {"leastSide", &Options::leastSide, 1, kInfinite, false, 1,
        "About the shorter side of the coarsest pyramid level [pixels]"},

@@ -3,9 +3,11 @@
 #include <tarvo/hog.h>
 #include <tarvo/matching.h>
 
+#include <cmath>
 #include <cstdio>
 #include <string>
 
+#include "match/match_sizes.h"
 #include "match/match_steps.h"
 #include "match/pictures.h"
 #include "support/device_planes.h"
@@ -242,4 +244,32 @@ TEST(LoneMatches, LoseTheirWeightWhateverTheirNeighboursWeigh) {
             (Places{{16, 8}, {24, 16}, {16, 24}}));  // (24, 16) is within 4 pixels of the second only
   EXPECT_EQ(kept(2), (Places{{16, 24}}));
   EXPECT_EQ(kept(0).size(), 6u);
+}
+
+TEST(ShrunkMatches, ReachTwiceAsFarAndContradictFalseOnes) {
+  const Silence silence;
+  const int h = 140, w = 330, dx = -104;
+  const Planes first = picture(h, w, textured), second = picture(h, w, textured, dx, 0);
+  const DevicePlanes image1(first), image2(second), merged(h, w, 3);
+  Planes field(h, w, 3);  // u, v, weight
+  const auto put = [&field](int x, int y, float u) { field.at(x, y, 0) = u, field.at(x, y, 2) = 7.0f; };
+  put(200, 60, dx + 3.0f), put(240, 80, 11);  // a match of full size that agrees, and a false one
+  put(20, 20, 9);  // leaves the picture when it moves so far: nothing contradicts it
+  const DevicePlanes full(field);
+  match::mergeShrunk(image1.get(), image2.get(), {full.plane(0), full.plane(1), full.plane(2)},
+                     {merged.plane(0), merged.plane(1), merged.plane(2)}, 1, h, w, image1.p());
+  EXPECT_TRUE(merged.intact());
+  const Planes found = merged.values();
+  int added = 0, wrong = 0;
+  forPixels(h, w, [&](int x, int y) {
+    if (!(found.at(x, y, 2) > 0.0f) || field.at(x, y, 2) > 0.0f) return;
+    ++added;
+    if (std::hypot(found.at(x, y, 0) - dx, found.at(x, y, 1)) > 2.0f) ++wrong;
+  });
+  EXPECT_GT(added, 200);
+  EXPECT_LT(wrong, added / 50);
+  EXPECT_EQ(found.at(200, 60, 0), dx + 3.0f);
+  EXPECT_EQ(found.at(200, 60, 2), 7.0f);
+  EXPECT_EQ(found.at(240, 80, 2), 0.0f);
+  EXPECT_EQ(found.at(20, 20, 2), 7.0f);
 }
