@@ -14,16 +14,10 @@ import argparse
 import os
 from pathlib import Path
 
-import matplotlib.image
-import numpy as np
 from distributed import Client, LocalCluster, as_completed
+from pictures import read
 
 import tarvo
-
-
-def read(path: Path) -> np.ndarray:
-    pixels = matplotlib.image.imread(path)
-    return pixels if pixels.dtype == np.uint8 else np.rint(pixels * 255).astype(np.uint8)
 
 
 def compute(first: Path, second: Path, out: Path, preset: str, threads: int) -> str:
