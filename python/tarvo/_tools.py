@@ -143,6 +143,13 @@ def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
     Raises:
         OSError: the file cannot be read.
         FormatError: it is not a flow file, or is damaged; the message tells how.
+
+    >>> import pathlib, tarvo, tempfile
+    >>> with tempfile.TemporaryDirectory() as folder:
+    ...     path = pathlib.Path(folder) / "one.flo"      # a picture of one pixel: tag, width, height, u, v
+    ...     _ = path.write_bytes(b"PIEH" + bytes([1, 0, 0, 0, 1, 0, 0, 0]) + bytes([0, 0, 128, 63]) * 2)
+    ...     print(tarvo.read_flow(path).tolist())
+    [[[1.0, 1.0]]]
     """
     name = os.fspath(path)
     with open(name, "rb"):

@@ -222,7 +222,8 @@ struct DropUnknown {
     for (int j = y - kDescribed; j <= y + kDescribed; ++j) {
       for (int i = x - kDescribed; i <= x + kDescribed; ++i) sum += known.point(i, j);
     }
-    return sum >= static_cast<float>(kPixels - kPixels / 8);
+    constexpr int kLeast = kPixels - kPixels / 8;
+    return sum >= static_cast<float>(kLeast);
   }
 };
 

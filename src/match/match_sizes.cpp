@@ -9,8 +9,6 @@
 
 namespace {
 
-using match::kUnit;
-
 constexpr int kLeastSupport = 2;  // of a match of the shrunk pictures
 
 }  // namespace
