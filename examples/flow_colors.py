@@ -33,4 +33,4 @@ def show(frame1, frame2):
 
 if __name__ == "__main__":
     pair, out = pictures.arguments(__doc__, "flow_colors.png")
-    show(*pair).savefig(out, dpi=150)
+    show(*pair).savefig(out, dpi=150, bbox_inches="tight")

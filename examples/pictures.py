@@ -7,8 +7,9 @@ import numpy as np
 
 
 def read(path):
-    """A picture file as uint8; Matplotlib reads PNG files as floats in 0 ... 1."""
+    """A picture file as uint8, grey or RGB; Matplotlib reads PNG files as floats in 0 ... 1."""
     picture = plt.imread(path)
+    picture = picture[..., :3] if picture.ndim == 3 else picture
     return picture if picture.dtype == np.uint8 else np.uint8(np.rint(255 * picture))
 
 

@@ -19,12 +19,12 @@ def show(frame1, frame2):
     left, right = figure.subplots(1, 2)
     left.imshow(np.nan_to_num(back, nan=255).astype(np.uint8), cmap="gray")
     left.set_title("Frame 2 warped back (white: outside frame 2)")
-    shown = right.imshow(error, cmap="gray", vmin=0, vmax=max(np.percentile(error[visible], 99), 1))
+    shown = right.imshow(error, cmap="gray", vmin=0, vmax=max(np.percentile(error[visible], 99), 10))
     blue = np.zeros((height, width, 4))
-    blue[~visible] = 0.1, 0.5, 1.0, 0.8
+    blue[~visible] = 0.1, 0.5, 1.0, 1.0
     right.imshow(blue)
     right.set_title(f"Absolute error, mean of visible pixels {error[visible].mean():.1f} (blue: hidden)")
-    figure.colorbar(shown, ax=right, label="grey values, 0 ... 255", extend="max")
+    figure.colorbar(shown, ax=right, label="grey levels of 255", extend="max", shrink=0.8)
     for axes in (left, right):
         axes.set_axis_off()
     return figure
@@ -32,4 +32,4 @@ def show(frame1, frame2):
 
 if __name__ == "__main__":
     pair, out = pictures.arguments(__doc__, "warp_error.png")
-    show(*pair).savefig(out, dpi=150)
+    show(*pair).savefig(out, dpi=150, bbox_inches="tight")

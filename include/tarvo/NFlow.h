@@ -194,13 +194,14 @@ struct Memory {
 TARVO_API Memory memoryRequired(int width, int height, const Options& options = {});
 
 /// `image` at (x + u, y + v), bilinear, for every pixel (x, y) of the flow: w x h x k. `outside` where that
-/// place is not within 0 ... w - 1 and 0 ... h - 1, or the flow is not finite. Throws std::invalid_argument
-/// unless the flow is w x h x 2 and the image has its width and height.
+/// place leaves the picture, or the flow is not finite. Pixels reach half a pixel around their centres, so up
+/// to there the border counts. Throws std::invalid_argument unless the flow is w x h x 2 and the image has its
+/// width and height, of at most 2^24.
 TARVO_API CTensor<float> warp(const CTensor<float>& image, const CTensor<float>& flow,
                               float outside = std::numeric_limits<float>::quiet_NaN());
 
 /// What of image 1 is hidden in image 2, row by row: 255 where pixel x with forward flow f = f(x) is occluded,
-/// else 0. It is occluded if x + f leaves the picture, or unless
+/// else 0. It is occluded if x + f leaves the picture by more than half a pixel, or unless
 ///   |f + b(x + f)|^2 <= 0.01 (|f|^2 + |b(x + f)|^2) + 0.5 [pixels^2],
 /// the backward flow b being interpolated bilinearly. What is not a number is occluded. Throws
 /// std::invalid_argument unless both flows are w x h x 2 of one size.

@@ -6,7 +6,7 @@ import numbers
 from typing import TYPE_CHECKING
 
 from tarvo import _core
-from tarvo._options import Options, Preset, make_options
+from tarvo._options import Options, Preset, make_options, set_switches
 
 if TYPE_CHECKING:
     from typing_extensions import Unpack
@@ -57,14 +57,26 @@ def set_threads(threads: int) -> None:
     _core.set_threads(_whole(threads, "threads", 1, 1024))
 
 
-def memory_required(height: int, width: int, *, preset: Preset = "standard", **options: Unpack[Options]) -> int:
-    """Bytes that a computation of this size takes at most, pictures and flow included, before it is made.
+def memory_required(
+    height: int,
+    width: int,
+    *,
+    preset: Preset = "standard",
+    backward: bool = False,
+    occlusion: bool = False,
+    matches: bool = True,
+    **options: Unpack[Options],
+) -> int:
+    """Bytes that tarvo.compute takes at most with these arguments, its results included, before it is called.
+
+    Masks take about 40 bytes a pixel more.
 
     >>> import tarvo
     >>> print(tarvo.memory_required(1080, 1920) // 10**6 > 100)
     True
     """
     chosen = make_options("memory_required", preset, options)
+    set_switches(chosen, backward=backward, occlusion=occlusion, matches=matches)
     size = _whole(height, "height", 1, 2**31 - 1), _whole(width, "width", 1, 2**31 - 1)
     return _core.memory_required(size[1], size[0], chosen)
 

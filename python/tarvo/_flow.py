@@ -3,14 +3,15 @@
 from __future__ import annotations
 
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Any, Callable, Literal, overload
+from types import MappingProxyType
+from typing import TYPE_CHECKING, Any, Callable, Literal, Mapping, overload
 
 import numpy as np
 import numpy.typing as npt
 
 from tarvo import _core
 from tarvo._arrays import ArrayLike, Mask, Range, picture
-from tarvo._options import Options, Preset, Value, make_options, values_of
+from tarvo._options import Options, Preset, Value, make_options, set_switches, values_of
 
 if TYPE_CHECKING:
     from typing_extensions import Unpack
@@ -75,7 +76,7 @@ def compute(
             the flow there comes from its surroundings. "nan": the pixels of both pictures that are not finite.
         mask2: the same of image 2.
         progress: called as progress(done, total) after each pass. What it raises ends the computation.
-        **options: any option in place of the preset's; see tarvo.presets() and docs/method.md.
+        **options: any option in place of the preset's; see help(tarvo.Options) and tarvo.presets().
 
     Returns:
         A Result. Its arrays are new, in C order.
@@ -94,23 +95,9 @@ def compute(
     >>> result.backward.shape, result.occlusion.shape, result.parameters["alpha"]
     ((60, 80, 2), (60, 80), 10.0)
     """
-    if progress is not None and not callable(progress):
-        raise TypeError(f"progress must be callable, got {progress!r}")
-    chosen = make_options("compute", preset, options)
-    for name, value in (("backward", backward), ("occlusion", occlusion), ("matches", matches)):
-        if not isinstance(value, (bool, np.bool_)):
-            raise TypeError(f"{name} must be True or False, got {value!r}")
-        setattr(chosen, name, bool(value))
-    if isinstance(mask, str) and mask2 is None:
-        mask2 = mask
-    first = picture(image1, "image1", range, mask, "mask")
-    second = picture(image2, "image2", range, mask2, "mask2")
-    if (first.height, first.width) != (second.height, second.width):
-        raise ValueError(
-            "image1 and image2 must have the same height and width, "
-            f"got {first.height} x {first.width} and {second.height} x {second.width}"
-        )
-    return Result(**_core.compute(first, second, chosen, progress), parameters=values_of(chosen))
+    return _compute(
+        "compute", image1, image2, preset, backward, occlusion, matches, range, mask, mask2, progress, options
+    )
 
 
 @overload
@@ -141,7 +128,19 @@ def flow(
     progress: Progress | None = ...,
     **options: Unpack[Options],
 ) -> tuple[Flow, Flow]: ...
-def flow(image1: ArrayLike, image2: ArrayLike, *, backward: bool = False, **arguments: Any) -> Any:
+def flow(
+    image1: ArrayLike,
+    image2: ArrayLike,
+    *,
+    backward: bool = False,
+    preset: Preset = "standard",
+    matches: bool = True,
+    range: Range | None = None,
+    mask: Mask | None = None,
+    mask2: Mask | None = None,
+    progress: Progress | None = None,
+    **options: Unpack[Options],
+) -> Flow | tuple[Flow, Flow]:
     """The flow from image 1 to image 2: float32 H x W x 2, (u, v) in pixels; with backward=True a pair of flows.
 
     Arguments and errors are those of tarvo.compute, whose Result tells more.
@@ -152,10 +151,10 @@ def flow(image1: ArrayLike, image2: ArrayLike, *, backward: bool = False, **argu
     >>> forward.shape, bool(abs(forward).max() < 0.01)
     ((60, 80, 2), True)
     """
-    if "occlusion" in arguments:
-        raise TypeError("flow() has no argument occlusion; tarvo.compute(..., occlusion=True).occlusion tells it")
-    result = compute(image1, image2, backward=backward, **arguments)
-    return (result.forward, result.backward) if backward else result.forward
+    result = _compute(
+        "flow", image1, image2, preset, backward, False, matches, range, mask, mask2, progress, options
+    )
+    return result.forward if result.backward is None else (result.forward, result.backward)
 
 
 def matches(
@@ -180,14 +179,40 @@ def matches(
     >>> print(np.median(found[:, 2]), np.median(found[:, 3]))
     5.0 0.0
     """
-    no_passes: dict[str, Any] = {"fixed_point_iterations": 0, "final_passes": 0, "least_side": 2**30}
-    return compute(
-        image1,
-        image2,
-        preset=preset,
-        range=range,
-        mask=mask,
-        mask2=mask2,
-        progress=progress,
-        **{**options, **no_passes},
+    no_passes = {"fixed_point_iterations": 0, "final_passes": 0, "least_side": 2**30}
+    return _compute(
+        "matches", image1, image2, preset, False, False, True, range, mask, mask2, progress, options, no_passes
     ).matches
+
+
+def _compute(
+    function: str,
+    image1: object,
+    image2: object,
+    preset: object,
+    backward: object,
+    occlusion: object,
+    matches: object,
+    range: Range | None,
+    mask: object,
+    mask2: object,
+    progress: object,
+    options: Mapping[str, object],
+    settled: Mapping[str, object] = MappingProxyType({}),
+) -> Result:
+    """Checks everything in the name of the function that was called, then computes. `settled` are options that
+    the function settles itself, whatever was given."""
+    if progress is not None and not callable(progress):
+        raise TypeError(f"progress must be callable, got {progress!r}")
+    chosen = make_options(function, preset, options, settled)
+    set_switches(chosen, backward=backward, occlusion=occlusion, matches=matches)
+    if isinstance(mask, str) and mask2 is None:
+        mask2 = mask
+    first = picture(image1, "image1", range, mask, "mask")
+    second = picture(image2, "image2", range, mask2, "mask2")
+    if (first.height, first.width) != (second.height, second.width):
+        raise ValueError(
+            "image1 and image2 must have the same height and width, "
+            f"got {first.height} x {first.width} and {second.height} x {second.width}"
+        )
+    return Result(**_core.compute(first, second, chosen, progress), parameters=values_of(chosen))

@@ -5,7 +5,10 @@ from __future__ import annotations
 import difflib
 import numbers
 import re
+from types import MappingProxyType
 from typing import Literal, Mapping, TypedDict, Union
+
+import numpy as np
 
 from tarvo import _core
 
@@ -14,7 +17,7 @@ Value = Union[float, int, str]
 
 
 class Options(TypedDict, total=False):
-    """The options of flow, compute and matches; docs/method.md tells what each does."""
+    """The options of flow, compute and matches, which may be given by name:"""
 
     sigma: float
     alpha: float
@@ -42,6 +45,9 @@ def _snake(name: str) -> str:
 
 
 _NAMES = {_snake(name): name for name in _core.option_names()}
+Options.__doc__ = f"{Options.__doc__}\n\n" + "\n".join(
+    f"{name}: {_core.option_allowed(own)}.\n    {_core.option_text(own)}." for name, own in _NAMES.items()
+)
 
 
 def presets() -> dict[str, dict[str, Value]]:
@@ -60,18 +66,31 @@ def values_of(options: _core.Options) -> dict[str, Value]:
     return {name: options.get(own) for name, own in _NAMES.items()}
 
 
-def make_options(function: str, preset: object, given: Mapping[str, object]) -> _core.Options:
-    """The preset's options with those given in place of its own."""
+def make_options(
+    function: str,
+    preset: object,
+    given: Mapping[str, object],
+    settled: Mapping[str, object] = MappingProxyType({}),
+) -> _core.Options:
+    """The preset's options with those given in place of its own, then those settled in place of either."""
     names = _core.preset_names()
-    if preset not in names:
+    if not isinstance(preset, str) or preset not in names:
         raise ValueError(f"preset must be one of {', '.join(names)}, got {preset!r}")
-    options = _core.Options.preset(str(preset))
-    for name, value in given.items():
+    options = _core.Options.preset(preset)
+    for name, value in (*given.items(), *settled.items()):
         _set(options, function, name, value)
     zetas = options.get("zetaData"), options.get("zetaGradient")
     if (zetas[0] == 0) != (zetas[1] == 0):
         raise ValueError(f"zeta_data and zeta_gradient must both be 0 or both be above 0, got {zetas[0]} and {zetas[1]}")
     return options
+
+
+def set_switches(options: _core.Options, **switches: object) -> None:
+    """Sets what is on or off: backward, occlusion, matches."""
+    for name, value in switches.items():
+        if not isinstance(value, (bool, np.bool_)):
+            raise TypeError(f"{name} must be True or False, got {value!r}")
+        setattr(options, name, bool(value))
 
 
 def _set(options: _core.Options, function: str, name: str, value: object) -> None:

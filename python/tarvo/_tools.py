@@ -47,7 +47,7 @@ def occlusion(forward: ArrayLike, backward: ArrayLike) -> npt.NDArray[np.bool_]:
     """Which pixels of image 1 are hidden in image 2: bool H x W.
 
     With flow f of a pixel at x and backward flow b, interpolated bilinearly, a pixel is hidden if x + f leaves
-    the picture, or unless |f + b(x + f)|^2 <= 0.01 (|f|^2 + |b(x + f)|^2) + 0.5 pixels^2.
+    the picture by more than half a pixel, or unless |f + b(x + f)|^2 <= 0.01 (|f|^2 + |b(x + f)|^2) + 0.5 pixels^2.
 
     Args:
         forward, backward: flows between two pictures, H x W x 2 [pixels].
@@ -71,7 +71,7 @@ def warp(image: ArrayLike, flow: ArrayLike, *, fill: float = math.nan) -> npt.ND
     Args:
         image: H x W or H x W x C of numbers.
         flow: H x W x 2 [pixels].
-        fill: the value where (x + u, y + v) is outside or the flow is unknown.
+        fill: the value where (x + u, y + v) is more than half a pixel outside, or the flow is unknown.
 
     Returns:
         float32 of the image's shape, in its values.
@@ -151,7 +151,7 @@ def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
     ...     print(tarvo.read_flow(path).tolist())
     [[[1.0, 1.0]]]
     """
-    name = os.fspath(path)
+    name = os.fsdecode(path)
     with open(name, "rb"):
         pass  # an OSError of the usual kind
     try:
@@ -163,7 +163,7 @@ def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
 
 
 def write_flow(path: str | os.PathLike[str], flow: ArrayLike) -> None:
-    """Writes a flow as a .flo file; motion that is not finite is marked as unknown.
+    """Writes a flow as a .flo file; motion that is not finite, or of 1e9 pixels and more, is marked as unknown.
 
     The file appears when it is complete; if anything fails, an older one stays as it was.
 
@@ -177,7 +177,7 @@ def write_flow(path: str | os.PathLike[str], flow: ArrayLike) -> None:
     ...     print(tarvo.read_flow(folder + "/f.flo").mean())
     0.5
     """
-    name = os.fspath(path)
+    name = os.fsdecode(path)
     if not name.endswith(".flo"):
         raise ValueError(f"path must end in .flo, got {name!r}")
     field = flow_field(flow, "flow")

@@ -25,10 +25,10 @@ struct Flow {
       : u(flow.data()), v(&flow(0, 0, 1)), h(flow.sizeY()), w(flow.sizeX()) {}
   TARVO_HOST_DEVICE float toX(int x, int y) const { return static_cast<float>(x) + u[y * w + x]; }
   TARVO_HOST_DEVICE float toY(int x, int y) const { return static_cast<float>(y) + v[y * w + x]; }
-  /// False for what is not a number.
+  /// Whether a place lies on a pixel of the picture. False for what is not a number.
   TARVO_HOST_DEVICE bool inside(float px, float py) const {
-    return (px >= 0.0f) & (px <= static_cast<float>(w - 1)) & (py >= 0.0f) &
-           (py <= static_cast<float>(h - 1));
+    return (px >= -0.5f) & (px <= static_cast<float>(w) - 0.5f) & (py >= -0.5f) &
+           (py <= static_cast<float>(h) - 0.5f);
   }
 };
 

@@ -298,6 +298,8 @@ TEST(Warp, UndoesTheMotionAndMarksWhatItCannotSee) {
     const bool seen = x < 47 && y >= 2 && !(x == 7 && y == 8);
     EXPECT_NEAR(back(x, y, k), seen ? first(x, y, k) : -1.0f, 1e-3) << x << " " << y;
   });
+  flow = CTensor<float>(50, 40, 2, 0.25f);  // to within the last pixels
+  EXPECT_TRUE(std::isfinite(NFlow::warp(second, flow)(49, 39, 0)));
   flow = CTensor<float>(50, 40, 2, 0.0f);
   EXPECT_TRUE(exact(planesOf(NFlow::warp(second, flow)), planesOf(second)));
   EXPECT_THROW(NFlow::warp(first, CTensor<float>(50, 41, 2, 0.0f)), std::invalid_argument);
@@ -309,7 +311,7 @@ TEST(Consistency, MarksWhatLeavesThePictureOrDoesNotReturn) {
   for (int y = 10; y < 20; ++y) {
     for (int x = 10; x < 20; ++x) forward(x, y, 0) = 6.0f, backward(x + 6, y, 0) = -6.0f;
   }
-  for (int x = 0; x < 40; ++x) forward(x, 0, 1) = -0.25f;
+  for (int x = 0; x < 40; ++x) forward(x, 0, 1) = -0.75f, forward(x, 29, 1) = 0.25f;
   forward(3, 25, 0) = 0.5f;  // within the slack
   forward(5, 25, 0) = kNan;
   const std::vector<std::uint8_t> mask = NFlow::consistency(forward, backward);

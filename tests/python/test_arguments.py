@@ -50,7 +50,9 @@ BAD = [
     (ValueError, ["mask2", "(20, 29)", "(20, 30)"], lambda: flow(mask2=np.zeros((20, 29), bool))),
     (ValueError, ["mask", "'inf'"], lambda: flow(mask="inf")),
     (ValueError, ["preset", "slow", "accurate"], lambda: flow(preset="slow")),
-    (TypeError, ["aplha", "alpha"], lambda: flow(aplha=3)),
+    (ValueError, ["preset", "array"], lambda: flow(preset=np.array(["fast", "slow"]))),
+    (TypeError, ["flow()", "aplha", "alpha"], lambda: flow(aplha=3)),
+    (ValueError, ["final_passes", "-1"], lambda: tarvo.matches(GOOD, GOOD, final_passes=-1)),
     (TypeError, ["occlusion"], lambda: flow(occlusion=True)),
     (TypeError, ["alpha", "'3'"], lambda: flow(alpha="3")),
     (ValueError, ["alpha", "-1"], lambda: flow(alpha=-1)),
@@ -76,6 +78,7 @@ BAD = [
     (ValueError, ["threads", "0"], lambda: tarvo.set_threads(0)),
     (TypeError, ["threads", "2.0"], lambda: tarvo.set_threads(2.0)),
     (ValueError, ["height", "0"], lambda: tarvo.memory_required(0, 5)),
+    (TypeError, ["occlusion", "1"], lambda: tarvo.memory_required(5, 5, occlusion=1)),
 ]
 
 

@@ -30,7 +30,7 @@ def test_files_keep_bits_and_unknown_motion(tmp_path):
     flow = np.random.default_rng(0).normal(size=(7, 9, 2)).astype(np.float32)
     flow[3, 4] = np.nan
     tarvo.write_flow(tmp_path / "f.flo", flow[:, ::-1])
-    assert np.array_equal(tarvo.read_flow(tmp_path / "f.flo"), flow[:, ::-1], equal_nan=True)
+    assert np.array_equal(tarvo.read_flow(bytes(tmp_path / "f.flo")), flow[:, ::-1], equal_nan=True)
 
 
 def test_colors_show_direction_length_and_unknown_motion():
