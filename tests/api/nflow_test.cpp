@@ -273,7 +273,8 @@ TEST(MemoryRequired, BoundsWhatAComputationTakes) {
   for (const int w : {321, 640}) {
     const int h = 3 * w / 4;
     for (const std::string& preset : NFlow::presetNames()) {
-      const Options options = NFlow::preset(preset);
+      Options options = NFlow::preset(preset);
+      options.fixedPointIterations = 1;
       NDevice::trim();
       const auto held = [] { return NDevice::memoryUse().kept + NDevice::memoryUse().inUse; };
       const std::size_t before = held();
@@ -282,7 +283,9 @@ TEST(MemoryRequired, BoundsWhatAComputationTakes) {
       NFlow::compute(tensorOf(render(h, w, 0, 0)), tensorOf(render(h, w, 1, 0)), options, watch);
       const std::size_t required = NFlow::memoryRequired(w, h, options).device;
       EXPECT_LE(taken, required) << preset << " " << w;
+#ifndef TARVO_POOL_PASSES_THROUGH  // that pool keeps nothing that was in use between two passes
       EXPECT_GE(double(taken), 0.9 * double(required)) << preset << " " << w;
+#endif
     }
   }
   EXPECT_THROW(NFlow::memoryRequired(20000, 20000), std::invalid_argument);
