@@ -16,6 +16,8 @@ class Input {
  public:
   /// @param like  a picture whose size the new one must have, or null
   Input(const std::string& path, const CTensor<float>* like);
+  /// Pictures one behind the other in a stream, which stays open; this reads the next.
+  explicit Input(std::FILE* stream);
 
   /// Reads up to `count` bytes; fewer only at the end and after a failure.
   std::size_t read(unsigned char* bytes, std::size_t count);
@@ -46,7 +48,8 @@ class Input {
 /// The readers behind readPicture, one per kind. They throw std::runtime_error with the reason alone.
 CTensor<float> decodePng(Input& input);
 CTensor<float> decodeJpeg(Input& input);
-CTensor<float> decodePnm(Input& input);
+/// Reads no further than the picture goes where others may follow it.
+CTensor<float> decodePnm(Input& input, bool othersFollow = false);
 
 /// The reason for a file of no known kind.
 constexpr const char* kNotAPicture = "is not a PNG, JPEG, PGM or PPM picture";

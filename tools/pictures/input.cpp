@@ -40,6 +40,9 @@ Input::Input(const std::string& path, const CTensor<float>* like)
   }
 }
 
+Input::Input(std::FILE* stream)
+    : file_(stream, [](std::FILE*) { return 0; }), like_(nullptr), left_(kMostOfHeaders) {}
+
 bool Input::mayRead(std::size_t count) {
   if (left_ >= count) {
     return true;

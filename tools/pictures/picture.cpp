@@ -23,9 +23,10 @@ CTensor<float> decode(Input& input) {
   }
 }
 
-CTensor<float> decodeOrSayWhy(Input& input) {
+template <class Decoder>
+CTensor<float> decodeOrSayWhy(Input& input, const Decoder& decoder) {
   try {
-    return decode(input);
+    return decoder(input);
   } catch (const std::runtime_error&) {
     if (input.failure().empty()) {
       throw;
@@ -42,7 +43,7 @@ CTensor<float> readPicture(const std::string& path, std::vector<std::string>* me
                            const CTensor<float>* like) {
   try {
     pictures::Input input(path, like);
-    CTensor<float> picture = pictures::decodeOrSayWhy(input);
+    CTensor<float> picture = pictures::decodeOrSayWhy(input, pictures::decode);
     for (const std::string& note : input.notes) {
       if (messages) {
         messages->push_back(path + ": " + note);
@@ -51,5 +52,20 @@ CTensor<float> readPicture(const std::string& path, std::vector<std::string>* me
     return picture;
   } catch (const std::runtime_error& error) {
     throw std::runtime_error(path + ": " + error.what());
+  }
+}
+
+bool readNextPnm(std::FILE* stream, const std::string& name, CTensor<float>& picture) {
+  try {
+    pictures::Input input(stream);
+    const int first = input.peek();
+    if (first == EOF && input.failure().empty()) return false;
+    picture = pictures::decodeOrSayWhy(input, [first](pictures::Input& frames) {
+      if (first != 'P') throw std::runtime_error("is no stream of PGM or PPM pictures");
+      return pictures::decodePnm(frames, true);
+    });
+    return true;
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(name + ": " + error.what());
   }
 }

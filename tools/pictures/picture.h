@@ -22,6 +22,12 @@
 CTensor<float> readPicture(const std::string& path, std::vector<std::string>* messages,
                            const CTensor<float>* like = nullptr);
 
+/// Reads the next of the PGM and PPM pictures in a stream, which stays open.
+/// @param name  of the stream, for errors
+/// @return      false where the stream has ended
+/// @throws std::runtime_error  as readPicture does; what follows in the stream cannot be read then
+bool readNextPnm(std::FILE* stream, const std::string& name, CTensor<float>& picture);
+
 /// Writes a PNG with 8 bits per value.
 /// @param file  open for writing; stays open
 /// @param rgb   width x height x 3; values are rounded and limited to 0 ... 255, not-a-number gives 0

@@ -90,7 +90,7 @@ float readSample(Input& input, const Header& header) {
 
 }  // namespace
 
-CTensor<float> decodePnm(Input& input) {
+CTensor<float> decodePnm(Input& input, bool othersFollow) {
   const Header header = readHeader(input);
   CTensor<float> picture = input.newPicture(header.width, header.height);
   for (int y = 0; y < picture.sizeY(); ++y) {
@@ -100,10 +100,10 @@ CTensor<float> decodePnm(Input& input) {
       }
     }
   }
-  while (std::isspace(input.peek())) {
+  while (!othersFollow && std::isspace(input.peek())) {
     input.byte();
   }
-  if (input.peek() != EOF) {
+  if (!othersFollow && input.peek() != EOF) {
     input.notes.emplace_back("data after the picture ignored");
   }
   return picture;
