@@ -1,0 +1,138 @@
+#include "video/video.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+
+#include "pictures/picture.h"
+#include "tools/run_tool.h"
+
+namespace {
+
+/// Seven frames of noise in a folder, and clips of them.
+class Video : public testing::Test {
+ protected:
+  void SetUp() override {
+    try {
+      tool::checkFfmpeg();
+    } catch (const std::runtime_error& error) {
+      GTEST_SKIP() << error.what();
+    }
+    ASSERT_TRUE(make({"-f", "lavfi", "-i", "testsrc=s=34x22:r=25,noise=alls=40", "-frames:v", "7", "-pix_fmt",
+                      "rgb24", folder_.path("%d.png")}));
+  }
+  static bool make(std::vector<std::string> words) {
+    words.insert(words.begin(), {"ffmpeg", "-v", "error", "-y"});
+    const Outcome made = runProgram(words);
+    return made.status == 0 || (ADD_FAILURE() << made.err, false);
+  }
+  /// A clip of the frames; ./ keeps its name from being taken for anything else.
+  std::string clip(const std::string& name, std::vector<std::string> options) {
+    options.insert(options.begin(), {"-r", "25", "-i", folder_.path("%d.png")});
+    options.push_back("file:" + folder_.path(name));
+    EXPECT_TRUE(make(options));
+    return folder_.path(name);
+  }
+  static std::vector<tool::Frame> framesOf(const std::string& path, const tool::VideoOptions& options = {}) {
+    const auto source = tool::openVideo(path, options);
+    std::vector<tool::Frame> frames(1);
+    while (source->next(frames.back())) frames.emplace_back();
+    frames.pop_back();
+    return frames;
+  }
+  static std::string errorOf(const std::string& path) {
+    try {
+      framesOf(path);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "";
+  }
+  TemporaryFolder folder_;
+};
+
+TEST_F(Video, LosslessClipsHaveThePixelsOfTheirPictures) {
+  // Names that other programs might take for options, commands or addresses.
+  for (const std::string& path : {clip("-i.mkv", {"-c:v", "ffv1", "-pix_fmt", "bgr0"}),
+                                  clip("a b;c|d.mp4", {"-c:v", "libx264rgb", "-qp", "0"})}) {
+    const auto frames = framesOf(path);
+    ASSERT_EQ(frames.size(), 7u) << path;
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+      const CTensor<float> picture = readPicture(folder_.path(std::to_string(i + 1) + ".png"), nullptr);
+      ASSERT_EQ(frames[i].picture.size(), picture.size());
+      EXPECT_TRUE(std::equal(picture.data(), picture.data() + picture.size(), frames[i].picture.data())) << i;
+      EXPECT_DOUBLE_EQ(*frames[i].time, double(i) / 25);
+    }
+  }
+}
+
+TEST_F(Video, FramesOfAVaryingRateKeepTheirTimes) {
+  const std::vector<int> ticks{0, 1, 2, 5, 6, 9, 20};
+  const std::string times = "setpts=(N*lt(N\\,3)+5*eq(N\\,3)+6*eq(N\\,4)+9*eq(N\\,5)+20*eq(N\\,6))/25/TB";
+  for (const char* name : {"v.mkv", "v.mp4"}) {
+    const std::string path = clip(name, {"-vf", times, "-fps_mode", "passthrough", "-c:v", "libx264"});
+    const auto frames = framesOf(path), part = framesOf(path, {5 / 25., 9 / 25.});
+    ASSERT_EQ(frames.size(), ticks.size()) << name;
+    for (std::size_t i = 0; i < ticks.size(); ++i) EXPECT_NEAR(*frames[i].time, ticks[i] / 25., 1e-9) << i;
+    ASSERT_EQ(part.size(), 2u);
+    EXPECT_NEAR(*part[1].time, 6 / 25., 1e-9);
+  }
+}
+
+TEST_F(Video, AClipCutOffSaysHowMuchWasRead) {
+  for (const std::string& path : {clip("c.mkv", {"-c:v", "ffv1"}),
+                                  clip("c.mp4", {"-c:v", "libx264", "-movflags", "+faststart", "-g", "1"})}) {
+    EXPECT_EQ(errorOf(path), "");
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) * 2 / 3);
+    const std::string error = errorOf(path);
+    EXPECT_NE(error.find(path + ": ends after "), std::string::npos) << error;
+    EXPECT_EQ(error.find("ends after 0"), std::string::npos) << error;
+  }
+}
+
+TEST_F(Video, ClipsAreTurnedAndReadWithAllTheirBits) {
+  const std::string plain = clip("p.mp4", {"-c:v", "libx264", "-pix_fmt", "yuv420p"});
+  const std::string turned = folder_.path("turned.mp4");
+  ASSERT_TRUE(make({"-i", plain, "-c", "copy", "-metadata:s:v", "rotate=90", turned}));
+  const auto frames = framesOf(turned);
+  ASSERT_EQ(frames.size(), 7u);
+  EXPECT_EQ(frames[0].picture.sizeX(), 22);
+  const std::string fine = clip("f.mkv", {"-c:v", "ffv1", "-pix_fmt", "yuv444p10le", "-vf", "boxblur=2"});
+  EXPECT_TRUE(tool::openVideo(fine, {})->sixteenBits());
+  const auto fineFrames = framesOf(fine);
+  const CTensor<float>& picture = fineFrames.at(0).picture;
+  EXPECT_TRUE(std::any_of(picture.data(), picture.data() + picture.size(),
+                          [](float value) { return value != std::floor(value); }));
+}
+
+TEST_F(Video, WhatIsNoClipIsAnError) {
+  for (const char* name : {"http://localhost/y.mp4", "concat:a|b", "/dev/zero", "pipe:0"}) {
+    EXPECT_EQ(errorOf(name), std::string(name) + ": is not there, or not a plain file");
+  }
+  writeText(folder_.path("text.mp4"), "no clip");
+  EXPECT_NE(errorOf(folder_.path("text.mp4")).find("cannot be read as video"), std::string::npos);
+  const std::string path = std::getenv("PATH");
+  for (const auto& [version, accepted] :
+       {std::pair{"4.4.2", false}, {"5.0.3", false}, {"N-1-gabc", true}, {"n7.1", true}}) {
+    for (const char* program : {"ffmpeg", "ffprobe"}) {
+      writeText(folder_.path(program),
+                std::string("#!/bin/sh\necho '") + program + " version " + version + " x'\n");
+      std::filesystem::permissions(folder_.path(program), std::filesystem::perms::all);
+    }
+    setenv("PATH", folder_.path("").c_str(), 1);
+    if (accepted) {
+      EXPECT_NO_THROW(tool::checkFfmpeg()) << version;
+    } else {
+      EXPECT_THROW(tool::checkFfmpeg(), std::runtime_error) << version;
+    }
+    setenv("PATH", path.c_str(), 1);
+  }
+  setenv("PATH", "/nowhere", 1);
+  EXPECT_THROW(tool::checkFfmpeg(), std::runtime_error);
+  setenv("PATH", path.c_str(), 1);
+}
+
+}  // namespace
