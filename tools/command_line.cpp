@@ -236,6 +236,8 @@ int parseAndRun(int argc, char** argv) {
       "Results are on standard output, progress and messages on standard error.");
   addVerbosity(app, options.verbosity);
   addFlow(app, options.flow, options.verbosity);
+  addSequence(app, options.verbosity);
+  addStatus(app, options.verbosity);
   addEval(app, options.eval, options.verbosity);
   addColor(app, options.color, options.verbosity);
   addSynth(app, options.synth, options.verbosity);

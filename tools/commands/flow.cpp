@@ -13,6 +13,7 @@
 #include "commands/commands.h"
 #include "commands/output_files.h"
 #include "commands/parameters.h"
+#include "evaluation/evaluation.h"
 #include "flow_picture/flow_picture.h"
 #include "pictures/picture.h"
 
@@ -76,15 +77,6 @@ Json phaseSeconds(const NFlow::Seconds& seconds, bool hybrid) {
           {"warping", seconds.warping},
           {"fixed_point", seconds.fixedPoint},
           {"solver", seconds.solver}};
-}
-
-/// Pictures have finite values, and so does their flow unless a weight lets a sum overflow.
-void checkFinite(const CTensor<float>& flow) {
-  const auto finite = [](float value) { return std::isfinite(value); };
-  const long bad = flow.size() - std::count_if(flow.data(), flow.data() + flow.size(), finite);
-  if (bad == 0) return;
-  throw std::runtime_error("the flow is not a number at " + std::to_string(bad) + " of " +
-                           std::to_string(flow.size()) + " values: --alpha, --beta or --gamma is too large");
 }
 
 NFlow::Image viewOf(const CTensor<float>& frame, const std::vector<std::uint8_t>& mask) {
