@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 
 namespace tool {
@@ -15,7 +16,7 @@ const char* wordFor(PairReport::State state) {
 
 /// "1:02:03", "2:03" or "3 s".
 std::string durationText(double seconds) {
-  const long whole = static_cast<long>(seconds + 0.5);
+  const long whole = std::lround(seconds);
   char text[40];
   if (whole >= 3600) {
     std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60, whole % 60);

@@ -117,6 +117,7 @@ std::vector<FolderStatus> findStatus(const std::string& root) {
   if (manifests.empty())
     throw std::runtime_error(root + ": there is no manifest (tarvo.jsonl) of a sequence");
   std::vector<FolderStatus> all;
+  all.reserve(manifests.size());
   for (const auto& [folder, files] : manifests) all.push_back(statusOf(folder, files));
   return all;
 }

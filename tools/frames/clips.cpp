@@ -142,6 +142,7 @@ void checkNames(const std::vector<std::string>& files, const std::string& input)
 void reportGaps(const std::vector<std::string>& files, const std::string& input,
                 std::vector<std::string>& messages) {
   std::vector<std::string> names;
+  names.reserve(files.size());
   for (const std::string& file : files) names.push_back(fs::path(file).stem().string());
   const std::string missing = missingNumbers(names);
   if (!missing.empty()) messages.push_back(input + ": numbers missing: " + missing);
@@ -202,7 +203,8 @@ class StreamFrames : public FrameSource {
     try {
       if (!readNextPnm(stream_, name_, frame.picture)) return false;
     } catch (const std::runtime_error& error) {
-      throw BrokenSequence(std::string(error.what()) + ", after " + std::to_string(read_) + " frames");
+      throw BrokenSequence(std::string(error.what()) + ", after " + std::to_string(read_) +
+                           (read_ == 1 ? " frame" : " frames"));
     }
     ++read_;
     return true;

@@ -12,7 +12,7 @@
 namespace tool {
 
 /// What is computed of each pair of a sequence, and where it goes.
-struct PairJob {
+struct PairJob {           // NOLINT(bugprone-exception-escape): Json may throw where it is moved
   NFlow::Options options;  ///< backward and occlusion as the two below say
   bool forward = true, backward = false;
   bool occlusion = false;  ///< what of the first frame is hidden in the second

@@ -28,7 +28,7 @@ KnownPairs::KnownPairs(const Manifest& manifest, const PairJob& job, bool verify
     : manifest_(&manifest), job_(&job), verify_(verify) {}
 
 const std::string& KnownPairs::contentsOf(const std::string& file) {
-  for (int k = 0; k < 2; ++k) {
+  for (std::size_t k = 0; k < 2; ++k) {
     if (lastFile_[k] == file) return lastContents_[k];
   }
   lastFile_[0] = std::move(lastFile_[1]);

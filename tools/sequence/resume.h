@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -32,8 +34,8 @@ class KnownPairs {
   const Manifest* manifest_ = nullptr;
   const PairJob* job_ = nullptr;
   bool verify_ = false;
-  std::string lastFile_[2], lastContents_[2];  // of contentsOf: each frame is in two pairs
-  std::map<long, bool> done_;                  // by isDone with files
+  std::array<std::string, 2> lastFile_, lastContents_;  // of contentsOf: each frame is in two pairs
+  std::map<long, bool> done_;                           // by isDone with files
 };
 
 }  // namespace tool

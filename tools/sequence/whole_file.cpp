@@ -43,7 +43,7 @@ WrittenFile writeWhole(const std::string& path, const std::function<void(std::FI
     fail(path, error.what());
   }
   if (std::fclose(file.release()) != 0) fail(path, std::strerror(errno));
-  const WrittenFile written{std::filesystem::file_size(part.path), hashOfFile(part.path)};
+  WrittenFile written{std::filesystem::file_size(part.path), hashOfFile(part.path)};
   if (std::rename(part.path.c_str(), path.c_str()) != 0) fail(path, std::strerror(errno));
   part.path.clear();
   return written;

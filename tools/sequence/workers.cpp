@@ -184,6 +184,7 @@ void shareAmongProcesses(int jobs, const std::vector<PairRange>& ranges, const D
   }
   while (!workers.empty()) {
     std::vector<pollfd> pipes;
+    pipes.reserve(workers.size());
     for (const auto& worker : workers) pipes.push_back({worker->pipe(), POLLIN, 0});
     poll();
     if (::poll(pipes.data(), pipes.size(), kPause) <= 0) continue;
