@@ -17,6 +17,7 @@
 
 #include "evaluation/evaluation.h"
 #include "flow_picture/flow_picture.h"
+#include "pictures/picture.h"
 
 namespace nb = nanobind;
 using namespace nb::literals;
@@ -296,6 +297,14 @@ void bindFlow(nb::module_& module) {
   module.def("evaluate", &evaluate, "flow"_a, "truth"_a);
   module.def("color", &color, "flow"_a, "max_motion"_a.none(), "legend"_a);
   module.def("read_flow", [](const std::string& path) { return arrayOf<float>(NFlowFile::read(path)); });
+  module.def("read_image", [](const std::string& path) {
+    CTensor<float> picture;
+    {
+      const nb::gil_scoped_release release;
+      picture = readPicture(path, nullptr);
+    }
+    return arrayOf<float>(picture);
+  });
   module.def("write_flow", [](const std::string& path, const Floats& flow) {
     const CTensor<float> field = tensorOf(flow);
     const nb::gil_scoped_release release;

@@ -137,6 +137,25 @@ def evaluate(flow: ArrayLike, truth: ArrayLike) -> Evaluation:
     return Evaluation(**_core.evaluate(field, reference))
 
 
+def read_image(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
+    """A picture as the tool reads it: float32 H x W x 3, red, green, blue in 0 ... 255.
+
+    PNG (grey, RGB, palette; transparency is dropped), JPEG, PGM and PPM. Grey pictures have three equal channels,
+    16-bit values are divided by 257. Compute with range=255.
+
+    Raises:
+        OSError: the file is not there.
+        FormatError: it is no picture, damaged, or too large for a flow.
+    """
+    name = os.fspath(path)
+    with open(name, "rb"):
+        pass
+    try:
+        return _core.read_image(str(name))
+    except RuntimeError as error:
+        raise FormatError(str(error)) from None
+
+
 def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
     """The flow in a .flo file: float32 H x W x 2 [pixels], not-a-number where it is unknown.
 

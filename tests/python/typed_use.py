@@ -1,6 +1,6 @@
 """Every public name, as type checkers should understand it."""
 
-from typing import Optional, Tuple
+from typing import Dict, Optional, Tuple
 
 import numpy as np
 import numpy.typing as npt
@@ -39,5 +39,11 @@ try:
     tarvo.set_threads(2)
     print(tarvo.devices(), tarvo.select_device("cpu"), tarvo.__version__)
     tarvo.write_flow("f.flo", tarvo.read_flow("f.flo"))
+    assert_type(tarvo.read_image("frame.png"), Floats)
+    for step in tarvo.stream([image1, image1], backward=True, alpha=9):
+        assert_type(step.forward, Floats)
+    summary: tarvo.Summary = tarvo.write_sequence("frames", "out", direction="both", resume=True, progress=print)
+    tarvo.write_sequence((image1 for _ in "ab"), "out", preset="fast", alpha=9)
+    assert_type(summary.errors, Dict[int, str])
 except (tarvo.DeviceError, tarvo.FormatError, OSError) as error:
     print(error)
