@@ -6,6 +6,10 @@
 
 #include "commands/console.h"
 
+namespace CLI {
+class App;
+}
+
 /// The commands behind the command line, one file each. They print results on standard output and throw
 /// UsageError for arguments that can't go together and std::exception for what fails while running.
 namespace tool {
@@ -59,5 +63,8 @@ struct InfoOptions {
   bool json = false;
 };
 void info(const InfoOptions& options);
+
+/// Commands that add themselves to the command line.
+void addConvert(CLI::App& app, Verbosity& verbosity);
 
 }  // namespace tool

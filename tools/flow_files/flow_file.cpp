@@ -35,11 +35,17 @@ void encodeFlo(std::FILE* file, const CTensor<float>& flow, int, const tool::Flo
 const Codec kFlo{nullptr, encodeFlo, nullptr, 4};
 const Codec kPng{decodeKittiPng, encodeKittiPng, roundedToKitti, 2};
 const Codec kPfm{decodePfm, encodePfm, nullptr, 4};
+const Codec kNpy{decodeNpy, encodeNpy, nullptr, 4}, kNpy16{decodeNpy, encodeNpy, roundedToHalf, 2};
+const Codec kNpz{decodeNpz, encodeNpz, nullptr, 4}, kNpz16{decodeNpz, encodeNpz, roundedToHalf, 2};
 
 const tool::FlowFormat kFormats[] = {
     {"flo", ".flo", "numbers of 32 bits", &kFlo},
     {"png", ".png", "KITTI's PNG of 16 bits: steps of 1/64 px, up to 512 px", &kPng},
     {"pfm", ".pfm", "numbers of 32 bits", &kPfm},
+    {"npy", ".npy", "NumPy's array of 32 bits", &kNpy},
+    {"npy16", ".npy", "NumPy's array of 16 bits", &kNpy16},
+    {"npz", ".npz", "NumPy's archive, 32 bits", &kNpz},
+    {"npz16", ".npz", "NumPy's archive, 16 bits", &kNpz16},
 };
 
 const tool::FlowFormat* formatOf(const std::string& path) {

@@ -36,6 +36,12 @@ float roundedToKitti(float value);
 CTensor<float> decodePfm(const std::string& path, Notes& notes);
 void encodePfm(std::FILE* file, const CTensor<float>& flow, int bytes, const tool::FlowWriteOptions& options);
 
+CTensor<float> decodeNpy(const std::string& path, Notes& notes);
+void encodeNpy(std::FILE* file, const CTensor<float>& flow, int bytes, const tool::FlowWriteOptions& options);
+
+CTensor<float> decodeNpz(const std::string& path, Notes& notes);
+void encodeNpz(std::FILE* file, const CTensor<float>& flow, int bytes, const tool::FlowWriteOptions& options);
+
 /// Row y with `channels` values for each pixel: u, v, and 0 where there are more.
 void interleaveRow(const CTensor<float>& flow, int y, int channels, std::vector<float>& row);
 
