@@ -37,6 +37,7 @@ const Codec kPng{decodeKittiPng, encodeKittiPng, roundedToKitti, 2};
 const Codec kPfm{decodePfm, encodePfm, nullptr, 4};
 const Codec kNpy{decodeNpy, encodeNpy, nullptr, 4}, kNpy16{decodeNpy, encodeNpy, roundedToHalf, 2};
 const Codec kNpz{decodeNpz, encodeNpz, nullptr, 4}, kNpz16{decodeNpz, encodeNpz, roundedToHalf, 2};
+const Codec kExr{decodeExr, exrEncoder(), nullptr, 4}, kExr16{decodeExr, exrEncoder(), roundedToHalf, 2};
 
 const tool::FlowFormat kFormats[] = {
     {"flo", ".flo", "numbers of 32 bits", &kFlo},
@@ -46,6 +47,8 @@ const tool::FlowFormat kFormats[] = {
     {"npy16", ".npy", "NumPy's array of 16 bits", &kNpy16},
     {"npz", ".npz", "NumPy's archive, 32 bits", &kNpz},
     {"npz16", ".npz", "NumPy's archive, 16 bits", &kNpz16},
+    {"exr", ".exr", "OpenEXR, 32 bits", &kExr},
+    {"exr16", ".exr", "OpenEXR, 16 bits", &kExr16},
 };
 
 const tool::FlowFormat* formatOf(const std::string& path) {

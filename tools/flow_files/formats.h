@@ -42,6 +42,10 @@ void encodeNpy(std::FILE* file, const CTensor<float>& flow, int bytes, const too
 CTensor<float> decodeNpz(const std::string& path, Notes& notes);
 void encodeNpz(std::FILE* file, const CTensor<float>& flow, int bytes, const tool::FlowWriteOptions& options);
 
+CTensor<float> decodeExr(const std::string& path, Notes& notes);
+/// Null in builds without OpenEXR.
+Encode exrEncoder();
+
 /// Row y with `channels` values for each pixel: u, v, and 0 where there are more.
 void interleaveRow(const CTensor<float>& flow, int y, int channels, std::vector<float>& row);
 
