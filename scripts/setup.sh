@@ -10,8 +10,8 @@
 # Exit status: 0 all packages are there, 1 they could not be installed, 2 wrong usage.
 set -eu
 
-build_packages="g++ cmake ninja-build make pkg-config libpng-dev libjpeg62-turbo-dev libcli11-dev
-  nlohmann-json3-dev libxxhash-dev libgtest-dev libbenchmark-dev"
+build_packages="g++ cmake ninja-build make pkg-config libpng-dev zlib1g-dev libopenexr-dev libjpeg62-turbo-dev
+  libcli11-dev nlohmann-json3-dev libxxhash-dev libgtest-dev libbenchmark-dev"
 python_packages="python3-dev python3-venv python3-pip"
 dev_packages="$python_packages clang-format-14 clang-tidy-14 valgrind"
 

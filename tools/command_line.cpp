@@ -12,6 +12,7 @@
 
 #include "commands/arguments.h"
 #include "commands/commands.h"
+#include "flow_files/flow_file.h"
 #include "synth/scene.h"
 
 namespace tool {
@@ -32,13 +33,22 @@ std::string parseSize(const std::string& text, int& width, int& height) {
               : text + " is not a size like 640x480, each from 1 to " + std::to_string(kLargestSide);
 }
 
+/// ".flo, .png, ..."
+std::string endingsText() {
+  std::string text;
+  for (const std::string& ending : flowEndings()) text += (text.empty() ? "" : ", ") + ending;
+  return text;
+}
+
 void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
   CLI::App* const command = app.add_subcommand("flow", "Computes the optical flow between two pictures");
   command->footer(
       "Pictures may be PNG (transparency is dropped), JPEG, PPM or PGM; 16-bit values are scaled to 0-255, "
       "grey\n"
       "becomes three equal channels. Pixel (x, y) of FRAME1 corresponds to (x + u, y + v) in FRAME2.\n"
-      "Files appear under their names when all are complete; what was there before stays until then.");
+      "Files appear under their names when all are complete; what was there before stays until then.\n"
+      "The endings of OUT and OUT2 tell the formats of the flows: " +
+      endingsText() + ".");
   command->add_option("FRAME1", options.frame1, "First picture (PNG, JPEG, PPM or PGM)")
       ->required()
       ->type_name("");
@@ -47,11 +57,11 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
       ->type_name("");
   command->add_option("-o,--output", options.output, "Flow from FRAME1 to FRAME2 [pixels]")
       ->required()
-      ->type_name("OUT.flo");
+      ->type_name("OUT");
   command
       ->add_option("--backward", options.backward,
                    "Also compute the flow from FRAME2 to FRAME1, a run of its own")
-      ->type_name("OUT2.flo");
+      ->type_name("OUT2");
   command
       ->add_option("--color", options.colour, "Also draw the forward flow; the longest motion is brightest")
       ->type_name("OUT.png");
@@ -240,6 +250,7 @@ int parseAndRun(int argc, char** argv) {
   addStatus(app, options.verbosity);
   addEval(app, options.eval, options.verbosity);
   addColor(app, options.color, options.verbosity);
+  addConvert(app, options.verbosity);
   addSynth(app, options.synth, options.verbosity);
   addCheck(app, options.check, options.verbosity);
   addInfo(app, options.info, options.verbosity);

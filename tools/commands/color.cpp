@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "commands/commands.h"
+#include "commands/flow_io.h"
 #include "commands/output_files.h"
 #include "flow_picture/flow_picture.h"
 #include "pictures/picture.h"
@@ -11,9 +12,9 @@
 namespace tool {
 
 void color(const ColorOptions& options, const Verbosity& verbosity) {
-  OutputFiles outputs({{"--output", options.output, ".png"}}, {options.flow});
+  OutputFiles outputs({{"--output", options.output, {".png"}}}, {options.flow});
   routeReport(verbosity, false);
-  const CTensor<float> flow = NFlowFile::read(options.flow);
+  const CTensor<float> flow = readFlowFile(options.flow, verbosity);
   if (flow.size() == 0) {
     throw std::runtime_error(options.flow + ": has no pixels to draw");
   }

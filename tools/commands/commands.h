@@ -67,5 +67,6 @@ void info(const InfoOptions& options);
 /// Commands that declare themselves: each adds its subcommand, which runs when it is parsed.
 void addSequence(CLI::App& app, Verbosity& verbosity);
 void addStatus(CLI::App& app, Verbosity& verbosity);
+void addConvert(CLI::App& app, Verbosity& verbosity);
 
 }  // namespace tool

@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "commands/commands.h"
+#include "commands/flow_io.h"
 #include "commands/output_files.h"
 #include "commands/parameters.h"
 #include "evaluation/evaluation.h"
@@ -230,11 +231,11 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
   for (const std::string& mask : options.masks) {
     if (!mask.empty()) inputs.push_back(mask);
   }
-  OutputFiles outputs({{"--output", options.output, ".flo"},
-                       {"--backward", options.backward, ".flo"},
-                       {"--color", options.colour, ".png"},
-                       {"--occlusion", options.occlusion, ".png"},
-                       {"--matches", options.matches, ".csv"}},
+  OutputFiles outputs({{"--output", options.output, flowEndings()},
+                       {"--backward", options.backward, flowEndings()},
+                       {"--color", options.colour, {".png"}},
+                       {"--occlusion", options.occlusion, {".png"}},
+                       {"--matches", options.matches, {".csv"}}},
                       inputs);
   const Frames frames = readFrames(options, verbosity);
   routeReport(verbosity, true);
@@ -250,10 +251,10 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
   }
   const CTensor<float>& forward = computed.forward.flow;
   checkFinite(forward);
-  outputs.write(options.output, [&](std::FILE* file) { NFlowFile::write(file, forward); });
+  writeFlowFile(outputs, options.output, forward, verbosity);
   if (!options.backward.empty()) {
     checkFinite(computed.backward.flow);
-    outputs.write(options.backward, [&](std::FILE* file) { NFlowFile::write(file, computed.backward.flow); });
+    writeFlowFile(outputs, options.backward, computed.backward.flow, verbosity);
   }
   if (!options.colour.empty()) {
     const CTensor<float> picture = colourPicture(forward, longestMotion(forward));
