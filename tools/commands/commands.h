@@ -36,7 +36,8 @@ void eval(const EvalOptions& options, const Verbosity& verbosity);
 
 struct ColorOptions {
   std::string flow, output;
-  double maxMotion = 0;  ///< 0: the longest known motion
+  std::string wheel = "standard";
+  std::string maxMotion = "auto";  ///< a number [pixels], "longest" or "auto", the usual motion
   bool legend = false;
 };
 void color(const ColorOptions& options, const Verbosity& verbosity);

@@ -264,8 +264,9 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
     outputs.write(options.backward, [&](std::FILE* file) { NFlowFile::write(file, computed.backward.flow); });
   }
   if (!options.colour.empty()) {
-    const CTensor<float> picture = colourPicture(forward, longestMotion(forward));
-    outputs.write(options.colour, [&](std::FILE* file) { writePng(file, picture); });
+    const Colours colours{Wheel::Standard, usualMotion(forward)};
+    const CTensor<float> picture = colourPicture(forward, colours);
+    outputs.write(options.colour, [&](std::FILE* file) { writePng(file, picture, notesOf(colours)); });
   }
   if (!options.occlusion.empty()) {
     const CTensor<float> picture = pictureOf(computed.occlusion, forward.sizeX(), forward.sizeY());

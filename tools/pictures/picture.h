@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// Reads a picture: PNG (grey, RGB, palette; 1 to 16 bits; transparency is dropped), JPEG (grey or colour),
@@ -29,7 +30,9 @@ CTensor<float> readPicture(const std::string& path, std::vector<std::string>* me
 bool readNextPnm(std::FILE* stream, const std::string& name, CTensor<float>& picture);
 
 /// Writes a PNG with 8 bits per value.
+/// @param notes  name and value of what is to be told in the file as text
 /// @param file  open for writing; stays open
 /// @param rgb   width x height x 3; values are rounded and limited to 0 ... 255, not-a-number gives 0
 /// @throws std::runtime_error  with the reason alone; the file may then be incomplete
-void writePng(std::FILE* file, const CTensor<float>& rgb);
+void writePng(std::FILE* file, const CTensor<float>& rgb,
+              const std::vector<std::pair<std::string, std::string>>& notes = {});
