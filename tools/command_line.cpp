@@ -254,6 +254,7 @@ int parseAndRun(int argc, char** argv) {
   addSynth(app, options.synth, options.verbosity);
   addCheck(app, options.check, options.verbosity);
   addInfo(app, options.info, options.verbosity);
+  addWarp(app, options.verbosity);
   NDevice::onError(throwDeviceError);
   try {
     app.parse(argc, argv);

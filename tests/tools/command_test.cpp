@@ -472,6 +472,23 @@ TEST_F(Command, ColorPutsTheLegendIntoTheLowerRightCorner) {
   EXPECT_TRUE(contains(tiny.err, "legend"));
 }
 
+TEST_F(Command, WarpBringsASecondPictureBackAndFillsWhatIsNotSeen) {
+  makeFrames();
+  const CTensor<float> second = readPicture(frames[1], nullptr);
+  NFlowFile::write(path("f.flo"), CTensor<float>(48, 40, 2, 3.f));
+  NFlowFile::write(path("b.flo"), CTensor<float>(48, 40, 2, 9.f));  // nothing returns
+  const Words words{"warp", frames[1], path("f.flo"), "-o", path("w.png"), "--fill", "7"};
+  ASSERT_EQ(runTool(words).status, 0);
+  const CTensor<float> back = readPicture(path("w.png"), nullptr);
+  EXPECT_EQ(back(5, 6, 1), second(8, 9, 1));
+  EXPECT_EQ(back(45, 6, 1), 7);
+  Words hidden = words;
+  hidden.insert(hidden.end(), {"--occlusion", path("b.flo")});
+  EXPECT_TRUE(contains(runTool(hidden).out, "1920 of them not seen"));
+  NFlowFile::write(path("f.flo"), CTensor<float>(4, 4, 2, 3.f));
+  EXPECT_TRUE(contains(runTool(words).err, "4 x 4 pixels, the picture of 48 x 40"));
+}
+
 TEST_F(Command, InfoTellsVersionDevicesAndInstructions) {
   const Json json = Json::parse(runTool({"info", "--json"}).out);
   EXPECT_EQ(json.at("version"), NDevice::version());

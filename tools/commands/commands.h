@@ -2,6 +2,7 @@
 
 #include <tarvo/NFlow.h>
 
+#include <CLI/CLI.hpp>
 #include <string>
 
 #include "commands/console.h"
@@ -60,5 +61,8 @@ struct InfoOptions {
   bool json = false;
 };
 void info(const InfoOptions& options);
+
+/// Adds the command `warp` to the command line.
+void addWarp(CLI::App& app, Verbosity& verbosity);
 
 }  // namespace tool
