@@ -1,4 +1,4 @@
-"""The flow between two pictures as colours: the hue is the direction, the brightness the length."""
+"""The flow between two pictures as colours: the hue is the direction, fuller colours are longer motion."""
 
 import matplotlib.pyplot as plt
 import numpy as np

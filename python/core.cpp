@@ -5,6 +5,7 @@
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/string.h>
+#include <nanobind/stl/variant.h>
 #include <nanobind/stl/vector.h>
 #include <tarvo/tarvo.h>
 
@@ -225,13 +226,20 @@ Values evaluate(const Floats& flow, const Floats& truth) {
   return values;
 }
 
-Array<std::uint8_t> color(const Floats& flow, std::optional<double> maxMotion, bool legend) {
+Array<std::uint8_t> color(const Floats& flow, const std::string& wheel, std::variant<double, std::string> maxMotion,
+                          bool legend) {
   const CTensor<float> field = tensorOf(flow);
   CTensor<float> picture;
   {
     const nb::gil_scoped_release release;
-    picture = tool::colourPicture(field, maxMotion ? *maxMotion : tool::longestMotion(field));
-    if (legend) tool::drawLegend(picture);
+    tool::Colours colours{tool::wheelNamed(wheel)};
+    if (const auto* const scale = std::get_if<double>(&maxMotion)) {
+      colours.scale = *scale;
+    } else {
+      colours.scale = std::get<std::string>(maxMotion) == "auto" ? tool::usualMotion(field) : tool::longestMotion(field);
+    }
+    picture = tool::colourPicture(field, colours);
+    if (legend) tool::drawLegend(picture, colours);
   }
   return arrayOf<std::uint8_t>(picture);
 }
@@ -295,7 +303,7 @@ void bindFlow(nb::module_& module) {
     return arrayOf<float>(warped);
   });
   module.def("evaluate", &evaluate, "flow"_a, "truth"_a);
-  module.def("color", &color, "flow"_a, "max_motion"_a.none(), "legend"_a);
+  module.def("color", &color, "flow"_a, "wheel"_a, "max_motion"_a, "legend"_a);
   module.def("read_flow", [](const std::string& path) { return arrayOf<float>(NFlowFile::read(path)); });
   module.def("read_image", [](const std::string& path) {
     CTensor<float> picture;

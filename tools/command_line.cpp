@@ -62,8 +62,7 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
       ->add_option("--backward", options.backward,
                    "Also compute the flow from FRAME2 to FRAME1, a run of its own")
       ->type_name("OUT2");
-  command
-      ->add_option("--color", options.colour, "Also draw the forward flow; the longest motion is brightest")
+  command->add_option("--color", options.colour, "Also draw the forward flow, as 'tarvo color' does")
       ->type_name("OUT.png");
   command
       ->add_option("--matches", options.matches,
@@ -126,18 +125,32 @@ void addEval(CLI::App& app, EvalOptions& options, Verbosity& verbosity) {
 void addColor(CLI::App& app, ColorOptions& options, Verbosity& verbosity) {
   CLI::App* const command = app.add_subcommand("color", "Draws a flow field in colours");
   command->footer(
-      "The hue is the direction: red to the right, violet blue downwards, green to the left, yellow "
-      "upwards.\n"
-      "The brightness is the length; what does not move is black, what is unknown is grey.");
+      "The hue is the direction. On the standard wheel, with which flow fields are usually published, red is "
+      "to the\n"
+      "right, yellow downwards, cyan to the left and blue upwards; what does not move is white, colours are "
+      "fuller\n"
+      "up to the full motion and darker beyond it. On the dark wheel red is to the right, violet blue "
+      "downwards,\n"
+      "green to the left and yellow upwards; the brightness is the length. What is unknown is grey on both.\n"
+      "The picture file tells the wheel and the scale as text.");
   command->add_option("FLOW", options.flow, "Flow file to draw")->required()->type_name("");
   command->add_option("-o,--output", options.output, "Picture to write")->required()->type_name("OUT.png");
+  command->add_option("--wheel", options.wheel, "Which colours: standard or dark")
+      ->check(CLI::IsMember({"standard", "dark"}))
+      ->capture_default_str()
+      ->type_name("NAME");
   command
-      ->add_option("--max-motion", options.maxMotion,
-                   "Motion at full brightness [pixels] (default: the longest in FLOW)")
-      ->check(numberThat([](float value) { return value > 0; }, "a number above 0"))
+      ->add_option(
+          "--max-motion", options.maxMotion,
+          "Motion with full colours [pixels]; auto: what 99 of 100 pixels do not exceed; longest: the "
+          "longest in FLOW")
+      ->check(CLI::IsMember({"auto", "longest"}) |
+              numberThat([](float value) { return value > 0; }, "auto, longest or a number above 0"))
+      ->capture_default_str()
       ->type_name("NUMBER");
-  command->add_flag("--legend", options.legend,
-                    "Draw the colours of all directions in the lower right corner");
+  command->add_flag(
+      "--legend", options.legend,
+      "Draw the colours of all motions, the scale and the wheel's name in the lower right corner");
   addVerbosity(*command, verbosity);
   command->callback([&] { color(options, verbosity); });
 }
@@ -254,6 +267,7 @@ int parseAndRun(int argc, char** argv) {
   addSynth(app, options.synth, options.verbosity);
   addCheck(app, options.check, options.verbosity);
   addInfo(app, options.info, options.verbosity);
+  addWarp(app, options.verbosity);
   NDevice::onError(throwDeviceError);
   try {
     app.parse(argc, argv);

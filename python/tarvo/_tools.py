@@ -6,6 +6,7 @@ import math
 import numbers as number_kinds
 import os
 from dataclasses import dataclass
+from typing import Literal
 
 import numpy as np
 import numpy.typing as npt
@@ -92,29 +93,42 @@ def warp(image: ArrayLike, flow: ArrayLike, *, fill: float = math.nan) -> npt.ND
     return _core.warp(planes, field, outside).reshape(values.shape)
 
 
-def color(flow: ArrayLike, *, max_motion: float | None = None, legend: bool = False) -> npt.NDArray[np.uint8]:
-    """A flow as colours, uint8 H x W x 3: the hue is the direction, the brightness the length.
-
-    Right is red, down violet blue, left green, up yellow; no motion is black, unknown motion grey.
+def color(
+    flow: ArrayLike,
+    *,
+    wheel: Literal["standard", "dark"] = "standard",
+    max_motion: float | Literal["auto", "longest"] = "auto",
+    legend: bool = False,
+) -> npt.NDArray[np.uint8]:
+    """A flow as colours, uint8 H x W x 3: the hue is the direction; unknown motion is grey.
 
     Args:
         flow: H x W x 2 [pixels].
-        max_motion: the length from which on colours are brightest [pixels]; default: the longest in the flow.
-            Pictures that are to be compared need the same.
-        legend: draw the colours of all directions as a disc in the lower right corner; its rim is max_motion.
+        wheel: "standard", with which flow fields are usually published: right is red, down yellow, left cyan,
+            up blue; no motion is white, colours are fuller up to max_motion and darker beyond it. Or "dark": right
+            is red, down violet blue, left green, up yellow; no motion is black, the brightness is the length.
+        max_motion: the length with the fullest colours [pixels]; "auto": the length that 99 of 100 known motions
+            do not exceed; "longest": the longest. Pictures that are to be compared need the same.
+        legend: draw the colours of all motions up to max_motion as a disc in the lower right corner, with
+            max_motion and the wheel's name, where the picture is large enough for it.
 
     Raises:
-        TypeError, ValueError: not a flow, or max_motion not above 0.
+        TypeError, ValueError: not a flow, no wheel of these, or max_motion not above 0.
 
     >>> import numpy as np, tarvo
     >>> right = np.full((1, 1, 2), (4, 0), np.float32)
-    >>> tarvo.color(right, max_motion=4)[0, 0].tolist()
-    [255, 0, 0]
+    >>> tarvo.color(right, max_motion=4)[0, 0].tolist(), tarvo.color(right, max_motion=8)[0, 0].tolist()
+    ([255, 0, 0], [255, 127, 127])
     """
     field = flow_field(flow, "flow")
-    if max_motion is not None and not _number(max_motion, "max_motion") > 0:
+    if wheel not in ("standard", "dark"):
+        raise ValueError(f'wheel must be "standard" or "dark", got {wheel!r}')
+    if isinstance(max_motion, str):
+        if max_motion not in ("auto", "longest"):
+            raise ValueError(f'max_motion must be "auto", "longest" or a number above 0, got {max_motion!r}')
+    elif not _number(max_motion, "max_motion") > 0:
         raise ValueError(f"max_motion must be above 0, got {max_motion!r}")
-    return _core.color(field, max_motion, bool(legend))
+    return _core.color(field, wheel, max_motion if isinstance(max_motion, str) else float(max_motion), bool(legend))
 
 
 def evaluate(flow: ArrayLike, truth: ArrayLike) -> Evaluation:

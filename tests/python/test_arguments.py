@@ -67,6 +67,8 @@ BAD = [
     (TypeError, ["flow", "int64"], lambda: tarvo.color(np.zeros((4, 5, 2), int))),
     (ValueError, ["flow", "(4, 5)"], lambda: tarvo.color(np.zeros((4, 5), np.float32))),
     (ValueError, ["max_motion", "0"], lambda: tarvo.color(FLOW, max_motion=0)),
+    (ValueError, ["max_motion", "'most'"], lambda: tarvo.color(FLOW, max_motion="most")),
+    (ValueError, ["wheel", "'grey'"], lambda: tarvo.color(FLOW, wheel="grey")),
     (ValueError, ["forward", "backward", "(20, 30, 2)"], lambda: tarvo.occlusion(FLOW, FLOW[1:])),
     (ValueError, ["image", "flow", "(20, 29, 3)"], lambda: tarvo.warp(GOOD[:, 1:], FLOW)),
     (TypeError, ["fill", "None"], lambda: tarvo.warp(GOOD, FLOW, fill=None)),

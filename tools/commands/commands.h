@@ -2,6 +2,7 @@
 
 #include <tarvo/NFlow.h>
 
+#include <CLI/CLI.hpp>
 #include <string>
 
 #include "commands/console.h"
@@ -40,7 +41,8 @@ void eval(const EvalOptions& options, const Verbosity& verbosity);
 
 struct ColorOptions {
   std::string flow, output;
-  double maxMotion = 0;  ///< 0: the longest known motion
+  std::string wheel = "standard";
+  std::string maxMotion = "auto";  ///< a number [pixels], "longest" or "auto", the usual motion
   bool legend = false;
 };
 void color(const ColorOptions& options, const Verbosity& verbosity);
@@ -68,5 +70,6 @@ void info(const InfoOptions& options);
 void addSequence(CLI::App& app, Verbosity& verbosity);
 void addStatus(CLI::App& app, Verbosity& verbosity);
 void addConvert(CLI::App& app, Verbosity& verbosity);
+void addWarp(CLI::App& app, Verbosity& verbosity);
 
 }  // namespace tool

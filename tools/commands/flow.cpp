@@ -257,8 +257,9 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
     writeFlowFile(outputs, options.backward, computed.backward.flow, verbosity);
   }
   if (!options.colour.empty()) {
-    const CTensor<float> picture = colourPicture(forward, longestMotion(forward));
-    outputs.write(options.colour, [&](std::FILE* file) { writePng(file, picture); });
+    const Colours colours{Wheel::Standard, usualMotion(forward)};
+    const CTensor<float> picture = colourPicture(forward, colours);
+    outputs.write(options.colour, [&](std::FILE* file) { writePng(file, picture, 8, notesOf(colours)); });
   }
   if (!options.occlusion.empty()) {
     const CTensor<float> picture = pictureOf(computed.occlusion, forward.sizeX(), forward.sizeY());

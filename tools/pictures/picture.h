@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// Reads a picture: PNG (grey, RGB, palette; 1 to 16 bits; transparency is dropped), JPEG (grey or colour),
@@ -33,5 +34,7 @@ bool readNextPnm(std::FILE* stream, const std::string& name, CTensor<float>& pic
 /// @param rgb   width x height x 3; values are rounded and limited to 0 ... 255, with 16 bits to 0 ... 65535;
 ///              not-a-number gives 0
 /// @param bits  per value, 8 or 16
+/// @param notes  names and values of what is to be told in the file as text
 /// @throws std::runtime_error  with the reason alone; the file may then be incomplete
-void writePng(std::FILE* file, const CTensor<float>& rgb, int bits = 8);
+void writePng(std::FILE* file, const CTensor<float>& rgb, int bits = 8,
+              const std::vector<std::pair<std::string, std::string>>& notes = {});
