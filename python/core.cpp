@@ -17,6 +17,7 @@
 #include <variant>
 
 #include "evaluation/evaluation.h"
+#include "flow_files/flow_file.h"
 #include "flow_picture/flow_picture.h"
 #include "pictures/picture.h"
 
@@ -304,7 +305,21 @@ void bindFlow(nb::module_& module) {
   });
   module.def("evaluate", &evaluate, "flow"_a, "truth"_a);
   module.def("color", &color, "flow"_a, "wheel"_a, "max_motion"_a, "legend"_a);
-  module.def("read_flow", [](const std::string& path) { return arrayOf<float>(NFlowFile::read(path)); });
+  module.def("flow_formats", [] {
+    std::vector<std::string> names;  // and the ending of each
+    for (const tool::FlowFormat& format : tool::flowFormats()) {
+      names.emplace_back(format.name);
+      names.emplace_back(format.ending);
+    }
+    return names;
+  });
+  module.def("read_flow", [](const std::string& path) {
+    const CTensor<float> flow = [&path] {
+      const nb::gil_scoped_release release;
+      return tool::readFlow(path);
+    }();
+    return arrayOf<float>(flow);
+  });
   module.def("read_image", [](const std::string& path) {
     CTensor<float> picture;
     {
@@ -313,10 +328,10 @@ void bindFlow(nb::module_& module) {
     }
     return arrayOf<float>(picture);
   });
-  module.def("write_flow", [](const std::string& path, const Floats& flow) {
+  module.def("write_flow", [](const std::string& path, const Floats& flow, const std::string& format) {
     const CTensor<float> field = tensorOf(flow);
     const nb::gil_scoped_release release;
-    NFlowFile::write(path, field);
+    return tool::writeFlow(path, field, *tool::formatNamed(format)).dropped;
   });
   module.def("memory_required", [](int width, int height, const NFlow::Options& options) {
     const NFlow::Memory memory = NFlow::memoryRequired(width, height, options);

@@ -85,6 +85,7 @@ def write_sequence(
     occlusion: bool = False,
     preset: Preset = "standard",
     matches: bool = True,
+    format: str = "flo",
     step: int = 1,
     scale: float = 1.0,
     resume: bool = False,
@@ -104,6 +105,7 @@ def write_sequence(
             backward flows in its folder "backward", hidden pixels as pictures in "occlusion". It is made.
         direction: to the next frame, from it, or both.
         occlusion: also write what of a frame is hidden in the next.
+        format: of the flow files: "flo", "png", "pfm", "npy", "npz", "npz16", "exr" ... (docs/formats.md).
         step: use every so many frames.
         scale: shrink the frames first, above 0 and up to 1; flows are of the shrunk frames.
         resume: go on with a run before. redo: the same, and replace what was made of other settings or frames.
@@ -119,7 +121,7 @@ def write_sequence(
         ValueError: wrong arguments, or results of another run where neither resume nor redo is given.
         RuntimeError: the command failed as a whole.
     """
-    arguments = _arguments(direction, occlusion, preset, matches, step, scale, resume, redo, jobs, options)
+    arguments = _arguments(direction, occlusion, preset, matches, format, step, scale, resume, redo, jobs, options)
     if isinstance(frames, (str, os.PathLike)):
         return _run([_path(frames)], folder, arguments, None, progress)
     if isinstance(frames, (list, tuple)) and frames and all(isinstance(f, (str, os.PathLike)) for f in frames):
@@ -137,6 +139,7 @@ def _arguments(
     occlusion: bool,
     preset: str,
     matches: bool,
+    format: str,
     step: int,
     scale: float,
     resume: bool,
@@ -144,7 +147,7 @@ def _arguments(
     jobs: int | None,
     options: Mapping[str, object],
 ) -> list[str]:
-    words = ["--direction", direction, "--preset", preset, "--step", str(step), "--scale", str(scale)]
+    words = ["--direction", direction, "--preset", preset, "--format", format, "--step", str(step), "--scale", str(scale)]
     switches = {"--occlusion": occlusion, "--no-matches": not matches, "--resume": resume, "--redo": redo}
     words += [name for name, on in switches.items() if on]
     words += ["--jobs", str(jobs)] if jobs is not None else []

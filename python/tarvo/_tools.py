@@ -5,6 +5,7 @@ from __future__ import annotations
 import math
 import numbers as number_kinds
 import os
+import warnings
 from dataclasses import dataclass
 from typing import Literal
 
@@ -13,8 +14,6 @@ import numpy.typing as npt
 
 from tarvo import _core
 from tarvo._arrays import ArrayLike, flow_field, numbers, same_size
-
-_UNKNOWN = 1e9  # in files: components from here on mark unknown motion
 
 
 class FormatError(ValueError):
@@ -171,7 +170,10 @@ def read_image(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
 
 
 def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
-    """The flow in a .flo file: float32 H x W x 2 [pixels], not-a-number where it is unknown.
+    """The flow in a file: float32 H x W x 2 [pixels], not-a-number where it is unknown.
+
+    The name's ending tells the format: .flo, .png (KITTI's, 16 bits), .pfm, .npy, .npz, and .exr where tarvo was
+    built with OpenEXR; docs/formats.md has the details. Any other name is read as .flo.
 
     Raises:
         OSError: the file cannot be read.
@@ -188,40 +190,53 @@ def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
     with open(name, "rb"):
         pass  # an OSError of the usual kind
     try:
-        flow: npt.NDArray[np.float32] = _core.read_flow(name)
+        return _core.read_flow(name)
     except RuntimeError as error:
         raise FormatError(str(error)) from None
-    flow[~(np.abs(flow) < _UNKNOWN).all(axis=2)] = np.nan
-    return flow
 
 
-def write_flow(path: str | os.PathLike[str], flow: ArrayLike) -> None:
-    """Writes a flow as a .flo file; motion that is not finite, or of 1e9 pixels and more, is marked as unknown.
+def write_flow(path: str | os.PathLike[str], flow: ArrayLike, *, format: str | None = None) -> None:
+    """Writes a flow; motion that is not finite, or of 1e9 pixels and more, is marked as unknown.
 
     The file appears when it is complete; if anything fails, an older one stays as it was.
 
+    Args:
+        path: the ending tells the format: .flo, .png (KITTI's, 16 bits), .pfm, .npy, .npz, and .exr where tarvo
+            was built with OpenEXR.
+        flow: H x W x 2 [pixels].
+        format: the name of the format instead: npy16, npz16 and exr16 have numbers of 16 bits. The ending of the
+            path must be the format's.
+
     Raises:
-        TypeError, ValueError: not a flow, or the name does not end in .flo.
+        TypeError, ValueError: not a flow, or a name or an ending that no format has.
         OSError: the file cannot be written.
+
+    Warns:
+        UserWarning: pixels have motion beyond what the format holds; they are marked as unknown.
 
     >>> import numpy as np, tarvo, tempfile
     >>> with tempfile.TemporaryDirectory() as folder:
-    ...     tarvo.write_flow(folder + "/f.flo", np.full((2, 3, 2), 0.5, np.float32))
-    ...     print(tarvo.read_flow(folder + "/f.flo").mean())
+    ...     tarvo.write_flow(folder + "/f.npz", np.full((2, 3, 2), 0.5, np.float32), format="npz16")
+    ...     print(tarvo.read_flow(folder + "/f.npz").mean())
     0.5
     """
     name = os.fsdecode(path)
-    if not name.endswith(".flo"):
-        raise ValueError(f"path must end in .flo, got {name!r}")
+    listed = _core.flow_formats()
+    endings = dict(zip(listed[::2], listed[1::2]))
+    if format is not None and format not in endings:
+        raise ValueError(f"format must be one of {', '.join(endings)}, got {format!r}")
+    ending = os.path.splitext(name)[1].lower()
+    wanted = endings if format is None else {format: endings[format]}
+    chosen = next((known for known in wanted if wanted[known] == ending), None)
+    if chosen is None:
+        raise ValueError(f"path must end in {', '.join(dict.fromkeys(wanted.values()))}, got {name!r}")
     field = flow_field(flow, "flow")
-    unknown = ~np.isfinite(field).all(axis=2)
-    if unknown.any():
-        field = field.copy()
-        field[unknown] = 10 * _UNKNOWN
     try:
-        _core.write_flow(name, field)
+        dropped = _core.write_flow(name, field, chosen)
     except RuntimeError as error:
         raise OSError(str(error)) from None
+    if dropped:
+        warnings.warn(f"{name}: {dropped} pixels with motion beyond what {chosen} holds are marked unknown", stacklevel=2)
 
 
 def _number(value: object, name: str, nan: bool = False) -> float:

@@ -73,7 +73,7 @@ BAD = [
     (ValueError, ["image", "flow", "(20, 29, 3)"], lambda: tarvo.warp(GOOD[:, 1:], FLOW)),
     (TypeError, ["fill", "None"], lambda: tarvo.warp(GOOD, FLOW, fill=None)),
     (ValueError, ["flow", "truth"], lambda: tarvo.evaluate(FLOW, FLOW[:, 1:])),
-    (ValueError, ["path", "f.png"], lambda: tarvo.write_flow("f.png", FLOW)),
+    (ValueError, ["path", "f.gif"], lambda: tarvo.write_flow("f.gif", FLOW)),
     (OSError, ["/nowhere/f.flo"], lambda: tarvo.write_flow("/nowhere/f.flo", FLOW)),
     (OSError, ["/nowhere/f.flo"], lambda: tarvo.read_flow("/nowhere/f.flo")),
     (ValueError, ["device", "'gpu'"], lambda: tarvo.select_device("gpu")),

@@ -41,5 +41,5 @@ def test_colors_show_direction_length_and_unknown_motion():
     assert np.argmax(colors[0, 1]) == 1 and 100 < colors[0, 2].max() < 150 and colors[0, 3].tolist() == [128] * 3
     assert np.array_equal(tarvo.color(flow, wheel="dark", max_motion="longest"), colors)
     with_legend = tarvo.color(flow, legend=True)
-    assert with_legend[0, :2].tolist() == [[255, 0, 0], [0, 255, 255]] and with_legend[60, 20].tolist() == [255] * 3
+    assert with_legend[0, :2].tolist() == [[255, 0, 0], [0, 209, 255]] and with_legend[60, 20].tolist() == [255] * 3
     assert (with_legend[70:, 40:] == 0).all(axis=2).any()

@@ -38,7 +38,7 @@ for name, values in tarvo.presets().items():
 try:
     tarvo.set_threads(2)
     print(tarvo.devices(), tarvo.select_device("cpu"), tarvo.__version__)
-    tarvo.write_flow("f.flo", tarvo.read_flow("f.flo"))
+    tarvo.write_flow("f.npz", tarvo.read_flow("f.flo"), format="npz16")
     assert_type(tarvo.read_image("frame.png"), Floats)
     for step in tarvo.stream([image1, image1], backward=True, alpha=9):
         assert_type(step.forward, Floats)

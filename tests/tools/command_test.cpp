@@ -72,7 +72,7 @@ TEST_F(Command, WrongUsageEndsWith2AndNamesTheOption) {
       {{"flow", "a.png"}, "FRAME2"},
       {{"flow", "a.png", "b.png"}, "--output"},
       {{"flow", "a.png", "b.png", "c.png", "-o", "x.flo"}, "c.png"},
-      {{"flow", "a.png", "b.png", "-o", "x.png"}, "x.png"},
+      {{"flow", "a.png", "b.png", "-o", "x.gif"}, "x.gif"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--backward", "./x.flo"}, "--backward"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--color", "b.png"}, "--color"},
       {{"flow", "a.png", "b.flo", "-o", "./b.flo"}, "--output names an input"},

@@ -33,7 +33,7 @@ namespace {
 struct SequenceOptions {
   std::vector<std::string> inputs;
   std::string folder;
-  std::string direction = "forward";
+  std::string direction = "forward", format = "flo";
   bool occlusion = false, noMatches = false;
   Selection selection;
   double scale = 1;
@@ -95,14 +95,12 @@ PairJob jobOf(const SequenceOptions& options) {
   job.occlusion = options.occlusion;
   job.options.backward = job.backward && (job.forward || job.occlusion);
   job.options.occlusion = job.occlusion;
+  job.format = formatNamed(options.format);
   job.scale = options.scale;
-  job.settings = {{"version", NDevice::version()},
-                  {"direction", options.direction},
-                  {"occlusion", options.occlusion},
-                  {"scale", options.scale},
-                  {"step", options.selection.step},
-                  {"matches", !options.noMatches},
-                  {"parameters", parametersAsJson(options.parameters)}};
+  job.settings = {{"version", NDevice::version()}, {"direction", options.direction},
+                  {"format", options.format},      {"occlusion", options.occlusion},
+                  {"scale", options.scale},        {"step", options.selection.step},
+                  {"matches", !options.noMatches}, {"parameters", parametersAsJson(options.parameters)}};
   return job;
 }
 
@@ -362,6 +360,12 @@ void addSequence(CLI::App& app, Verbosity& verbosity) {
       ->check(scaleCheck())
       ->capture_default_str()
       ->type_name("NUMBER");
+  std::vector<std::string> formats;
+  for (const FlowFormat& format : flowFormats()) formats.emplace_back(format.name);
+  command->add_option("--format", options->format, "Of the flow files; docs/formats.md tells what each holds")
+      ->check(CLI::IsMember(formats))
+      ->capture_default_str()
+      ->type_name("NAME");
   command->add_flag("--no-matches", options->noMatches, "Search no matches");
   command->add_flag("--resume", options->resume,
                     "Go on with a run before: skip pairs whose results are there");

@@ -12,6 +12,7 @@
 
 #include "commands/arguments.h"
 #include "commands/commands.h"
+#include "commands/flow_io.h"
 #include "commands/output_files.h"
 #include "pictures/picture.h"
 
@@ -25,8 +26,9 @@ struct WarpOptions {
   int fill = 0;          ///< of all channels, where nothing is seen
 };
 
-CTensor<float> readFlowLike(const std::string& path, const CTensor<float>& frame) {
-  CTensor<float> flow = NFlowFile::read(path);
+CTensor<float> readFlowLike(const std::string& path, const CTensor<float>& frame,
+                            const Verbosity& verbosity) {
+  CTensor<float> flow = readFlowFile(path, verbosity);
   if (flow.sizeX() != frame.sizeX() || flow.sizeY() != frame.sizeY()) {
     throw std::runtime_error(path + ": is of " + sizeText(flow.sizeX(), flow.sizeY()) +
                              " pixels, the picture of " + sizeText(frame.sizeX(), frame.sizeY()));
@@ -37,15 +39,16 @@ CTensor<float> readFlowLike(const std::string& path, const CTensor<float>& frame
 void warp(const WarpOptions& options, const Verbosity& verbosity) {
   std::vector<std::string> inputs{options.frame, options.flow};
   if (!options.backward.empty()) inputs.push_back(options.backward);
-  OutputFiles outputs({{"--output", options.output, ".png"}}, inputs);
+  OutputFiles outputs({{"--output", options.output, {".png"}}}, inputs);
   routeReport(verbosity, false);
   std::vector<std::string> messages;
   const CTensor<float> frame = readPicture(options.frame, &messages);
   for (const std::string& text : messages) message(verbosity, text);
-  const CTensor<float> flow = readFlowLike(options.flow, frame);
+  const CTensor<float> flow = readFlowLike(options.flow, frame, verbosity);
   CTensor<float> back = NFlow::warp(frame, flow);  // not a number where the flow leads outside
   std::vector<std::uint8_t> hidden;
-  if (!options.backward.empty()) hidden = NFlow::consistency(flow, readFlowLike(options.backward, frame));
+  if (!options.backward.empty())
+    hidden = NFlow::consistency(flow, readFlowLike(options.backward, frame, verbosity));
   long unseen = 0;
   for (int y = 0; y < back.sizeY(); ++y) {
     for (int x = 0; x < back.sizeX(); ++x) {

@@ -98,7 +98,7 @@ std::string layerIn(const Imf::ChannelList& channels) {
   std::vector<std::string> found;
   for (auto at = channels.begin(); at != channels.end(); ++at) {
     const std::string name = at.name();
-    const std::string layer = name.substr(0, name.size() - 1);
+    std::string layer = name.substr(0, name.size() - 1);
     const bool ends = name.back() == 'u' && (layer.empty() || layer.back() == '.');
     if (!ends || !channels.findChannel(layer + "v")) continue;
     if (layer == std::string(kLayer) + ".") return layer;

@@ -37,7 +37,7 @@ class HeaderText {
     if (mark != '\'' && mark != '"') fail();
     const std::size_t end = text_.find(mark, at_ + 1);
     if (end == std::string::npos) fail();
-    const std::string found = text_.substr(at_ + 1, end - at_ - 1);
+    std::string found = text_.substr(at_ + 1, end - at_ - 1);
     at_ = end + 1;
     return found;
   }

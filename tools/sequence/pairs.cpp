@@ -1,7 +1,5 @@
 #include "sequence/pairs.h"
 
-#include <tarvo/NFlowFile.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -174,11 +172,14 @@ Json Pairs::computed(const Loaded& first, const Loaded& second) const {
   };
   const auto writeFlow = [&](const char* kind, const std::string& place, const CTensor<float>& flow) {
     checkFinite(flow);
-    write(kind, place, [&](std::FILE* file) { NFlowFile::write(file, flow); });
+    FlowLoss loss;
+    write(kind, place + endingOf(*job_.format),
+          [&](std::FILE* file) { loss = tool::writeFlow(file, flow, *job_.format); });
+    if (loss.dropped > 0) record["dropped"][kind] = loss.dropped;
   };
   const std::string& name = first.frame.name;
-  if (job_.forward) writeFlow("forward", name + ".flo", result.forward);
-  if (job_.backward) writeFlow("backward", "backward/" + name + ".flo", result.backward);
+  if (job_.forward) writeFlow("forward", name, result.forward);
+  if (job_.backward) writeFlow("backward", "backward/" + name, result.backward);
   if (job_.occlusion) {
     write("occlusion", "occlusion/" + name + ".png",
           [&](std::FILE* file) { writePng(file, pictureOf(result.occlusion, told.sizeX(), told.sizeY())); });

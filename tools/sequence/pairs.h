@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "flow_files/flow_file.h"
 #include "frames/frames.h"
 #include "sequence/manifest.h"
 
@@ -15,10 +16,11 @@ namespace tool {
 struct PairJob {           // NOLINT(bugprone-exception-escape): Json may throw where it is moved
   NFlow::Options options;  ///< backward and occlusion as the two below say
   bool forward = true, backward = false;
-  bool occlusion = false;  ///< what of the first frame is hidden in the second
-  double scale = 1;        ///< of the frames before anything else, up to 1
-  std::string folder;      ///< forward flows in it; others in its folders "backward", "occlusion"
-  Json settings;           ///< all of the above that changes a result, and the version
+  bool occlusion = false;              ///< what of the first frame is hidden in the second
+  const FlowFormat* format = nullptr;  ///< of the flows
+  double scale = 1;                    ///< of the frames before anything else, up to 1
+  std::string folder;                  ///< forward flows in it; others in its folders "backward", "occlusion"
+  Json settings;                       ///< all of the above that changes a result, and the version
 };
 
 /// What became of a pair.
