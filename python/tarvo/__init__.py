@@ -19,7 +19,8 @@ from tarvo._core import DeviceError
 from tarvo._device import devices, memory_required, select_device, set_threads
 from tarvo._flow import Result, compute, flow, matches
 from tarvo._options import Options, presets
-from tarvo._tools import Evaluation, FormatError, color, evaluate, occlusion, read_flow, warp, write_flow
+from tarvo._sequences import Summary, stream, write_sequence
+from tarvo._tools import Evaluation, FormatError, color, evaluate, occlusion, read_flow, read_image, warp, write_flow
 
 __version__: str = _core.version()
 DeviceError.__module__ = "tarvo"
@@ -31,6 +32,7 @@ __all__ = [
     "FormatError",
     "Options",
     "Result",
+    "Summary",
     "__version__",
     "color",
     "compute",
@@ -42,8 +44,11 @@ __all__ = [
     "occlusion",
     "presets",
     "read_flow",
+    "read_image",
     "select_device",
     "set_threads",
+    "stream",
     "warp",
     "write_flow",
+    "write_sequence",
 ]

@@ -7,8 +7,16 @@ import sys
 from pathlib import Path
 
 
-def main() -> None:
+def tool_path() -> Path:
+    """Where the tool is. Raises RuntimeError if the package was built without it."""
     tool = Path(__file__).parent / "bin" / "tarvo"
     if not tool.is_file():
-        sys.exit(f"tarvo: the tool is missing, it was left out when the package was built: {tool}")
-    os.execv(tool, [sys.argv[0], *sys.argv[1:]])
+        raise RuntimeError(f"the tool is missing, it was left out when the package was built: {tool}")
+    return tool
+
+
+def main() -> None:
+    try:
+        os.execv(tool_path(), [sys.argv[0], *sys.argv[1:]])
+    except RuntimeError as error:
+        sys.exit(f"tarvo: {error}")

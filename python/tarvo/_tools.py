@@ -5,15 +5,15 @@ from __future__ import annotations
 import math
 import numbers as number_kinds
 import os
+import warnings
 from dataclasses import dataclass
+from typing import Literal
 
 import numpy as np
 import numpy.typing as npt
 
 from tarvo import _core
 from tarvo._arrays import ArrayLike, flow_field, numbers, same_size
-
-_UNKNOWN = 1e9  # in files: components from here on mark unknown motion
 
 
 class FormatError(ValueError):
@@ -92,29 +92,42 @@ def warp(image: ArrayLike, flow: ArrayLike, *, fill: float = math.nan) -> npt.ND
     return _core.warp(planes, field, outside).reshape(values.shape)
 
 
-def color(flow: ArrayLike, *, max_motion: float | None = None, legend: bool = False) -> npt.NDArray[np.uint8]:
-    """A flow as colours, uint8 H x W x 3: the hue is the direction, the brightness the length.
-
-    Right is red, down violet blue, left green, up yellow; no motion is black, unknown motion grey.
+def color(
+    flow: ArrayLike,
+    *,
+    wheel: Literal["standard", "dark"] = "standard",
+    max_motion: float | Literal["auto", "longest"] = "auto",
+    legend: bool = False,
+) -> npt.NDArray[np.uint8]:
+    """A flow as colours, uint8 H x W x 3: the hue is the direction; unknown motion is grey.
 
     Args:
         flow: H x W x 2 [pixels].
-        max_motion: the length from which on colours are brightest [pixels]; default: the longest in the flow.
-            Pictures that are to be compared need the same.
-        legend: draw the colours of all directions as a disc in the lower right corner; its rim is max_motion.
+        wheel: "standard", with which flow fields are usually published: right is red, down yellow, left cyan,
+            up blue; no motion is white, colours are fuller up to max_motion and darker beyond it. Or "dark": right
+            is red, down violet blue, left green, up yellow; no motion is black, the brightness is the length.
+        max_motion: the length with the fullest colours [pixels]; "auto": the length that 99 of 100 known motions
+            do not exceed; "longest": the longest. Pictures that are to be compared need the same.
+        legend: draw the colours of all motions up to max_motion as a disc in the lower right corner, with
+            max_motion and the wheel's name, where the picture is large enough for it.
 
     Raises:
-        TypeError, ValueError: not a flow, or max_motion not above 0.
+        TypeError, ValueError: not a flow, no wheel of these, or max_motion not above 0.
 
     >>> import numpy as np, tarvo
     >>> right = np.full((1, 1, 2), (4, 0), np.float32)
-    >>> tarvo.color(right, max_motion=4)[0, 0].tolist()
-    [255, 0, 0]
+    >>> tarvo.color(right, max_motion=4)[0, 0].tolist(), tarvo.color(right, max_motion=8)[0, 0].tolist()
+    ([255, 0, 0], [255, 127, 127])
     """
     field = flow_field(flow, "flow")
-    if max_motion is not None and not _number(max_motion, "max_motion") > 0:
+    if wheel not in ("standard", "dark"):
+        raise ValueError(f'wheel must be "standard" or "dark", got {wheel!r}')
+    if isinstance(max_motion, str):
+        if max_motion not in ("auto", "longest"):
+            raise ValueError(f'max_motion must be "auto", "longest" or a number above 0, got {max_motion!r}')
+    elif not _number(max_motion, "max_motion") > 0:
         raise ValueError(f"max_motion must be above 0, got {max_motion!r}")
-    return _core.color(field, max_motion, bool(legend))
+    return _core.color(field, wheel, max_motion if isinstance(max_motion, str) else float(max_motion), bool(legend))
 
 
 def evaluate(flow: ArrayLike, truth: ArrayLike) -> Evaluation:
@@ -137,8 +150,30 @@ def evaluate(flow: ArrayLike, truth: ArrayLike) -> Evaluation:
     return Evaluation(**_core.evaluate(field, reference))
 
 
+def read_image(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
+    """A picture as the tool reads it: float32 H x W x 3, red, green, blue in 0 ... 255.
+
+    PNG (grey, RGB, palette; transparency is dropped), JPEG, PGM and PPM. Grey pictures have three equal channels,
+    16-bit values are divided by 257. Compute with range=255.
+
+    Raises:
+        OSError: the file is not there.
+        FormatError: it is no picture, damaged, or too large for a flow.
+    """
+    name = os.fspath(path)
+    with open(name, "rb"):
+        pass
+    try:
+        return _core.read_image(str(name))
+    except RuntimeError as error:
+        raise FormatError(str(error)) from None
+
+
 def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
-    """The flow in a .flo file: float32 H x W x 2 [pixels], not-a-number where it is unknown.
+    """The flow in a file: float32 H x W x 2 [pixels], not-a-number where it is unknown.
+
+    The name's ending tells the format: .flo, .png (KITTI's, 16 bits), .pfm, .npy, .npz, and .exr where tarvo was
+    built with OpenEXR; docs/formats.md has the details. Any other name is read as .flo.
 
     Raises:
         OSError: the file cannot be read.
@@ -155,40 +190,53 @@ def read_flow(path: str | os.PathLike[str]) -> npt.NDArray[np.float32]:
     with open(name, "rb"):
         pass  # an OSError of the usual kind
     try:
-        flow: npt.NDArray[np.float32] = _core.read_flow(name)
+        return _core.read_flow(name)
     except RuntimeError as error:
         raise FormatError(str(error)) from None
-    flow[~(np.abs(flow) < _UNKNOWN).all(axis=2)] = np.nan
-    return flow
 
 
-def write_flow(path: str | os.PathLike[str], flow: ArrayLike) -> None:
-    """Writes a flow as a .flo file; motion that is not finite, or of 1e9 pixels and more, is marked as unknown.
+def write_flow(path: str | os.PathLike[str], flow: ArrayLike, *, format: str | None = None) -> None:
+    """Writes a flow; motion that is not finite, or of 1e9 pixels and more, is marked as unknown.
 
     The file appears when it is complete; if anything fails, an older one stays as it was.
 
+    Args:
+        path: the ending tells the format: .flo, .png (KITTI's, 16 bits), .pfm, .npy, .npz, and .exr where tarvo
+            was built with OpenEXR.
+        flow: H x W x 2 [pixels].
+        format: the name of the format instead: npy16, npz16 and exr16 have numbers of 16 bits. The ending of the
+            path must be the format's.
+
     Raises:
-        TypeError, ValueError: not a flow, or the name does not end in .flo.
+        TypeError, ValueError: not a flow, or a name or an ending that no format has.
         OSError: the file cannot be written.
+
+    Warns:
+        UserWarning: pixels have motion beyond what the format holds; they are marked as unknown.
 
     >>> import numpy as np, tarvo, tempfile
     >>> with tempfile.TemporaryDirectory() as folder:
-    ...     tarvo.write_flow(folder + "/f.flo", np.full((2, 3, 2), 0.5, np.float32))
-    ...     print(tarvo.read_flow(folder + "/f.flo").mean())
+    ...     tarvo.write_flow(folder + "/f.npz", np.full((2, 3, 2), 0.5, np.float32), format="npz16")
+    ...     print(tarvo.read_flow(folder + "/f.npz").mean())
     0.5
     """
     name = os.fsdecode(path)
-    if not name.endswith(".flo"):
-        raise ValueError(f"path must end in .flo, got {name!r}")
+    listed = _core.flow_formats()
+    endings = dict(zip(listed[::2], listed[1::2]))
+    if format is not None and format not in endings:
+        raise ValueError(f"format must be one of {', '.join(endings)}, got {format!r}")
+    ending = os.path.splitext(name)[1].lower()
+    wanted = endings if format is None else {format: endings[format]}
+    chosen = next((known for known in wanted if wanted[known] == ending), None)
+    if chosen is None:
+        raise ValueError(f"path must end in {', '.join(dict.fromkeys(wanted.values()))}, got {name!r}")
     field = flow_field(flow, "flow")
-    unknown = ~np.isfinite(field).all(axis=2)
-    if unknown.any():
-        field = field.copy()
-        field[unknown] = 10 * _UNKNOWN
     try:
-        _core.write_flow(name, field)
+        dropped = _core.write_flow(name, field, chosen)
     except RuntimeError as error:
         raise OSError(str(error)) from None
+    if dropped:
+        warnings.warn(f"{name}: {dropped} pixels with motion beyond what {chosen} holds are marked unknown", stacklevel=2)
 
 
 def _number(value: object, name: str, nan: bool = False) -> float:

@@ -36,9 +36,10 @@ def test_files_keep_bits_and_unknown_motion(tmp_path):
 def test_colors_show_direction_length_and_unknown_motion():
     flow = np.zeros((90, 90, 2), np.float32)
     flow[0, :4] = (5, 0), (-5, 0), (0, 2.5), (np.nan, 0)
-    colors = tarvo.color(flow, max_motion=5)
+    colors = tarvo.color(flow, wheel="dark", max_motion=5)
     assert colors.dtype == np.uint8 and colors[0, 0].tolist() == [255, 0, 0] and colors[1, 0].tolist() == [0, 0, 0]
     assert np.argmax(colors[0, 1]) == 1 and 100 < colors[0, 2].max() < 150 and colors[0, 3].tolist() == [128] * 3
-    assert np.array_equal(tarvo.color(flow), colors)
+    assert np.array_equal(tarvo.color(flow, wheel="dark", max_motion="longest"), colors)
     with_legend = tarvo.color(flow, legend=True)
-    assert np.array_equal(with_legend[:60, :60], colors[:60, :60]) and with_legend[70:, 70:].any()
+    assert with_legend[0, :2].tolist() == [[255, 0, 0], [0, 209, 255]] and with_legend[60, 20].tolist() == [255] * 3
+    assert (with_legend[70:, 40:] == 0).all(axis=2).any()

@@ -1,6 +1,6 @@
 """Every public name, as type checkers should understand it."""
 
-from typing import Optional, Tuple
+from typing import Dict, Optional, Tuple
 
 import numpy as np
 import numpy.typing as npt
@@ -29,7 +29,7 @@ assert_type(result.seconds["total"], float)
 assert_type(tarvo.matches(image1, image1, range=(0.0, 255.0)), Floats)
 assert_type(tarvo.occlusion(forward, forward), npt.NDArray[np.bool_])
 assert_type(tarvo.warp(image1, forward, fill=0.0), Floats)
-assert_type(tarvo.color(forward, max_motion=3.0, legend=True), npt.NDArray[np.uint8])
+assert_type(tarvo.color(forward, wheel="dark", max_motion=3.0, legend=True), npt.NDArray[np.uint8])
 errors: tarvo.Evaluation = tarvo.evaluate(forward, forward)
 assert_type(errors.epe, float)
 assert_type(tarvo.memory_required(1080, 1920, preset="fast", eta=0.5), int)
@@ -38,6 +38,12 @@ for name, values in tarvo.presets().items():
 try:
     tarvo.set_threads(2)
     print(tarvo.devices(), tarvo.select_device("cpu"), tarvo.__version__)
-    tarvo.write_flow("f.flo", tarvo.read_flow("f.flo"))
+    tarvo.write_flow("f.npz", tarvo.read_flow("f.flo"), format="npz16")
+    assert_type(tarvo.read_image("frame.png"), Floats)
+    for step in tarvo.stream([image1, image1], backward=True, alpha=9):
+        assert_type(step.forward, Floats)
+    summary: tarvo.Summary = tarvo.write_sequence("frames", "out", direction="both", resume=True, progress=print)
+    tarvo.write_sequence((image1 for _ in "ab"), "out", preset="fast", alpha=9)
+    assert_type(summary.errors, Dict[int, str])
 except (tarvo.DeviceError, tarvo.FormatError, OSError) as error:
     print(error)

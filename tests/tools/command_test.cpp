@@ -72,7 +72,7 @@ TEST_F(Command, WrongUsageEndsWith2AndNamesTheOption) {
       {{"flow", "a.png"}, "FRAME2"},
       {{"flow", "a.png", "b.png"}, "--output"},
       {{"flow", "a.png", "b.png", "c.png", "-o", "x.flo"}, "c.png"},
-      {{"flow", "a.png", "b.png", "-o", "x.png"}, "x.png"},
+      {{"flow", "a.png", "b.png", "-o", "x.gif"}, "x.gif"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--backward", "./x.flo"}, "--backward"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--color", "b.png"}, "--color"},
       {{"flow", "a.png", "b.flo", "-o", "./b.flo"}, "--output names an input"},
@@ -96,7 +96,8 @@ TEST_F(Command, WrongUsageEndsWith2AndNamesTheOption) {
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--mask", "m.png", "--color", "m.png"}, "names an input"},
       {{"flow", "a.png", "b.png", "-o", "x.flo", "--occlusion", "x.jpg"}, "x.jpg"},
       {{"color", "x.flo", "-o", "x.jpg"}, "x.jpg"},
-      {{"color", "x.flo", "-o", "x.png", "--max-motion", "0"}, "--max-motion: 0"},
+      {{"color", "x.flo", "-o", "x.png", "--max-motion", "0"}, "0 is not auto, longest or a number above 0"},
+      {{"color", "x.flo", "-o", "x.png", "--wheel", "grey"}, "--wheel: grey"},
       {{"synth", "sea", "-o", "d"}, "sea"},
       {{"synth", "demo", "-o", "d", "--size", "12"}, "--size: 12"},
       {{"synth", "demo", "-o", "d", "--size", "99999x9"}, "--size: 99999x9"},
@@ -389,47 +390,103 @@ TEST_F(Command, EvalPrintsTheFiguresAsTextAndJson) {
   EXPECT_EQ(runTool({"eval", path("f.flo"), path("u.flo")}).status, 1);
 }
 
-TEST_F(Command, ColorDrawsTheLongestOrTheGivenMotionAtFullBrightness) {
-  CTensor<float> flow(5, 1, 2, 0.f);
-  flow(1, 0, 0) = 4;
-  flow(2, 0, 0) = 2;
-  flow(3, 0, 0) = 1e10f;
-  flow(4, 0, 1) = std::numeric_limits<float>::quiet_NaN();
+TEST_F(Command, ColorDrawsOnBothWheelsAtTheScaleAskedFor) {
+  // Eight directions from the right over downwards, then still, beyond the scale, unknown.
+  CTensor<float> flow(11, 1, 2, 0.f);
+  for (int k = 0; k < 8; ++k) {
+    flow(k, 0, 0) = k == 2 || k == 6 ? 0.f : k < 2 || k == 7 ? 4.f : -4.f;
+    flow(k, 0, 1) = k % 4 == 0 ? 0.f : k < 4 ? 4.f : -4.f;
+  }
+  flow(9, 0, 0) = 40;
+  flow(10, 0, 1) = 1e10f;
   NFlowFile::write(path("f.flo"), flow);
-  const auto red = [&](const Words& more) {
-    Words words{"color", path("f.flo"), "-o", path("f.png")};
-    words.insert(words.end(), more.begin(), more.end());
+  using Row = std::vector<int>;
+  const auto pixels = [&](Words words) {
+    words.insert(words.begin(), {"color", path("f.flo"), "-o", path("f.png")});
     EXPECT_EQ(runTool(words).status, 0);
     const CTensor<float> picture = readPicture(path("f.png"), nullptr);
-    return std::vector<float>(picture.data(), picture.data() + 5);
+    std::vector<Row> colours;
+    for (int x = 0; x < 11; ++x) {
+      colours.push_back({int(picture(x, 0, 0)), int(picture(x, 0, 1)), int(picture(x, 0, 2))});
+    }
+    return colours;
   };
-  // Lengths a little below the full one may be rounded down by one.
-  const std::vector<float> longest = red({}), given = red({"--max-motion", "8"});
-  EXPECT_EQ(longest[0], 0);
-  EXPECT_NEAR(longest[1], 255, 1);
-  EXPECT_NEAR(longest[2], 127, 1);
-  EXPECT_EQ(longest[3], longest[4]);  // unknown, in the colour for it
-  EXPECT_NE(longest[3], 0);
-  EXPECT_NEAR(given[1], 127, 1);
+  // Beyond the scale: three quarters of the table's hues, entries 0, 6.75, 13.5 ... 47.25 of 55.
+  const std::vector<Row> table{{191, 0, 0},   {191, 85, 0}, {191, 172, 0}, {23, 191, 0},
+                               {0, 156, 191}, {0, 39, 191}, {66, 0, 191},  {165, 0, 191}};
+  const std::vector<Row> beyond = pixels({"--max-motion", "1"}),
+                         longest = pixels({"--max-motion", "longest"});
+  EXPECT_TRUE(contains(readText(path("f.png")), std::string("scale\0"
+                                                            "40 px",
+                                                            11)));
+  for (int k = 0; k < 8; ++k) {
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(beyond[k][c], table[k][c], 1) << k << " " << c;
+  }
+  EXPECT_EQ(longest[8], (Row{255, 255, 255}));
+  EXPECT_EQ(longest[9], (Row{255, 0, 0}));
+  EXPECT_EQ(longest[0], (Row{255, 229, 229}));
+  EXPECT_EQ(longest[10], (Row{128, 128, 128}));
+  const std::vector<Row> dark = pixels({"--wheel", "dark", "--max-motion", "80"});
+  EXPECT_EQ(dark[8], (Row{0, 0, 0}));
+  EXPECT_NEAR(dark[9][0], 127, 1);
+  EXPECT_EQ(dark[10], (Row{128, 128, 128}));
+
+  CTensor<float> wild(20, 10, 2, 2.f);  // the usual length is that of all but one
+  wild(3, 3, 0) = 1000;
+  NFlowFile::write(path("w.flo"), wild);
+  EXPECT_TRUE(contains(runTool({"color", path("w.flo"), "-o", path("w.png")}).out, " 2.83 px"));
 }
 
 TEST_F(Command, ColorPutsTheLegendIntoTheLowerRightCorner) {
-  NFlowFile::write(path("still.flo"), CTensor<float>(90, 120, 2, 0.f));
-  ASSERT_EQ(runTool({"color", path("still.flo"), "-o", path("l.png"), "--legend"}).status, 0);
-  const CTensor<float> picture = readPicture(path("l.png"), nullptr);
-  int drawn = 0;
-  for (int y = 0; y < 120; ++y) {
-    for (int x = 0; x < 90; ++x) {
-      const bool black = picture(x, y, 0) + picture(x, y, 1) + picture(x, y, 2) == 0;
-      drawn += !black;
-      EXPECT_TRUE(black || (x >= 60 && y >= 90)) << x << " " << y;
-    }
+  // The motions of the legend's own disc, so that both must look the same.
+  constexpr int kRadius = 10, kWidth = 2 * kRadius + 1;
+  CTensor<float> flow(90, 120, 2, 0.f);
+  for (int y = 0; y < kWidth; ++y) {
+    for (int x = 0; x < kWidth; ++x) flow(x, y, 0) = float(x - kRadius), flow(x, y, 1) = float(y - kRadius);
   }
-  EXPECT_NEAR(drawn, 3.14 * 10 * 10, 20);  // a disc of a ninth of the shorter side
+  NFlowFile::write(path("f.flo"), flow);
+  for (const std::string wheel : {"standard", "dark"}) {
+    ASSERT_EQ(runTool({"color", path("f.flo"), "-o", path("l.png"), "--legend", "--wheel", wheel,
+                       "--max-motion", "10"})
+                  .status,
+              0);
+    const CTensor<float> picture = readPicture(path("l.png"), nullptr);
+    const int left = 90 - 55 + 27 - kRadius, top = 120 - 49 + 4;  // "standard" has 8 letters of 6 pixels
+    for (int y = 0; y < kWidth && wheel == "standard"; ++y) {
+      for (int x = 0; x < kWidth; ++x) {
+        if (std::hypot(x - kRadius, y - kRadius) > kRadius) continue;
+        for (int c = 0; c < 3; ++c)
+          ASSERT_EQ(picture(left + x, top + y, c), picture(x, y, c)) << x << " " << y;
+      }
+    }
+    int ink = 0;
+    for (int y = 100; y < 120; ++y) {
+      for (int x = 36; x < 90; ++x) ink += picture(x, y, 0) == 0 && picture(x, y, 1) == 0;
+    }
+    EXPECT_GT(ink, 50) << wheel;
+    EXPECT_EQ(picture(30, 60, 0), wheel == "dark" ? 0 : 255);
+  }
   NFlowFile::write(path("tiny.flo"), CTensor<float>(9, 9, 2, 0.f));
   const Outcome tiny = runTool({"color", path("tiny.flo"), "-o", path("t.png"), "--legend"});
   EXPECT_EQ(tiny.status, 0);
   EXPECT_TRUE(contains(tiny.err, "legend"));
+}
+
+TEST_F(Command, WarpBringsASecondPictureBackAndFillsWhatIsNotSeen) {
+  makeFrames();
+  const CTensor<float> second = readPicture(frames[1], nullptr);
+  NFlowFile::write(path("f.flo"), CTensor<float>(48, 40, 2, 3.f));
+  NFlowFile::write(path("b.flo"), CTensor<float>(48, 40, 2, 9.f));  // nothing returns
+  const Words words{"warp", frames[1], path("f.flo"), "-o", path("w.png"), "--fill", "7"};
+  ASSERT_EQ(runTool(words).status, 0);
+  const CTensor<float> back = readPicture(path("w.png"), nullptr);
+  EXPECT_EQ(back(5, 6, 1), second(8, 9, 1));
+  EXPECT_EQ(back(45, 6, 1), 7);
+  Words hidden = words;
+  hidden.insert(hidden.end(), {"--occlusion", path("b.flo")});
+  EXPECT_TRUE(contains(runTool(hidden).out, "1920 of them not seen"));
+  NFlowFile::write(path("f.flo"), CTensor<float>(4, 4, 2, 3.f));
+  EXPECT_TRUE(contains(runTool(words).err, "4 x 4 pixels, the picture of 48 x 40"));
 }
 
 TEST_F(Command, InfoTellsVersionDevicesAndInstructions) {

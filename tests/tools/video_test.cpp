@@ -25,7 +25,7 @@ class Video : public testing::Test {
                       "rgb24", folder_.path("%d.png")}));
   }
   static bool make(std::vector<std::string> words) {
-    words.insert(words.begin(), {"ffmpeg", "-v", "error", "-y"});
+    words.insert(words.begin(), {"/usr/bin/env", "ffmpeg", "-v", "error", "-y"});
     const Outcome made = runProgram(words);
     return made.status == 0 || (ADD_FAILURE() << made.err, false);
   }

@@ -2,9 +2,14 @@
 
 #include <tarvo/NFlow.h>
 
+#include <CLI/CLI.hpp>
 #include <string>
 
 #include "commands/console.h"
+
+namespace CLI {
+class App;
+}
 
 /// The commands behind the command line, one file each. They print results on standard output and throw
 /// UsageError for arguments that can't go together and std::exception for what fails while running.
@@ -36,7 +41,8 @@ void eval(const EvalOptions& options, const Verbosity& verbosity);
 
 struct ColorOptions {
   std::string flow, output;
-  double maxMotion = 0;  ///< 0: the longest known motion
+  std::string wheel = "standard";
+  std::string maxMotion = "auto";  ///< a number [pixels], "longest" or "auto", the usual motion
   bool legend = false;
 };
 void color(const ColorOptions& options, const Verbosity& verbosity);
@@ -59,5 +65,11 @@ struct InfoOptions {
   bool json = false;
 };
 void info(const InfoOptions& options);
+
+/// Commands that declare themselves: each adds its subcommand, which runs when it is parsed.
+void addSequence(CLI::App& app, Verbosity& verbosity);
+void addStatus(CLI::App& app, Verbosity& verbosity);
+void addConvert(CLI::App& app, Verbosity& verbosity);
+void addWarp(CLI::App& app, Verbosity& verbosity);
 
 }  // namespace tool

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "commands/commands.h"
+#include "commands/flow_io.h"
 #include "evaluation/evaluation.h"
 
 namespace tool {
@@ -75,8 +76,8 @@ void printTable(const Evaluation& result) {
 
 void eval(const EvalOptions& options, const Verbosity& verbosity) {
   routeReport(verbosity, false);
-  const CTensor<float> flow = NFlowFile::read(options.flow);
-  const CTensor<float> reference = NFlowFile::read(options.reference);
+  const CTensor<float> flow = readFlowFile(options.flow, verbosity);
+  const CTensor<float> reference = readFlowFile(options.reference, verbosity);
   if (flow.sizeX() != reference.sizeX() || flow.sizeY() != reference.sizeY()) {
     throw std::runtime_error("the flow fields differ in size: " + options.flow + " has " +
                              sizeText(flow.sizeX(), flow.sizeY()) + " pixels, " + options.reference +

@@ -11,8 +11,10 @@
 #include <stdexcept>
 
 #include "commands/commands.h"
+#include "commands/flow_io.h"
 #include "commands/output_files.h"
 #include "commands/parameters.h"
+#include "evaluation/evaluation.h"
 #include "flow_picture/flow_picture.h"
 #include "pictures/picture.h"
 
@@ -76,15 +78,6 @@ Json phaseSeconds(const NFlow::Seconds& seconds, bool hybrid) {
           {"warping", seconds.warping},
           {"fixed_point", seconds.fixedPoint},
           {"solver", seconds.solver}};
-}
-
-/// Pictures have finite values, and so does their flow unless a weight lets a sum overflow.
-void checkFinite(const CTensor<float>& flow) {
-  const auto finite = [](float value) { return std::isfinite(value); };
-  const long bad = flow.size() - std::count_if(flow.data(), flow.data() + flow.size(), finite);
-  if (bad == 0) return;
-  throw std::runtime_error("the flow is not a number at " + std::to_string(bad) + " of " +
-                           std::to_string(flow.size()) + " values: --alpha, --beta or --gamma is too large");
 }
 
 NFlow::Image viewOf(const CTensor<float>& frame, const std::vector<std::uint8_t>& mask) {
@@ -238,11 +231,11 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
   for (const std::string& mask : options.masks) {
     if (!mask.empty()) inputs.push_back(mask);
   }
-  OutputFiles outputs({{"--output", options.output, ".flo"},
-                       {"--backward", options.backward, ".flo"},
-                       {"--color", options.colour, ".png"},
-                       {"--occlusion", options.occlusion, ".png"},
-                       {"--matches", options.matches, ".csv"}},
+  OutputFiles outputs({{"--output", options.output, flowEndings()},
+                       {"--backward", options.backward, flowEndings()},
+                       {"--color", options.colour, {".png"}},
+                       {"--occlusion", options.occlusion, {".png"}},
+                       {"--matches", options.matches, {".csv"}}},
                       inputs);
   const Frames frames = readFrames(options, verbosity);
   routeReport(verbosity, true);
@@ -258,14 +251,15 @@ void flow(const FlowOptions& options, const Verbosity& verbosity) {
   }
   const CTensor<float>& forward = computed.forward.flow;
   checkFinite(forward);
-  outputs.write(options.output, [&](std::FILE* file) { NFlowFile::write(file, forward); });
+  writeFlowFile(outputs, options.output, forward, verbosity);
   if (!options.backward.empty()) {
     checkFinite(computed.backward.flow);
-    outputs.write(options.backward, [&](std::FILE* file) { NFlowFile::write(file, computed.backward.flow); });
+    writeFlowFile(outputs, options.backward, computed.backward.flow, verbosity);
   }
   if (!options.colour.empty()) {
-    const CTensor<float> picture = colourPicture(forward, longestMotion(forward));
-    outputs.write(options.colour, [&](std::FILE* file) { writePng(file, picture); });
+    const Colours colours{Wheel::Standard, usualMotion(forward)};
+    const CTensor<float> picture = colourPicture(forward, colours);
+    outputs.write(options.colour, [&](std::FILE* file) { writePng(file, picture, 8, notesOf(colours)); });
   }
   if (!options.occlusion.empty()) {
     const CTensor<float> picture = pictureOf(computed.occlusion, forward.sizeX(), forward.sizeY());

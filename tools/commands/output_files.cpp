@@ -52,9 +52,14 @@ bool sameFile(const std::string& a, const std::string& b) {
 void checkEnding(const Output& output) {
   std::string found = fs::path(output.path).extension().string();
   std::transform(found.begin(), found.end(), found.begin(), [](unsigned char c) { return std::tolower(c); });
-  if (found != output.ending) {
-    throw UsageError{output.option + ": '" + output.path + "' does not end in " + output.ending};
+  if (std::find(output.endings.begin(), output.endings.end(), found) != output.endings.end()) {
+    return;
   }
+  std::string endings;
+  for (std::size_t i = 0; i < output.endings.size(); ++i) {
+    endings += (i == 0 ? "" : i + 1 < output.endings.size() ? ", " : " or ") + output.endings[i];
+  }
+  throw UsageError{output.option + ": '" + output.path + "' does not end in " + endings};
 }
 
 /// Opens the temporary file for writing; -1, and errno set, if that fails.

@@ -9,9 +9,9 @@ namespace tool {
 
 /// A file that a command is to write.
 struct Output {
-  std::string option;  ///< that names it
-  std::string path;    ///< empty: not asked for
-  std::string ending;  ///< that the path must have, whatever its case
+  std::string option;                ///< that names it
+  std::string path;                  ///< empty: not asked for
+  std::vector<std::string> endings;  ///< one of which the path must have, whatever its case
 };
 
 /// The files that a command writes: all or none appear. Each is written under a temporary name beside its

@@ -19,7 +19,7 @@ void synth(const SynthOptions& options, const Verbosity& verbosity) {
   const std::string frame1 = (folder / "frame1.png").string(), frame2 = (folder / "frame2.png").string(),
                     flow = (folder / "flow.flo").string();
   OutputFiles outputs(
-      {{"frame1.png", frame1, ".png"}, {"frame2.png", frame2, ".png"}, {"flow.flo", flow, ".flo"}}, {});
+      {{"frame1.png", frame1, {".png"}}, {"frame2.png", frame2, {".png"}}, {"flow.flo", flow, {".flo"}}}, {});
   routeReport(verbosity, false);
   const Rendering rendering = render(makeScene(options.scene, options.width, options.height, options.seed));
   outputs.write(frame1, [&](std::FILE* file) { writePng(file, rendering.frame1); });

@@ -83,6 +83,14 @@ Evaluation Accumulator::finish() {
 
 }  // namespace
 
+void checkFinite(const CTensor<float>& flow) {
+  const auto finite = [](float value) { return std::isfinite(value); };
+  const long bad = flow.size() - std::count_if(flow.data(), flow.data() + flow.size(), finite);
+  if (bad == 0) return;
+  throw std::runtime_error("the flow is not a number at " + std::to_string(bad) + " of " +
+                           std::to_string(flow.size()) + " values: --alpha, --beta or --gamma is too large");
+}
+
 bool isKnown(float u, float v) {
   return std::abs(u) < kUnknown && std::abs(v) < kUnknown;
 }

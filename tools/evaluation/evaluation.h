@@ -8,6 +8,10 @@
 /// motion by greater ones.
 bool isKnown(float u, float v);
 
+/// Throws std::runtime_error unless all values of a computed flow are numbers. They are for pictures of finite
+/// values, unless a weight lets a sum overflow.
+void checkFinite(const CTensor<float>& flow);
+
 /// How far a flow field is from a reference.
 ///
 /// Pixels whose reference is unknown are left out of everything. Pixels where only the flow is unknown (not a

@@ -12,8 +12,9 @@ namespace tool {
 
 /// One picture of a sequence.
 struct Frame {
-  std::string name;            ///< what its flow is named after: of a file, without folder and ending
-  CTensor<float> picture;      ///< width x height x 3: red, green, blue in 0 ... 255
+  std::string name;        ///< what its flow is named after: of a file, without folder and ending
+  std::string path;        ///< of a picture file, which is not read yet; else empty
+  CTensor<float> picture;  ///< width x height x 3: red, green, blue in 0 ... 255; empty if there is a path
   std::optional<double> time;  ///< when it is shown [s]; of video
 };
 

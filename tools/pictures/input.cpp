@@ -1,10 +1,10 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <limits>
 #include <stdexcept>
 
 #include "pictures/formats.h"
+#include "pictures/limits.h"
 
 namespace pictures {
 
@@ -14,17 +14,6 @@ namespace {
 constexpr std::size_t kMostOfHeaders = 64u << 20;
 /// No kind spends more on a pixel, except a map of numbers with wide gaps: three numbers of 15 characters.
 constexpr std::size_t kMostPerPixel = 48;
-
-/// What the flow functions of the library accept: 15 planes whose rows are padded by less than 64 values,
-/// indexed with an int.
-bool flowTakes(unsigned long width, unsigned long height) {
-  constexpr unsigned long kMostValues = std::numeric_limits<int>::max() / 15;
-  return width <= kMostValues - 64 && height <= kMostValues / (width + 64);
-}
-
-std::string sizeText(unsigned long width, unsigned long height) {
-  return std::to_string(width) + " x " + std::to_string(height);
-}
 
 }  // namespace
 
@@ -90,18 +79,12 @@ int Input::peek() {
 }
 
 CTensor<float> Input::newPicture(unsigned long width, unsigned long height) {
-  const std::string size = sizeText(width, height);
-  if (width == 0 || height == 0) {
-    throw std::runtime_error("has no pixels (" + size + " pixels)");
-  }
-  if (!flowTakes(width, height)) {
-    throw std::runtime_error("is too large (" + size + " pixels; about 143 million are the most)");
-  }
+  checkSize(width, height);
   const auto w = static_cast<int>(width), h = static_cast<int>(height);
   if (like_ && (w != like_->sizeX() || h != like_->sizeY())) {
     throw std::runtime_error(
-        "has " + size + " pixels, not " +
-        sizeText(static_cast<unsigned long>(like_->sizeX()), static_cast<unsigned long>(like_->sizeY())) +
+        "has " + sizeText(width, height) + " pixels, not " +
+        sizeText(static_cast<std::uint64_t>(like_->sizeX()), static_cast<std::uint64_t>(like_->sizeY())) +
         " like the first picture");
   }
   left_ += kMostPerPixel * width * height;

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// Reads a picture: PNG (grey, RGB, palette; 1 to 16 bits; transparency is dropped), JPEG (grey or colour),
@@ -28,8 +29,12 @@ CTensor<float> readPicture(const std::string& path, std::vector<std::string>* me
 /// @throws std::runtime_error  as readPicture does; what follows in the stream cannot be read then
 bool readNextPnm(std::FILE* stream, const std::string& name, CTensor<float>& picture);
 
-/// Writes a PNG with 8 bits per value.
+/// Writes a PNG.
 /// @param file  open for writing; stays open
-/// @param rgb   width x height x 3; values are rounded and limited to 0 ... 255, not-a-number gives 0
+/// @param rgb   width x height x 3; values are rounded and limited to 0 ... 255, with 16 bits to 0 ... 65535;
+///              not-a-number gives 0
+/// @param bits  per value, 8 or 16
+/// @param notes  names and values of what is to be told in the file as text
 /// @throws std::runtime_error  with the reason alone; the file may then be incomplete
-void writePng(std::FILE* file, const CTensor<float>& rgb);
+void writePng(std::FILE* file, const CTensor<float>& rgb, int bits = 8,
+              const std::vector<std::pair<std::string, std::string>>& notes = {});

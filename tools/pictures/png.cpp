@@ -145,6 +145,7 @@ struct Encoder {
   png_structp png = nullptr;
   png_infop info = nullptr;
   std::vector<unsigned char> row;
+  std::vector<png_text> notes;
 };
 
 void writeBytes(png_structp png, png_bytep bytes, std::size_t count) {
@@ -153,25 +154,33 @@ void writeBytes(png_structp png, png_bytep bytes, std::size_t count) {
   }
 }
 
-unsigned char toByte(float value) {
-  return value > 0 ? static_cast<unsigned char>(std::lround(std::min(value, 255.f))) : 0;
+unsigned toWhole(float value, float most) {
+  return value > 0 ? static_cast<unsigned>(std::lround(std::min(value, most))) : 0;
 }
 
-bool writeRows(Encoder& e, std::FILE* file, const CTensor<float>& rgb) {
+void setRow(std::vector<unsigned char>& row, const CTensor<float>& rgb, int y, int bits) {
+  unsigned char* to = row.data();
+  for (int x = 0; x < rgb.sizeX(); ++x) {
+    for (int z = 0; z < 3; ++z) {
+      const unsigned value = toWhole(rgb(x, y, z), bits == 8 ? 255.f : 65535.f);
+      if (bits == 16) *to++ = static_cast<unsigned char>(value >> 8);
+      *to++ = static_cast<unsigned char>(value);
+    }
+  }
+}
+
+bool writeRows(Encoder& e, std::FILE* file, const CTensor<float>& rgb, int bits) {
   if (setjmp(png_jmpbuf(e.png))) {
     return false;
   }
   png_set_write_fn(e.png, file, writeBytes, nullptr);
   png_set_user_limits(e.png, 0x7fffffff, 0x7fffffff);
-  png_set_IHDR(e.png, e.info, rgb.sizeX(), rgb.sizeY(), 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
+  png_set_IHDR(e.png, e.info, rgb.sizeX(), rgb.sizeY(), bits, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  png_set_text(e.png, e.info, e.notes.data(), static_cast<int>(e.notes.size()));
   png_write_info(e.png, e.info);
   for (int y = 0; y < rgb.sizeY(); ++y) {
-    for (int x = 0; x < rgb.sizeX(); ++x) {
-      for (int z = 0; z < 3; ++z) {
-        e.row[3 * static_cast<std::size_t>(x) + z] = toByte(rgb(x, y, z));
-      }
-    }
+    setRow(e.row, rgb, y, bits);
     png_write_row(e.png, e.row.data());
   }
   png_write_end(e.png, nullptr);
@@ -200,13 +209,22 @@ CTensor<float> decodePng(Input& input) {
 
 }  // namespace pictures
 
-void writePng(std::FILE* file, const CTensor<float>& rgb) {
+void writePng(std::FILE* file, const CTensor<float>& rgb, int bits,
+              const std::vector<std::pair<std::string, std::string>>& notes) {
   if (rgb.sizeX() < 1 || rgb.sizeY() < 1 || rgb.sizeZ() != 3) {
     throw std::runtime_error("no pixels, or not three planes");
   }
   pictures::Encoder encoder;
-  encoder.row.resize(3 * static_cast<std::size_t>(rgb.sizeX()));
-  if (!pictures::writeRows(encoder, file, rgb)) {
+  encoder.row.resize(3 * static_cast<std::size_t>(rgb.sizeX()) * (bits == 16 ? 2 : 1));
+  for (const auto& [name, value] : notes) {
+    png_text text{};
+    text.compression = PNG_TEXT_COMPRESSION_NONE;
+    text.key = const_cast<char*>(name.c_str());  // which libpng only reads
+    text.text = const_cast<char*>(value.c_str());
+    text.text_length = value.size();
+    encoder.notes.push_back(text);
+  }
+  if (!pictures::writeRows(encoder, file, rgb, bits)) {
     throw std::runtime_error(encoder.log.error);
   }
   if (std::fflush(file) != 0) {
