@@ -14,7 +14,7 @@ set -eu
 build_packages="g++ cmake ninja-build make pkg-config libpng-dev zlib1g-dev libopenexr-dev libjpeg62-turbo-dev
   libcli11-dev nlohmann-json3-dev libxxhash-dev libgtest-dev libbenchmark-dev"
 python_packages="python3-dev python3-venv python3-pip"
-dev_packages="$python_packages clang-format-14 clang-tidy-14 valgrind doxygen"
+dev_packages="$python_packages clang-format-14 clang-tidy-14 valgrind doxygen ffmpeg"
 
 quiet=no
 packages=$build_packages

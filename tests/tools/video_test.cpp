@@ -43,6 +43,21 @@ class Video : public testing::Test {
     frames.pop_back();
     return frames;
   }
+  /// What tarvo sequence writes, one flow behind the other.
+  std::string flowsOf(const std::string& input) const {
+    const std::string out = folder_.path("flows");
+    const Outcome run = runTool({"sequence", input, "-o", out, "--preset", "fast"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    std::string flows;
+    for (int i = 0; i < 6; ++i) {
+      char name[16];
+      std::snprintf(name, sizeof name, "%06d.flo", i);
+      const std::string path = out + "/" + (input.back() == 'g' ? std::to_string(i + 1) + ".flo" : name);
+      flows += readText(path);
+    }
+    std::filesystem::remove_all(out);
+    return flows;
+  }
   static std::string errorOf(const std::string& path) {
     try {
       framesOf(path);
@@ -66,6 +81,7 @@ TEST_F(Video, LosslessClipsHaveThePixelsOfTheirPictures) {
       EXPECT_TRUE(std::equal(picture.data(), picture.data() + picture.size(), frames[i].picture.data())) << i;
       EXPECT_DOUBLE_EQ(*frames[i].time, double(i) / 25);
     }
+    EXPECT_EQ(flowsOf(path), flowsOf(folder_.path("%d.png"))) << path;
   }
 }
 

@@ -23,6 +23,7 @@
 #include "sequence/pairs.h"
 #include "sequence/resume.h"
 #include "sequence/workers.h"
+#include "video/video.h"
 
 namespace fs = std::filesystem;
 
@@ -139,8 +140,10 @@ Team teamFor(const SequenceOptions& options, const PairJob& job, const std::vect
 /// The results of one clip.
 class ClipRun {
  public:
-  ClipRun(const SequenceOptions& options, const Clip& clip, const Shard& shard, PairJob job)
+  ClipRun(const SequenceOptions& options, const Verbosity& verbosity, const Clip& clip, const Shard& shard,
+          PairJob job)
       : options_(options),
+        verbosity_(verbosity),
         clip_(clip),
         job_(std::move(job)),
         shard_(shard),
@@ -154,9 +157,9 @@ class ClipRun {
       }
       block_ = blockOf(shard, *pairs_);
     } else if (shard.count > 1) {
-      throw UsageError{"--shard: standard input cannot be split"};
+      throw UsageError{"--shard: " + named() + " cannot be split"};
     } else if (options.jobs > 1) {
-      throw UsageError{"--jobs: standard input is read by one process"};
+      throw UsageError{"--jobs: " + named() + " is read by one process"};
     }
   }
 
@@ -231,6 +234,16 @@ class ClipRun {
     return true;
   }
 
+  std::string named() const { return clip_.kind == Clip::Kind::Stream ? "standard input" : clip_.input; }
+
+  std::unique_ptr<FrameSource> open() const {
+    if (clip_.kind == Clip::Kind::Stream) return framesOf(stdin, named());
+    std::vector<std::string> messages;
+    std::unique_ptr<FrameSource> frames = openVideo(clip_.input, {}, &messages);
+    for (const std::string& text : messages) message(verbosity_, text);
+    return frames;
+  }
+
   bool runStream(const std::function<void(const PairReport&)>& report) {
     const Team team = teamFor(options_, job_, {}, 1);
     useDevice(team.threads);
@@ -238,7 +251,7 @@ class ClipRun {
       return known_.isDone(pair, first, second, options_.redo);
     };
     Pairs pairs(job_, 0, isDone, report, throwIfStopped);
-    const auto source = select(framesOf(stdin, "standard input"), options_.selection);
+    const auto source = select(open(), options_.selection);
     long frames = 0;
     try {
       for (Frame frame; source->next(frame); ++frames) pairs.add(std::move(frame));
@@ -247,7 +260,7 @@ class ClipRun {
       return false;
     }
     if (frames < 2) {
-      throw std::runtime_error("standard input: " + std::to_string(frames) +
+      throw std::runtime_error(named() + ": " + std::to_string(frames) +
                                (frames == 1 ? " frame makes no pair" : " frames make no pair"));
     }
     pairs_ = frames - 1;
@@ -255,6 +268,7 @@ class ClipRun {
   }
 
   const SequenceOptions& options_;
+  const Verbosity& verbosity_;
   const Clip& clip_;
   PairJob job_;
   Shard shard_;
@@ -279,12 +293,24 @@ std::vector<std::string> foldersFor(const std::vector<Clip>& clips, const std::s
   return folders;
 }
 
+void needFfmpeg() {
+  try {
+    checkFfmpeg();
+  } catch (const std::runtime_error& error) {
+    throw UsageError{error.what()};
+  }
+}
+
 void sequence(const SequenceOptions& options, const Verbosity& verbosity) {
   const Shard shard = parseShard(options.shard);
   std::vector<std::string> messages;
   const std::vector<Clip> clips = findClips(options.inputs, messages);
   const std::vector<std::string> folders = foldersFor(clips, options.folder);
   for (const std::string& text : messages) message(verbosity, text);
+  if (std::any_of(clips.begin(), clips.end(),
+                  [](const Clip& clip) { return clip.kind == Clip::Kind::Video; })) {
+    needFfmpeg();
+  }
   routeReport(verbosity, true);
 
   std::vector<std::unique_ptr<ClipRun>> runs;
@@ -292,7 +318,7 @@ void sequence(const SequenceOptions& options, const Verbosity& verbosity) {
   for (std::size_t k = 0; k < clips.size(); ++k) {
     PairJob job = jobOf(options);
     job.folder = folders[k];
-    runs.push_back(std::make_unique<ClipRun>(options, clips[k], shard, std::move(job)));
+    runs.push_back(std::make_unique<ClipRun>(options, verbosity, clips[k], shard, std::move(job)));
     runs.back()->prepare();
     known = known < 0 || runs.back()->known() < 0 ? -1 : known + runs.back()->known();
   }
@@ -328,7 +354,8 @@ void addSequence(CLI::App& app, Verbosity& verbosity) {
   command->footer(
       "An INPUT is a folder, a pattern like 'shot.%04d.png' or 'shot.*.png', a list of files (.txt), picture "
       "files,\n"
-      "or - for PPM and PGM pictures on standard input. N frames give N - 1 flows, FOLDER/NAME.flo, named "
+      "a video file, or - for PPM and PGM pictures on standard input. N frames give N - 1 flows, "
+      "FOLDER/NAME.flo, named "
       "after the\n"
       "first frame of their pair. What is done is in FOLDER/tarvo.jsonl; 'tarvo status FOLDER' reads it.\n"
       "A frame or pair that fails is reported, the others go on, and the exit status is 1.");

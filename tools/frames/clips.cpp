@@ -13,6 +13,7 @@
 
 #include "frames/natural_order.h"
 #include "pictures/picture.h"
+#include "video/video.h"
 
 namespace fs = std::filesystem;
 
@@ -158,6 +159,10 @@ std::string nameOf(const std::string& input) {
 
 Clip clipOf(const std::string& input, std::vector<std::string>& messages) {
   if (input == "-") return {Clip::Kind::Stream, input, "stdin", {}};
+  if (looksLikeVideo(input)) {
+    if (!fs::is_regular_file(input)) throw std::runtime_error(input + ": there is no such file");
+    return {Clip::Kind::Video, input, nameOf(input), {}};
+  }
   Clip clip{Clip::Kind::Files, input, nameOf(input), {}};
   const bool exists = fs::exists(input);
   if (fs::is_directory(input)) {
@@ -169,7 +174,7 @@ Clip clipOf(const std::string& input, std::vector<std::string>& messages) {
   } else if (!exists && input.find_first_of("*?[") != std::string::npos) {
     clip.files = filesMatching(input);
   } else {
-    throw std::runtime_error(input + (exists ? ": is no picture, folder, pattern or list (.txt)"
+    throw std::runtime_error(input + (exists ? ": is no picture, video, folder, pattern or list (.txt)"
                                              : ": there is no such file or folder"));
   }
   if (clip.files.empty()) throw std::runtime_error(input + ": there are no pictures");

@@ -11,7 +11,7 @@ namespace tool {
 
 /// Frames that belong together: picture files, or a source that has to be read from its start.
 struct Clip {
-  enum class Kind { Files, Stream };
+  enum class Kind { Files, Stream, Video };
   Kind kind;
   std::string input;               ///< as the user named it
   std::string name;                ///< for a folder of its results: of a folder or file, without ending
@@ -20,7 +20,7 @@ struct Clip {
 
 /// What the user's inputs mean: a folder (its pictures in natural order; other files are passed over), a
 /// pattern (frame%04d.png, or with * ? [ ]), a list (.txt: a path on each line, relative to the list's folder;
-/// # starts a comment), or - for PGM and PPM pictures on standard input is a clip each; picture files are one
+/// # starts a comment), a video file, or - for PGM and PPM pictures on standard input is a clip each; picture files are one
 /// clip in their given order.
 /// @param messages  what should be known (missing numbers, files passed over), one line each, is appended
 /// @throws std::runtime_error  naming the input: if it does not exist or is nothing of these, if pictures and

@@ -84,6 +84,7 @@ Child::Child(const std::vector<std::string>& words, const std::vector<int>& desc
     }
   }
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) {
     arguments.push_back(const_cast<char*>(word.c_str()));
   }
