@@ -126,7 +126,10 @@ PairReport Pairs::pair(Loaded& first, Loaded& second) {
     return frame.path.empty() ? frame.name : fs::path(frame.path).filename().string();
   };
   Json record{{"pair", pair_}, {"frames", {fileOf(first.frame), fileOf(second.frame)}}};
-  if (first.frame.time && second.frame.time) record["t"] = {*first.frame.time, *second.frame.time};
+  const auto micros = [](double time) { return std::round(time * 1e6) / 1e6; };
+  if (first.frame.time && second.frame.time) {
+    record["t"] = {micros(*first.frame.time), micros(*second.frame.time)};
+  }
   if (first.error.empty() && second.error.empty() && isDone_ &&
       isDone_(pair_, first.contents, second.contents)) {
     return {PairReport::State::Skipped, pair_, record, seconds()};
