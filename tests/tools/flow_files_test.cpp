@@ -71,7 +71,7 @@ class FlowFiles : public testing::Test {
 
 std::string littleEndian(std::uint64_t value, int bytes) {
   std::string text;
-  for (int i = 0; i < bytes; ++i) text += char(value >> 8 * i);
+  for (; bytes > 0; --bytes, value >>= 8) text += char(value);
   return text;
 }
 

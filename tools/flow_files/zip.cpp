@@ -42,7 +42,7 @@ std::uint64_t findEnd(FileSource& file, std::vector<unsigned char>& tail) {
 }
 
 void put(std::string& bytes, std::uint64_t value, int count) {
-  for (int i = 0; i < count; ++i) bytes += static_cast<char>(value >> 8 * i);
+  for (; count > 0; --count, value >>= 8) bytes += static_cast<char>(value);
 }
 
 /// The fields that an entry has in front of its data and in the directory.
