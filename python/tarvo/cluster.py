@@ -76,14 +76,15 @@ def map_pairs(
     Raises:
         ValueError: no pairs, or two whose flows would have the same name.
     """
-    from distributed import Client, get_client
+    import distributed
 
+    dask: Any = distributed  # whose functions are typed in part only
     tasks = _tasks(pairs, Path(folder), block)
     if client is None:
         try:
-            client = get_client()
+            client = dask.get_client()
         except ValueError:
-            client = Client(threads_per_worker=1)
+            client = dask.Client(threads_per_worker=1)
     Path(folder).mkdir(parents=True, exist_ok=True)
     if backward:
         (Path(folder) / "backward").mkdir(exist_ok=True)
@@ -139,5 +140,5 @@ def _share_of_processors() -> int:
     from distributed import get_worker
 
     here = get_worker().address.rsplit(":", 1)[0]
-    workers = get_worker().client.scheduler_info()["workers"]  # of all machines
+    workers: Iterable[str] = get_worker().client.scheduler_info()["workers"]  # of all machines
     return max(1, (os.cpu_count() or 1) // max(1, sum(address.rsplit(":", 1)[0] == here for address in workers)))
