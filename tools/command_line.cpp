@@ -135,19 +135,8 @@ void addColor(CLI::App& app, ColorOptions& options, Verbosity& verbosity) {
       "The picture file tells the wheel and the scale as text.");
   command->add_option("FLOW", options.flow, "Flow file to draw")->required()->type_name("");
   command->add_option("-o,--output", options.output, "Picture to write")->required()->type_name("OUT.png");
-  command->add_option("--wheel", options.wheel, "Which colours: standard or dark")
-      ->check(CLI::IsMember({"standard", "dark"}))
-      ->capture_default_str()
-      ->type_name("NAME");
-  command
-      ->add_option(
-          "--max-motion", options.maxMotion,
-          "Motion with full colours [pixels]; auto: what 99 of 100 pixels do not exceed; longest: the "
-          "longest in FLOW")
-      ->check(CLI::IsMember({"auto", "longest"}) |
-              numberThat([](float value) { return value > 0; }, "auto, longest or a number above 0"))
-      ->capture_default_str()
-      ->type_name("NUMBER");
+  addColours(*command, options.wheel, options.maxMotion,
+             "auto: what 99 of 100 pixels do not exceed; longest: the longest in FLOW");
   command->add_flag(
       "--legend", options.legend,
       "Draw the colours of all motions, the scale and the wheel's name in the lower right corner");

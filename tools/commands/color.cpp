@@ -15,7 +15,7 @@ namespace tool {
 namespace {
 
 Colours coloursOf(const ColorOptions& options, const CTensor<float>& flow) {
-  const Wheel wheel = wheelNamed(options.wheel);
+  const Wheel wheel = options.wheel;
   if (options.maxMotion == "auto") return {wheel, usualMotion(flow)};
   if (options.maxMotion == "longest") return {wheel, longestMotion(flow)};
   return {wheel, std::stod(options.maxMotion)};

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "commands/console.h"
+#include "flow_picture/flow_picture.h"
 
 namespace CLI {
 class App;
@@ -41,7 +42,7 @@ void eval(const EvalOptions& options, const Verbosity& verbosity);
 
 struct ColorOptions {
   std::string flow, output;
-  std::string wheel = "standard";
+  Wheel wheel = Wheel::Standard;
   std::string maxMotion = "auto";  ///< a number [pixels], "longest" or "auto", the usual motion
   bool legend = false;
 };
