@@ -171,6 +171,13 @@ void addSynth(CLI::App& app, SynthOptions& options, Verbosity& verbosity) {
           },
           ""))
       ->type_name("WxH");
+  command
+      ->add_option(
+          "--frames", options.frames,
+          "So many frames instead, each an eighth of the motion on: DIR/frames, and in DIR/truth the flow "
+          "from each to the next and what is hidden")
+      ->transform(wholeNumber(2, 10000))
+      ->type_name("COUNT");
   command->add_option("--seed", options.seed, "Another number gives other textures and outlines")
       ->transform(wholeNumber(0, 4294967295))
       ->capture_default_str()

@@ -52,6 +52,7 @@ struct SynthOptions {
   std::string scene, folder;
   int width = 640, height = 480;
   unsigned seed = 1;
+  int frames = 0;  ///< of a sequence; 0: the two of a pair
 };
 void synth(const SynthOptions& options, const Verbosity& verbosity);
 
