@@ -140,6 +140,21 @@ void addColor(CLI::App& app, ColorOptions& options, Verbosity& verbosity) {
   command->add_flag(
       "--legend", options.legend,
       "Draw the colours of all motions, the scale and the wheel's name in the lower right corner");
+  CLI::Option* const arrows =
+      command
+          ->add_option(
+              "--arrows", options.arrows,
+              "Draw an arrow every so many pixels, from each to where it moves; none where that is unknown")
+          ->transform(wholeNumber(2, kLargestSide))
+          ->type_name("COUNT");
+  CLI::Option* const over =
+      command
+          ->add_option("--over", options.over,
+                       "Draw the arrows over this picture, FLOW's first frame, not over colours")
+          ->needs(arrows)
+          ->type_name("FRAME");
+  for (const char* colours : {"--wheel", "--max-motion", "--legend"})
+    over->excludes(command->get_option(colours));
   addVerbosity(*command, verbosity);
   command->callback([&] { color(options, verbosity); });
 }

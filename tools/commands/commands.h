@@ -45,6 +45,8 @@ struct ColorOptions {
   Wheel wheel = Wheel::Standard;
   std::string maxMotion = "auto";  ///< a number [pixels], "longest" or "auto", the usual motion
   bool legend = false;
+  int arrows = 0;    ///< pixels from one to the next; 0: none
+  std::string over;  ///< picture that is under the arrows instead of the colours, unless empty
 };
 void color(const ColorOptions& options, const Verbosity& verbosity);
 
