@@ -67,17 +67,17 @@ class FramePairs {
 class FilmMaker {
  public:
   FilmMaker(const FilmJob& film, const PairJob& job, const std::vector<Manifest>& manifests,
-            std::unique_ptr<FrameSource> frames)
-      : job_(film), pairs_(job), places_(placesOf(manifests)) {
+            std::unique_ptr<FrameSource> frames, std::function<void()> poll)
+      : job_(film), pairs_(job), places_(placesOf(manifests)), poll_(std::move(poll)) {
     if (frames) frames_ = std::make_unique<FramePairs>(std::move(frames), job.scale);
   }
 
-  Film make(const std::function<void()>& poll) {
-    survey(poll);
+  Film make() {
+    survey();
     const Colours colours{job_.wheel, film_.scale};
     if (job_.target == "png") fs::create_directories(fs::path(pairs_.folder) / "color");
     for (const auto& [pair, manifest] : places_) {
-      poll();
+      poll_();
       const Json record = manifest->record(pair);
       if (record.contains("outputs")) draw(pair, record, colours);
     }
@@ -95,7 +95,7 @@ class FilmMaker {
   }
 
   /// Finds the scale and the rate, and who is left out.
-  void survey(const std::function<void()>& poll) {
+  void survey() {
     double scale = 0, seconds = 0;
     long timed = 0;
     for (const auto& [pair, manifest] : places_) {
@@ -106,7 +106,7 @@ class FilmMaker {
       }
       if (job_.maxMotion == "auto") scale = std::max(scale, record.at("p99").get<double>());
       if (job_.maxMotion == "longest") {
-        poll();
+        poll_();
         scale = std::max(scale, longestMotion(flowOf(record)));
       }
       if (record.contains("t")) {
@@ -153,8 +153,8 @@ class FilmMaker {
       const fs::path path = fs::path(pairs_.folder) / "color" / (flow.stem().string() + ".png");
       writeWhole(path.string(), [&](std::FILE* file) { writePng(file, picture, 8, notes); });
     } else if (!writer_) {
-      writer_ =
-          std::make_unique<VideoWriter>(job_.target, film_.rate, picture.sizeX(), picture.sizeY(), notes);
+      writer_ = std::make_unique<VideoWriter>(job_.target, film_.rate, picture.sizeX(), picture.sizeY(),
+                                              notes, poll_);
     } else if (picture.sizeX() != film_.width || picture.sizeY() != film_.height) {
       film_.leftOut.push_back("pair " + std::to_string(pair) + " is left out, it has another size");
       return;
@@ -168,6 +168,7 @@ class FilmMaker {
   const FilmJob& job_;
   const PairJob& pairs_;
   Places places_;
+  std::function<void()> poll_;
   std::unique_ptr<FramePairs> frames_;
   std::unique_ptr<VideoWriter> writer_;
   Film film_;
@@ -181,7 +182,7 @@ bool FilmJob::has(Panel panel) const {
 
 Film makeFilm(const FilmJob& film, const PairJob& job, const std::vector<Manifest>& manifests,
               std::unique_ptr<FrameSource> frames, const std::function<void()>& poll) {
-  return FilmMaker(film, job, manifests, std::move(frames)).make(poll);
+  return FilmMaker(film, job, manifests, std::move(frames), poll).make();
 }
 
 }  // namespace tool

@@ -98,9 +98,11 @@ bool isWritableVideo(const std::string& path) {
 }
 
 VideoWriter::VideoWriter(std::string path, double rate, int width, int height,
-                         const std::vector<std::pair<std::string, std::string>>& notes)
+                         const std::vector<std::pair<std::string, std::string>>& notes,
+                         std::function<void()> poll)
     : path_(std::move(path)),
       part_(path_ + ".part"),
+      poll_(std::move(poll)),
       width_(width),
       height_(height),
       codedWidth_(width),
@@ -127,6 +129,7 @@ VideoWriter::~VideoWriter() {
 
 void VideoWriter::write(const void* bytes, std::size_t count) {
   for (std::size_t done = 0; done < count;) {
+    poll_();  // a signal ends the write early
     const ssize_t now =
         ::write(pictures_->pipe.write.get(), static_cast<const char*>(bytes) + done, count - done);
     if (now < 0 && errno == EINTR) continue;

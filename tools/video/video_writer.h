@@ -3,6 +3,7 @@
 #include <tarvo/CTensor.h>
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -27,9 +28,11 @@ class VideoWriter {
   /// @param rate           frames per second, above 0
   /// @param width, height  of all pictures
   /// @param notes          names and values of what the file is to tell as text
+  /// @param poll           called before each piece that is written, also after a signal; may throw
   /// @throws std::runtime_error  saying what is needed, if there is no ffmpeg
-  VideoWriter(std::string path, double rate, int width, int height,
-              const std::vector<std::pair<std::string, std::string>>& notes = {});
+  VideoWriter(
+      std::string path, double rate, int width, int height,
+      const std::vector<std::pair<std::string, std::string>>& notes = {}, std::function<void()> poll = [] {});
   /// Ends ffmpeg and removes what is not finished.
   ~VideoWriter();
   VideoWriter(const VideoWriter&) = delete;
@@ -49,6 +52,7 @@ class VideoWriter {
   [[noreturn]] void fail();
 
   std::string path_, part_;
+  std::function<void()> poll_;
   int width_, height_, codedWidth_, codedHeight_;
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> messages_{nullptr, std::fclose};
   struct Pictures;  // the way to ffmpeg
