@@ -27,23 +27,17 @@ std::string endingOf(const std::string& path) {
 
 using Words = std::vector<std::string>;
 
+constexpr const char* kConversion =
+    "scale=out_color_matrix=bt709:out_range=tv:sws_flags=bicubic+accurate_rnd+full_chroma_int+bitexact,"
+    "format=yuv420p";
+
 /// How the pictures are coded. The same ffmpeg gives the same bytes each time.
 Words codingWords(const std::string& path) {
   if (endingOf(path) == ".mkv") {
     return {"-c:v", "ffv1", "-level", "3", "-pix_fmt", "bgr0", "-f", "matroska"};
   }
-  Words words{
-      "-vf",
-      "scale=out_color_matrix=bt709:out_range=tv:sws_flags=bicubic+accurate_rnd+full_chroma_int+bitexact,"
-      "format=yuv420p",
-      "-color_primaries",
-      "bt709",
-      "-color_trc",
-      "bt709",
-      "-colorspace",
-      "bt709",
-      "-color_range",
-      "tv"};
+  Words words{"-vf",         kConversion, "-color_primaries", "bt709", "-color_trc", "bt709",
+              "-colorspace", "bt709",     "-color_range",     "tv"};
   const bool hasX264 =
       video::outputOf({"ffmpeg", "-v", "error", "-encoders"}).find(" libx264 ") != std::string::npos;
   const Words codec = hasX264 ? Words{"-c:v", "libx264", "-crf", "16"} : Words{"-c:v", "mpeg4", "-q:v", "2"};
