@@ -1,6 +1,7 @@
 # A thin front for the build: every target is one or two commands that can be typed as well.
 #
 #   make demo            set-up, build, and the main job: the flow of a rendered scene
+#   make demo-video      the same of a clip, with the flow as a film beside it
 #   make test            set-up, build, tests
 #
 # Variables: JOBS=n (tests run side by side), WERROR=ON (warnings are errors), CMAKE_ARGS=... (further settings,
@@ -13,7 +14,7 @@ SETUP ?= scripts/setup.sh
 CONFIGURE = cmake -DTARVO_WERROR=$(WERROR) $(CMAKE_ARGS) --preset
 CTEST = ctest -j$(JOBS) --preset
 
-.PHONY: all help setup build demo test sanitize emulated bench python format check-format lint layers install-check reference gpu-check clean
+.PHONY: all help setup build demo demo-video test sanitize emulated bench python format check-format lint layers install-check reference gpu-check clean
 .NOTPARALLEL:
 
 all: build
@@ -21,6 +22,7 @@ all: build
 help:
 	@echo 'make build          build with the packages that are there (set-up installs them)'
 	@echo 'make demo           set-up, build, flow of a rendered scene and its error; results in build/demo'
+	@echo 'make demo-video     set-up, build, a clip of a rendered scene and its flow, build/demo/demo.mp4; needs ffmpeg'
 	@echo 'make test           set-up, build, tests'
 	@echo 'make bench          set-up, build, benchmarks; results in build/bench'
 	@echo 'make sanitize       set-up, tests with address and undefined-behaviour sanitizers'
@@ -43,6 +45,9 @@ build:
 
 demo: setup build
 	@scripts/demo.sh
+
+demo-video: setup build
+	@scripts/demo_video.sh
 
 test: setup build
 	$(CTEST) release

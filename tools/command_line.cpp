@@ -135,22 +135,26 @@ void addColor(CLI::App& app, ColorOptions& options, Verbosity& verbosity) {
       "The picture file tells the wheel and the scale as text.");
   command->add_option("FLOW", options.flow, "Flow file to draw")->required()->type_name("");
   command->add_option("-o,--output", options.output, "Picture to write")->required()->type_name("OUT.png");
-  command->add_option("--wheel", options.wheel, "Which colours: standard or dark")
-      ->check(CLI::IsMember({"standard", "dark"}))
-      ->capture_default_str()
-      ->type_name("NAME");
-  command
-      ->add_option(
-          "--max-motion", options.maxMotion,
-          "Motion with full colours [pixels]; auto: what 99 of 100 pixels do not exceed; longest: the "
-          "longest in FLOW")
-      ->check(CLI::IsMember({"auto", "longest"}) |
-              numberThat([](float value) { return value > 0; }, "auto, longest or a number above 0"))
-      ->capture_default_str()
-      ->type_name("NUMBER");
+  addColours(*command, options.wheel, options.maxMotion,
+             "auto: what 99 of 100 pixels do not exceed; longest: the longest in FLOW");
   command->add_flag(
       "--legend", options.legend,
       "Draw the colours of all motions, the scale and the wheel's name in the lower right corner");
+  CLI::Option* const arrows =
+      command
+          ->add_option(
+              "--arrows", options.arrows,
+              "Draw an arrow every so many pixels, from each to where it moves; none where that is unknown")
+          ->transform(wholeNumber(2, kLargestSide))
+          ->type_name("COUNT");
+  CLI::Option* const over =
+      command
+          ->add_option("--over", options.over,
+                       "Draw the arrows over this picture, FLOW's first frame, not over colours")
+          ->needs(arrows)
+          ->type_name("FRAME");
+  for (const char* colours : {"--wheel", "--max-motion", "--legend"})
+    over->excludes(command->get_option(colours));
   addVerbosity(*command, verbosity);
   command->callback([&] { color(options, verbosity); });
 }
@@ -182,6 +186,13 @@ void addSynth(CLI::App& app, SynthOptions& options, Verbosity& verbosity) {
           },
           ""))
       ->type_name("WxH");
+  command
+      ->add_option(
+          "--frames", options.frames,
+          "So many frames instead, each an eighth of the motion on: DIR/frames, and in DIR/truth the flow "
+          "from each to the next and what is hidden")
+      ->transform(wholeNumber(2, 10000))
+      ->type_name("COUNT");
   command->add_option("--seed", options.seed, "Another number gives other textures and outlines")
       ->transform(wholeNumber(0, 4294967295))
       ->capture_default_str()

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import subprocess
 from pathlib import Path
 
@@ -12,6 +13,7 @@ ROOT = Path(__file__).parents[2]
 DOCUMENTS = [str(path.relative_to(ROOT)) for path in [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]]
 # Shell blocks with one of these install, build, measure for minutes, or need a program that is not ours.
 NOT_RUN = ("make ", "cmake ", "ninja", "scripts/", "bench/", "bin/tarvo_bench", "pip install", "sbatch", "parallel ", "nvcc")
+NOT_RUN += () if shutil.which("ffmpeg") else (".mp4", ".mkv")
 
 
 def blocks_of(document, language):

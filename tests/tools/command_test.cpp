@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "flow_picture/arrows.h"
 #include "pictures/picture.h"
 #include "support/library_state.h"
 #include "synth/scene.h"
@@ -435,6 +436,22 @@ TEST_F(Command, ColorDrawsOnBothWheelsAtTheScaleAskedFor) {
   wild(3, 3, 0) = 1000;
   NFlowFile::write(path("w.flo"), wild);
   EXPECT_TRUE(contains(runTool({"color", path("w.flo"), "-o", path("w.png")}).out, " 2.83 px"));
+}
+
+TEST(Arrows, LeadFromWherePixelsAreToWhereTheyMove) {
+  CTensor<float> picture(25, 9, 3, 100.f), flow(25, 9, 2, 0.f);
+  for (int x = 0; x < 25; ++x) flow(x, 4, 0) = 7;
+  flow(12, 4, 0) = 2e9f;  // unknown
+  flow(20, 4, 0) = 0;
+  flow(20, 4, 1) = -3;
+  EXPECT_EQ(tool::drawArrows(picture, flow, 8), 2);
+  for (int x = 4; x <= 11; ++x) EXPECT_EQ(picture(x, 4, 1), 0) << x;
+  for (int y = 1; y <= 4; ++y) EXPECT_EQ(picture(20, y, 2), 0) << y;
+  EXPECT_LT(picture(9, 3, 0), 50);  // the head
+  EXPECT_EQ(picture(9, 3, 0), picture(9, 5, 0));
+  EXPECT_GT(picture(4, 5, 0), 100);  // the light edge
+  for (int x = 13; x <= 17; ++x) EXPECT_EQ(picture(x, 4, 0), 100) << x;
+  EXPECT_EQ(picture(20, 7, 0), 100);
 }
 
 TEST_F(Command, ColorPutsTheLegendIntoTheLowerRightCorner) {

@@ -160,7 +160,9 @@ TEST_F(Sequence, FramesOfAStreamAreThoseOfTheFolder) {
   };
   ASSERT_EQ(pipe("-o " + path("piped") + " < " + path("frames.ppm")).status, 0);
   EXPECT_EQ(tree("piped", false), tree("out", false));
-  ASSERT_EQ(pipe("--resume -o " + path("piped") + " < " + path("frames.ppm")).status, 0);
+  const Outcome resumed = pipe("--resume --json -o " + path("piped") + " < " + path("frames.ppm"));
+  ASSERT_EQ(resumed.status, 0);
+  EXPECT_EQ(lines(resumed.out).back()["summary"]["skipped"], 3);
   EXPECT_EQ(pipe("--shard 1/2 -o " + path("x") + " < " + path("frames.ppm")).status, 2);
   const Outcome cut = pipe("-o " + path("cut") + " < /dev/null");
   EXPECT_EQ(cut.status, 1);

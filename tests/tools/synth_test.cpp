@@ -119,6 +119,27 @@ TEST(Synth, MotionsAreInPixelsWhateverTheSize) {
   }
 }
 
+TEST(Synth, TheScenesOfASequenceGoOnMoving) {
+  const Scene scene = makeScene("layers", 61, 37, 5);
+  const Rendering pair = render(scene);
+  CTensor<float> flow, visible, back;
+  const CTensor<float> half = renderFrame(scene, 0.5);
+  renderMotion(scene, 0, 0.5, flow, visible);
+  renderMotion(scene, 0.5, 0, back, visible);
+  long seen = 0;
+  for (int y = 3; y < 34; ++y) {
+    for (int x = 5; x < 56; ++x) {  // the way there is the way back wherever both see the same layer
+      const float u = flow(x, y, 0), v = flow(x, y, 1);
+      const int i = static_cast<int>(std::lround(x + u)), j = static_cast<int>(std::lround(y + v));
+      if (std::hypot(back(i, j, 0) + u, back(i, j, 1) + v) > 0.1) continue;
+      EXPECT_NEAR(pair.flow(x, y, 0), 2 * u, 0.1);
+      EXPECT_NEAR(half(i, j, 1), pair.frame1(x, y, 1), 60);  // half a pixel apart at most
+      ++seen;
+    }
+  }
+  EXPECT_GT(seen, 1000);
+}
+
 TEST(Synth, TheSeedDecidesTheTexturesAndOnlyIt) {
   const Rendering first = render(makeScene("layers", 61, 37, 5)),
                   again = render(makeScene("layers", 61, 37, 5)),

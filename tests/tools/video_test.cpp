@@ -9,6 +9,7 @@
 
 #include "pictures/picture.h"
 #include "tools/run_tool.h"
+#include "video/video_writer.h"
 
 namespace {
 
@@ -122,6 +123,60 @@ TEST_F(Video, ClipsAreTurnedAndReadWithAllTheirBits) {
   const CTensor<float>& picture = fineFrames.at(0).picture;
   EXPECT_TRUE(std::any_of(picture.data(), picture.data() + picture.size(),
                           [](float value) { return value != std::floor(value); }));
+}
+
+TEST_F(Video, WritesClipsThatHaveThePicturesAndLeavesNothingWhereItCannot) {
+  const CTensor<float> picture = readPicture(folder_.path("1.png"), nullptr);
+  CTensor<float> odd(33, 21, 3, 0.f);
+  const auto write = [&](const std::string& path, const CTensor<float>& shown) {
+    tool::VideoWriter writer(path, 23.97603, shown.sizeX(), shown.sizeY());
+    for (int i = 0; i < 3; ++i) writer.add(shown);
+    writer.finish();
+  };
+  write(folder_.path("-o;.mkv"), picture);
+  write(folder_.path("o.mp4"), odd);
+  const auto lossless = framesOf(folder_.path("-o;.mkv")), coded = framesOf(folder_.path("o.mp4"));
+  ASSERT_EQ(lossless.size() + coded.size(), 6u);
+  EXPECT_TRUE(std::equal(picture.data(), picture.data() + picture.size(), lossless[2].picture.data()));
+  EXPECT_EQ(coded[0].picture.sizeX() * 100 + coded[0].picture.sizeY(), 3422);
+  EXPECT_NEAR(*coded[2].time, 2 * 1001 / 24000., 1e-6);
+
+  std::filesystem::create_directory(folder_.path("d.mkv"));
+  EXPECT_THROW(write(folder_.path("d.mkv"), picture), std::runtime_error);
+  { tool::VideoWriter given_up(folder_.path("u.mkv"), 25, 34, 22); }
+  for (const auto& entry : std::filesystem::directory_iterator(folder_.path(""))) {
+    EXPECT_NE(entry.path().extension(), ".part") << entry.path();
+  }
+}
+
+TEST_F(Video, SequencesAreDrawnWithOneScaleAlsoOfPairsThatWereThere) {
+  const std::string out = folder_.path("out");
+  const auto sequence = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {"sequence", folder_.path("%d.png"), "-o", out, "--preset", "fast"});
+    return runTool(words);
+  };
+  ASSERT_EQ(sequence({"-q", "--direction", "both"}).status, 0);
+  writeText(folder_.path("4.png"), "no picture");
+  EXPECT_EQ(sequence({"--direction", "both", "--redo", "--color", out + "/c.mkv", "--panel",
+                      "frame,error,occlusion,color", "--max-motion", "3"})
+                .status,
+            1);
+  const auto frames = framesOf(out + "/c.mkv");
+  ASSERT_EQ(frames.size(), 4u);  // without the pairs of the frame that cannot be read
+  const std::vector<std::string> flows{"1", "2", "5", "6"};
+  for (std::size_t i = 0; i < 4; ++i) {
+    const std::string frame = folder_.path(flows[i] + ".png"), colour = folder_.path("c.png");
+    ASSERT_EQ(runTool({"color", out + "/" + flows[i] + ".flo", "-o", colour, "--max-motion", "3"}).status, 0);
+    const CTensor<float> shown = readPicture(frame, nullptr), motion = readPicture(colour, nullptr);
+    int differing = 0;
+    for (int k = 0; k < shown.size(); ++k) {
+      const int x = k % 34, y = k / 34 % 22, z = k / 34 / 22;
+      differing += frames[i].picture(x, y, z) != shown(x, y, z) ? 1 : 0;
+      differing += frames[i].picture(34 + x, 22 + y, z) != motion(x, y, z) ? 1 : 0;
+    }
+    EXPECT_EQ(differing, 0) << i;
+  }
+  EXPECT_EQ(sequence({"--resume", "--color", "png", "--panel", "occlusion"}).status, 2);
 }
 
 TEST_F(Video, WhatIsNoClipIsAnError) {

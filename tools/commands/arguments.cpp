@@ -106,6 +106,28 @@ void addDevice(CLI::App& command, std::string& device) {
       ->type_name("DEVICE");
 }
 
+void addColours(CLI::App& command, Wheel& wheel, std::string& maxMotion, const std::string& words,
+                CLI::Option* needed) {
+  CLI::Option* const wheelOption =
+      command
+          .add_option_function<std::string>(
+              "--wheel", [&wheel](const std::string& name) { wheel = wheelNamed(name); },
+              "Which colours: standard or dark")
+          ->check(CLI::IsMember({"standard", "dark"}))
+          ->default_str(nameOf(wheel))
+          ->type_name("NAME");
+  CLI::Option* const motionOption =
+      command.add_option("--max-motion", maxMotion, "Motion with full colours [pixels]; " + words)
+          ->check(CLI::IsMember({"auto", "longest"}) |
+                  numberThat([](float value) { return value > 0; }, "auto, longest or a number above 0"))
+          ->capture_default_str()
+          ->type_name("NUMBER");
+  if (needed) {
+    wheelOption->needs(needed);
+    motionOption->needs(needed);
+  }
+}
+
 void addThreads(CLI::App& command, int& threads) {
   command.add_option("--threads", threads, "Threads of the CPU device (default: one per processor)")
       ->transform(wholeNumber(1, 1024))

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "commands/console.h"
+#include "flow_picture/flow_picture.h"
 
 /// What several commands' command lines share.
 namespace tool {
@@ -22,6 +23,12 @@ CLI::Validator wholeNumber(long lowest, long highest);
 void addVerbosity(CLI::App& app, Verbosity& verbosity);
 void addDevice(CLI::App& command, std::string& device);
 void addThreads(CLI::App& command, int& threads);
+
+/// --wheel and --max-motion.
+/// @param words   what auto and longest stand for
+/// @param needed  an option without which these have no meaning, or null
+void addColours(CLI::App& command, Wheel& wheel, std::string& maxMotion, const std::string& words,
+                CLI::Option* needed = nullptr);
 
 /// A value of an option as the user wrote it.
 using Choices = std::vector<std::pair<const NFlow::Option*, std::string>>;

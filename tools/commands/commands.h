@@ -6,6 +6,7 @@
 #include <string>
 
 #include "commands/console.h"
+#include "flow_picture/flow_picture.h"
 
 namespace CLI {
 class App;
@@ -41,9 +42,11 @@ void eval(const EvalOptions& options, const Verbosity& verbosity);
 
 struct ColorOptions {
   std::string flow, output;
-  std::string wheel = "standard";
+  Wheel wheel = Wheel::Standard;
   std::string maxMotion = "auto";  ///< a number [pixels], "longest" or "auto", the usual motion
   bool legend = false;
+  int arrows = 0;    ///< pixels from one to the next; 0: none
+  std::string over;  ///< picture that is under the arrows instead of the colours, unless empty
 };
 void color(const ColorOptions& options, const Verbosity& verbosity);
 
@@ -51,6 +54,7 @@ struct SynthOptions {
   std::string scene, folder;
   int width = 640, height = 480;
   unsigned seed = 1;
+  int frames = 0;  ///< of a sequence; 0: the two of a pair
 };
 void synth(const SynthOptions& options, const Verbosity& verbosity);
 

@@ -14,6 +14,7 @@
 
 #include "commands/arguments.h"
 #include "commands/commands.h"
+#include "commands/film.h"
 #include "commands/parameters.h"
 #include "commands/sequence_report.h"
 #include "commands/stop.h"
@@ -36,6 +37,7 @@ struct SequenceOptions {
   std::string folder;
   std::string direction = "forward", format = "flo";
   bool occlusion = false, noMatches = false;
+  FilmJob film;
   Selection selection;
   double scale = 1;
   bool resume = false, redo = false, verify = false;
@@ -188,7 +190,9 @@ class ClipRun {
     header["pairs"] = pairs_ ? Json(*pairs_) : Json();
     if (shard_.count > 1) header["shard"] = {shard_.number, shard_.count};
     header["settings"] = job_.settings;
-    manifest_.start(header, [this](long pair) { return known_.isDone(pair, files_); });
+    manifest_.start(header, [this](long pair) {  // of a stream it shows when the frames come
+      return clip_.kind != Clip::Kind::Files || known_.isDone(pair, files_);
+    });
     const auto note = [&](const PairReport& pair) {
       if (pair.state != PairReport::State::Skipped) manifest_.add(pair.record);
       report(pair);
@@ -196,6 +200,15 @@ class ClipRun {
     const bool whole = clip_.kind == Clip::Kind::Files ? runFiles(note) : runStream(note);
     if (whole) manifest_.finish(*pairs_);
     return whole;
+  }
+
+  /// Draws what is done. This process computes then: no other may be forked from it afterwards.
+  void draw() const {
+    std::unique_ptr<FrameSource> frames;
+    if (options_.film.needsFrames() && !options_.film.target.empty()) {
+      frames = clip_.kind == Clip::Kind::Files ? framesOf(files_) : select(open(nullptr), options_.selection);
+    }
+    makeFilm(options_.film, job_, shard_, std::move(frames), verbosity_, options_.json);
   }
 
  private:
@@ -236,12 +249,9 @@ class ClipRun {
 
   std::string named() const { return clip_.kind == Clip::Kind::Stream ? "standard input" : clip_.input; }
 
-  std::unique_ptr<FrameSource> open() const {
+  std::unique_ptr<FrameSource> open(std::vector<std::string>* messages) const {
     if (clip_.kind == Clip::Kind::Stream) return framesOf(stdin, named());
-    std::vector<std::string> messages;
-    std::unique_ptr<FrameSource> frames = openVideo(clip_.input, {}, &messages);
-    for (const std::string& text : messages) message(verbosity_, text);
-    return frames;
+    return openVideo(clip_.input, {}, messages);
   }
 
   bool runStream(const std::function<void(const PairReport&)>& report) {
@@ -251,7 +261,9 @@ class ClipRun {
       return known_.isDone(pair, first, second, options_.redo);
     };
     Pairs pairs(job_, 0, isDone, report, throwIfStopped);
-    const auto source = select(open(), options_.selection);
+    std::vector<std::string> messages;
+    const auto source = select(open(&messages), options_.selection);
+    for (const std::string& text : messages) message(verbosity_, text);
     long frames = 0;
     try {
       for (Frame frame; source->next(frame); ++frames) pairs.add(std::move(frame));
@@ -322,6 +334,7 @@ void sequence(const SequenceOptions& options, const Verbosity& verbosity) {
     runs.back()->prepare();
     known = known < 0 || runs.back()->known() < 0 ? -1 : known + runs.back()->known();
   }
+  checkFilm(options.film, jobOf(options), clips, options.folder);
   stopOnSignals();
   SequenceReport report(verbosity, options.json, known, clips.size() > 1);
   bool whole = true;
@@ -335,6 +348,11 @@ void sequence(const SequenceOptions& options, const Verbosity& verbosity) {
     endBy(stopped);
   }
   report.finish();
+  try {
+    for (const auto& run : runs) run->draw();
+  } catch (const Stopped& stopped) {
+    endBy(stopped);
+  }
   if (report.failed() > 0) {
     throw std::runtime_error(std::to_string(report.failed()) +
                              (report.failed() == 1 ? " pair has failed" : " pairs have failed"));
@@ -373,6 +391,7 @@ void addSequence(CLI::App& app, Verbosity& verbosity) {
       ->type_name("NAME");
   command->add_flag("--occlusion", options->occlusion,
                     "Also draw in white what of a frame is hidden in the next, in FOLDER/occlusion");
+  addFilm(*command, options->film);
   command->add_option("--start", options->selection.first, "First frame to use, counted from 0")
       ->transform(wholeNumber(0, 2000000000))
       ->type_name("NUMBER");

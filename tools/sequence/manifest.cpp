@@ -97,7 +97,7 @@ void Manifest::add(const Json& record) {
 
 void Manifest::finish(long pairs) {
   header_["pairs"] = pairs;
-  rewrite([](long) { return true; });
+  rewrite([pairs](long pair) { return pair < pairs; });
 }
 
 }  // namespace tool

@@ -40,7 +40,7 @@ class Manifest {
   void start(const Json& header, const std::function<bool(long pair)>& keep);
   /// Adds the record of a pair.
   void add(const Json& record);
-  /// Brings the records in order, and writes the number of pairs.
+  /// Brings the records in order, without those of more pairs, and writes the number of pairs.
   void finish(long pairs);
 
  private:

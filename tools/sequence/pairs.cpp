@@ -10,6 +10,7 @@
 #include "evaluation/evaluation.h"
 #include "pictures/picture.h"
 #include "sequence/content_hash.h"
+#include "sequence/panels.h"
 #include "sequence/scene_change.h"
 #include "sequence/whole_file.h"
 
@@ -25,11 +26,6 @@ NFlow::Image viewOf(const CTensor<float>& picture) {
 
 std::string sizeOf(const CTensor<float>& picture) {
   return std::to_string(picture.sizeX()) + " x " + std::to_string(picture.sizeY());
-}
-
-void shrink(CTensor<float>& picture, double scale) {
-  const auto scaled = [scale](int size) { return std::max(1, static_cast<int>(std::lround(size * scale))); };
-  if (scale < 1) picture.downsample(scaled(picture.sizeX()), scaled(picture.sizeY()));
 }
 
 /// Mean length and 99th percentile of the lengths [pixels], to a hundredth.
@@ -48,13 +44,6 @@ void addLengths(const CTensor<float>& flow, Json& record) {
   record["p99"] = hundredths(*place);
 }
 
-/// A mask as a grey picture.
-CTensor<float> pictureOf(const std::vector<std::uint8_t>& mask, int width, int height) {
-  CTensor<float> picture(width, height, 3);
-  for (std::size_t k = 0; k < 3 * mask.size(); ++k) picture.data()[k] = mask[k % mask.size()];
-  return picture;
-}
-
 }  // namespace
 
 std::string pairKey(const Json& settings, const std::string& contents1, const std::string& contents2) {
@@ -63,6 +52,11 @@ std::string pairKey(const Json& settings, const std::string& contents1, const st
 
 std::string contentsOf(const Frame& frame) {
   return frame.path.empty() ? hashOf(frame.picture) : hashOfFile(frame.path);
+}
+
+void shrink(CTensor<float>& picture, double scale) {
+  const auto scaled = [scale](int size) { return std::max(1, static_cast<int>(std::lround(size * scale))); };
+  if (scale < 1) picture.downsample(scaled(picture.sizeX()), scaled(picture.sizeY()));
 }
 
 void makeFolders(const PairJob& job) {
@@ -184,8 +178,9 @@ Json Pairs::computed(const Loaded& first, const Loaded& second) const {
   if (job_.forward) writeFlow("forward", name, result.forward);
   if (job_.backward) writeFlow("backward", "backward/" + name, result.backward);
   if (job_.occlusion) {
-    write("occlusion", "occlusion/" + name + ".png",
-          [&](std::FILE* file) { writePng(file, pictureOf(result.occlusion, told.sizeX(), told.sizeY())); });
+    write("occlusion", "occlusion/" + name + ".png", [&](std::FILE* file) {
+      writePng(file, maskPicture(result.occlusion, told.sizeX(), told.sizeY()));
+    });
   }
   record["matches"] = result.forwardWork.counts.keptMatches;
   addLengths(told, record);

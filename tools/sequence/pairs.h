@@ -75,6 +75,9 @@ std::string pairKey(const Json& settings, const std::string& contents1, const st
 /// The contents of a frame, which is read if need be.
 std::string contentsOf(const Frame& frame);
 
+/// Shrinks a picture by area averages to `scale` times its sides, unless that is 1.
+void shrink(CTensor<float>& picture, double scale);
+
 /// The folders that results go to; they are made.
 void makeFolders(const PairJob& job);
 

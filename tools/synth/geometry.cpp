@@ -8,6 +8,8 @@ namespace synth {
 Motion::Motion(Point centre, Point shift, double angle, double zoom)
     : centre_(centre),
       shift_(shift),
+      angle_(angle),
+      zoom_(zoom),
       cosine_(zoom * std::cos(angle)),
       sine_(zoom * std::sin(angle)),
       squaredZoom_(zoom * zoom) {}
@@ -21,6 +23,10 @@ Point Motion::inverse(Point p) const {
   const double x = (p.x - shift_.x - centre_.x) / squaredZoom_,
                y = (p.y - shift_.y - centre_.y) / squaredZoom_;
   return {centre_.x + cosine_ * x + sine_ * y, centre_.y - sine_ * x + cosine_ * y};
+}
+
+Motion Motion::part(double share) const {
+  return Motion(centre_, {share * shift_.x, share * shift_.y}, share * angle_, std::pow(zoom_, share));
 }
 
 Shape::Shape(Kind kind, Point centre, double radiusX, double radiusY, double angle)

@@ -19,8 +19,13 @@ class Motion {
   Point apply(Point p) const;
   Point inverse(Point p) const;
 
+  /// Where points are after so much of the motion, 1 being all of it: turn, shift and the logarithm of the
+  /// magnification grow with it.
+  Motion part(double share) const;
+
  private:
   Point centre_, shift_;
+  double angle_, zoom_;
   double cosine_, sine_, squaredZoom_;  // the first two carry the zoom
 };
 

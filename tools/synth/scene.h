@@ -48,6 +48,12 @@ struct Rendering {
       visible;  ///< width x height x 1: 1 where the point seen in frame 1 is also seen in frame 2, else 0
 };
 
+/// The frame after so much of the motions, 0 being frame 1 and 1 frame 2.
+CTensor<float> renderFrame(const Scene& scene, double time);
+
+/// Flow and visibility, as in Rendering, from the frame at one time to that at another.
+void renderMotion(const Scene& scene, double from, double to, CTensor<float>& flow, CTensor<float>& visible);
+
 /// Renders both frames: frame 2 looks every layer up at the inverse of its motion, so that the flow is exact.
 /// The same scene gives the same values every time.
 Rendering render(const Scene& scene);
